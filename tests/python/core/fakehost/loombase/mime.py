@@ -1,0 +1,3 @@
+"""Mime types that the analysis can read."""
+
+kAnalyzableMimeTypes = frozenset({"text/x-python"})

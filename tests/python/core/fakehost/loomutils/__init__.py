@@ -1,0 +1,1 @@
+"""Fake of the host's package `loomutils`."""

@@ -1,0 +1,4 @@
+"""Kinds of definitions."""
+
+kClassDef = "class"
+kFunctionDef = "def"
