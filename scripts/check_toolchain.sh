@@ -1,0 +1,40 @@
+#!/bin/sh
+# Say in one line what the C++ build lacks on this machine, with the Debian package to install.
+#
+#   scripts/check_toolchain.sh [--tests] [--sanitize]
+set -u
+
+work=$(mktemp -d) || exit 1
+trap 'rm -rf "$work"' EXIT
+cxx=${CXX:-c++}
+
+fail() {
+  echo "check_toolchain: $1" >&2
+  exit 1
+}
+
+# compiles FLAGS...: whether the program in $work/probe.cpp builds.
+compiles() { "$cxx" -std=c++20 "$@" "$work/probe.cpp" -o "$work/probe" >/dev/null 2>&1; }
+
+command -v "$cxx" >/dev/null 2>&1 || fail "no C++ compiler ($cxx) found; apt-get install g++"
+
+echo '#include <concepts>
+int main() { return std::same_as<int, int> ? 0 : 1; }' >"$work/probe.cpp"
+compiles || fail "$cxx can't build C++20; g++ 12 or clang++ 16 and later can: apt-get install g++"
+
+for option in "$@"; do
+  case $option in
+    --tests)
+      echo '#include <gtest/gtest.h>
+      TEST(Probe, Links) {}' >"$work/probe.cpp"
+      compiles -lgtest_main -lgtest -pthread ||
+        fail "GoogleTest not found; apt-get install libgtest-dev"
+      ;;
+    --sanitize)
+      echo 'int main() {}' >"$work/probe.cpp"
+      compiles -fsanitize=address,undefined ||
+        fail "$cxx has no address sanitizer; apt-get install libasan8 libubsan1"
+      ;;
+    *) fail "unknown option $option" ;;
+  esac
+done
