@@ -1,0 +1,59 @@
+# What one types here. Everything is set up on the way and only when something has changed: a virtual
+# environment in .venv, the build in build/, nothing outside of this folder.
+#
+#   PYTHON=/path/to/python3.12   which interpreter to use, when the one found is not the right one
+#   CXX=g++-13                   which C++ compiler
+
+MAKEFLAGS += --no-builtin-rules --no-print-directory
+BIN := .venv/bin
+
+.DEFAULT_GOAL := help
+.PHONY: help demo test sanitize format format-check stubs bench-queue bench-scan install \
+        venv venv-dev clean
+
+help:
+	@echo "make demo          build, then scan the standard library and show what was found"
+	@echo "make test          build, then run all tests, under python and python -O"
+	@echo "make sanitize      run the tests of the C++ code under ASan and UBSan"
+	@echo "make stubs         check the type stubs against the modules, and the types of loom"
+	@echo "make format        format the C++ sources; make format-check only looks"
+	@echo "make bench-queue   measure the scan queue; make bench-scan the scanning of files"
+	@echo "make clean         remove .venv and build"
+
+venv:
+	@scripts/setup_venv.sh build
+
+venv-dev:
+	@scripts/setup_venv.sh dev
+
+install: venv
+	@scripts/install.sh
+
+demo: install
+	@scripts/demo.sh
+
+test: venv-dev
+	@scripts/check_toolchain.sh --tests
+	@scripts/install.sh
+	@scripts/run_tests.sh
+
+sanitize: venv-dev
+	@scripts/check_toolchain.sh --tests --sanitize
+	@scripts/run_sanitized.sh
+
+stubs: venv-dev
+	@scripts/install.sh
+	@scripts/check_types.sh
+
+format: venv-dev
+	@scripts/format.sh -i
+
+format-check: venv-dev
+	@scripts/format.sh --dry-run --Werror
+
+bench-queue bench-scan: bench-%: venv-dev
+	@scripts/install.sh
+	@$(BIN)/python -P benchmarks/$*/run.py
+
+clean:
+	rm -rf .venv build
