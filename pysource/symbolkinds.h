@@ -18,45 +18,45 @@ namespace pysource {
 inline constexpr std::size_t kPrefixLen = 2;
 
 // X(Name, character). Characters are distinct, ASCII, and never a quote, bracket, ":" or ";".
-#define PYSOURCE_SYMBOL_KINDS(X)      \
-  X(Set, '=')                         \
-  X(Get, 'g')                         \
-  X(SetTypeHint, 'h')                 \
-  X(Nonlocal, 'n')                    \
-  X(Global, 'o')                      \
-  X(WithinExpr, 'w')                  \
-  X(Import, 'i')                      \
-  X(FromImport, 'f')                  \
-  X(ImportAsName, 'a')                \
-  X(Decorator, '@')                   \
-  X(SpecificScope, 's')               \
-  X(SpecificUrl, 'u')                 \
-  X(BuiltinModule, 'b')               \
-  X(TypingModule, 't')                \
-  X(BuiltinClass, 'k')                \
-  X(TypedLiteral, 'l')                \
-  X(Arg, 'r')                         \
-  X(TypeHint, 'H')                    \
-  X(ExpressionEquiv, 'e')             \
-  X(Method, 'm')                      \
-  X(UnboundMethod, 'M')               \
-  X(Function, 'F')                    \
-  X(Class, 'C')                       \
-  X(Self, 'S')                        \
-  X(Instance, 'I')                    \
-  X(Module, 'O')                      \
-  X(InferredTypeHint, 'N')            \
-  X(Conditional, '?')                 \
-  X(Called, 'c')                      \
-  X(TypeParameter, 'p')               \
-  X(GenericTypeAlias, 'G')            \
-  X(DefLineScope, 'D')                \
-  X(LogicalIndex, 'L')                \
-  X(DiscardCallResultStatement, 'z')  \
+#define PYSOURCE_SYMBOL_KINDS(X)     \
+  X(Set, '=')                        \
+  X(Get, 'g')                        \
+  X(SetTypeHint, 'h')                \
+  X(Nonlocal, 'n')                   \
+  X(Global, 'o')                     \
+  X(WithinExpr, 'w')                 \
+  X(Import, 'i')                     \
+  X(FromImport, 'f')                 \
+  X(ImportAsName, 'a')               \
+  X(Decorator, '@')                  \
+  X(SpecificScope, 's')              \
+  X(SpecificUrl, 'u')                \
+  X(BuiltinModule, 'b')              \
+  X(TypingModule, 't')               \
+  X(BuiltinClass, 'k')               \
+  X(TypedLiteral, 'l')               \
+  X(Arg, 'r')                        \
+  X(TypeHint, 'H')                   \
+  X(ExpressionEquiv, 'e')            \
+  X(Method, 'm')                     \
+  X(UnboundMethod, 'M')              \
+  X(Function, 'F')                   \
+  X(Class, 'C')                      \
+  X(Self, 'S')                       \
+  X(Instance, 'I')                   \
+  X(Module, 'O')                     \
+  X(InferredTypeHint, 'N')           \
+  X(Conditional, '?')                \
+  X(Called, 'c')                     \
+  X(TypeParameter, 'p')              \
+  X(GenericTypeAlias, 'G')           \
+  X(DefLineScope, 'D')               \
+  X(LogicalIndex, 'L')               \
+  X(DiscardCallResultStatement, 'z') \
   X(SetTrailers, 'T')
 
-#define PYSOURCE_DEFINE_KIND(name, character)                \
-  inline constexpr unsigned char k##name##Kind = character;  \
+#define PYSOURCE_DEFINE_KIND(name, character)                      \
+  inline constexpr unsigned char k##name##Kind = character;        \
   inline constexpr char k##name##PrefixArray[] = {':', character}; \
   inline constexpr std::string_view k##name##Prefix{k##name##PrefixArray, kPrefixLen};
 PYSOURCE_SYMBOL_KINDS(PYSOURCE_DEFINE_KIND)
