@@ -1,0 +1,124 @@
+"""Locations of files and folders.
+
+A location is a name, not an open file: it can be made for what doesn't exist. There is one object
+for each place, so that locations are compared and hashed by identity. An object that nobody holds
+any more is forgotten, so that memory follows what is in use.
+"""
+
+from __future__ import annotations
+
+import os
+import weakref
+from collections.abc import Callable, Iterable
+from typing import Self
+from urllib.parse import quote_from_bytes, unquote_to_bytes, urlsplit
+
+__all__ = ["CLocation", "CLocalFileLocation", "IsAsyncInspectLocation", "LocationFromUrl"]
+
+
+class CLocation:
+    """Base class of all locations.
+
+    `fUrl` is the URL as text. `fAsyncInspect` is true for a class whose locations must be
+    inspected asynchronously before anything is asked of them.
+    """
+
+    __slots__ = ("__weakref__",)
+
+    fAsyncInspect = False
+
+    @property
+    def fUrl(self) -> str:
+        raise NotImplementedError
+
+    def GetParentDir(self) -> CLocation:
+        """The location of the folder that holds this one; the topmost folder holds itself."""
+        raise NotImplementedError
+
+    def IsReady(self) -> bool:
+        """Whether everything can be asked of the location without waiting."""
+        return True
+
+
+class CLocalFileLocation(CLocation):
+    """A file or folder of the local file system.
+
+    `path` is made absolute and loses "." and ".." by its text alone: links are never followed, so
+    that a name stays what the user typed and a loop of links can't hang anything. Names that
+    aren't UTF-8 are kept as the operating system has them: in `path` by surrogate escapes, as in
+    `os.fsdecode`, in `fUrl` percent-encoded byte by byte.
+
+    Raises `ValueError` for an empty path or one with a null character.
+    """
+
+    __slots__ = ("path", "_url")
+
+    path: str
+    _url: str | None
+
+    def __new__(cls, path: str | bytes | os.PathLike[str] | os.PathLike[bytes]) -> Self:
+        text = os.fsdecode(path)
+        found = _interned.get((cls, text))
+        if isinstance(found, cls):  # only normal paths are keys
+            return found
+        if not text or "\0" in text:
+            raise ValueError(f"not a path: {text!r}")
+        text = os.path.abspath(text)
+        if text.startswith("//"):  # POSIX leaves exactly two slashes alone
+            text = text[1:]
+        found = _interned.get((cls, text))
+        if isinstance(found, cls):
+            return found
+        self = super().__new__(cls)
+        self.path = text
+        self._url = None
+        _interned[cls, text] = self
+        return self
+
+    @property
+    def fUrl(self) -> str:
+        """The percent-encoded "file:" URL."""
+        if self._url is None:
+            self._url = "file://" + quote_from_bytes(os.fsencode(self.path))
+        return self._url
+
+    def GetParentDir(self) -> CLocalFileLocation:
+        return type(self)(os.path.dirname(self.path))
+
+    def __fspath__(self) -> str:
+        return self.path
+
+    def __repr__(self) -> str:
+        return f"{type(self).__name__}({self.path!r})"
+
+    def __reduce__(self) -> tuple[type[Self], tuple[str]]:
+        return type(self), (self.path,)  # a copy is the same object
+
+
+_interned: weakref.WeakValueDictionary[tuple[type[CLocalFileLocation], str], CLocalFileLocation]
+_interned = weakref.WeakValueDictionary()
+
+
+def LocationFromUrl(url: str) -> CLocalFileLocation:
+    """The location with this `fUrl`. Raises `ValueError` for what isn't a local "file:" URL."""
+    parts = urlsplit(url)
+    if parts.scheme != "file" or parts.netloc not in ("", "localhost") or not parts.path:
+        raise ValueError(f"not the URL of a local file: {url!r}")
+    return CLocalFileLocation(unquote_to_bytes(parts.path))
+
+
+def IsAsyncInspectLocation(loc: CLocation) -> bool:
+    """Whether the location must be inspected asynchronously before use. Local ones never."""
+    return loc.fAsyncInspect
+
+
+def _WaitForInspectMultiple(
+    loc_seq: Iterable[CLocation], callback: Callable[[bool], object], force: bool = False
+) -> None:
+    """Call `callback(abort)` once, when all the locations are inspected.
+
+    Local locations are always inspected, so the call comes before this returns, and `force`, which
+    asks for a fresh inspection, has nothing to do. This host has no remote agent: a location that
+    isn't ready never will be, and `abort` is then true.
+    """
+    callback(not all(loc.IsReady() for loc in loc_seq))
