@@ -14,7 +14,7 @@ from collections.abc import Callable, Iterable
 from types import MappingProxyType
 from typing import Any
 
-__all__ = ["CDestroyable", "SignalError"]
+__all__ = ["CDestroyable", "CheckOwner", "COwned", "SignalError"]
 
 _log = logging.getLogger("loom.signals")
 
@@ -26,22 +26,54 @@ class SignalError(LookupError):
     """A signal was emitted or connected to that its object never declared."""
 
 
-class _CCatcher:
-    """One connection. The emitter's table holds it; its owner knows it weakly.
+class COwned:
+    """Something that ends when its owner is destroyed: see `CDestroyable.CutWhenDestroyed`.
+
+    The owner knows it weakly, so it lasts only as long as somebody else holds it.
+    """
+
+    __slots__ = ("id", "__weakref__")
+
+    def __init__(self) -> None:
+        self.id = _next_id()
+
+    def Cut(self) -> None:
+        """End it. Called at most once by the owner."""
+        raise NotImplementedError
+
+
+class _CCatcher(COwned):
+    """One connection; the emitter's table holds it.
 
     `callback` becomes none when the connection is cut, which is how an `emit` that is under way
     sees it. `emitter` is the object or class that emits, weakly, so that there is no cycle.
     """
 
-    __slots__ = ("callback", "emitter", "signal", "id", "__weakref__")
+    __slots__ = ("callback", "emitter", "signal")
 
     def __init__(self, callback: Callable[..., object], emitter: Any, signal: str) -> None:
+        super().__init__()
         if not callable(callback):
             raise TypeError(f"callback of signal {signal!r} can't be called: {callback!r}")
         self.callback: Callable[..., object] | None = callback
         self.emitter: weakref.ref[Any] = weakref.ref(emitter)
         self.signal = signal
-        self.id = _next_id()
+
+    def Cut(self) -> None:
+        self.callback = None
+        emitter = self.emitter()
+        if emitter is None:
+            return
+        if not isinstance(emitter, type):
+            emitter.disconnect(self.id)
+            return
+        by_name = _class_catchers[emitter]
+        by_name[self.signal].pop(self.id)
+        if not by_name[self.signal]:
+            del by_name[self.signal]
+        _class_wide_count[self.signal] -= 1
+        if not _class_wide_count[self.signal]:
+            del _class_wide_count[self.signal]
 
 
 _Catchers = dict[int, _CCatcher]
@@ -121,25 +153,24 @@ class CDestroyable:
                 for catcher in catchers.values():
                     catcher.callback = None
         if owned is not None:
-            for catcher in list(owned.values()):
-                _Cut(catcher)
+            for thing in list(owned.values()):
+                thing.Cut()
 
-    def __TakeOver(self, catcher: _CCatcher) -> None:
-        """Cut `catcher` when this object is destroyed, or now if that has happened.
+    def CutWhenDestroyed(self, thing: COwned) -> None:
+        """Call `thing.Cut()` when this object is destroyed, or now if that has happened.
 
-        Entries leave by themselves as soon as the connection is cut or its emitter is gone, so
-        that a long-lived owner doesn't collect them.
+        `thing` is held weakly, so that a long-lived owner doesn't collect what is over.
         """
         table = self.__fSignalCatchers
         owned = table.get(_kOwned)
         if owned is _kDead:
-            _Cut(catcher)
+            thing.Cut()
             return
         if owned is None:
             if isinstance(table, MappingProxyType):
                 table = self.__fSignalCatchers = {}
             owned = table[_kOwned] = weakref.WeakValueDictionary()
-        owned[catcher.id] = catcher
+        owned[thing.id] = thing
 
     # --- signals
 
@@ -188,9 +219,9 @@ class CDestroyable:
         self, name: str, callback: Callable[..., object], owner: CDestroyable
     ) -> int:
         """As `connect`, and the connection is also cut when `owner` is destroyed."""
-        _CheckOwner(owner)
+        CheckOwner(owner)
         catcher = self.__Connect(name, callback)
-        owner.__TakeOver(catcher)
+        owner.CutWhenDestroyed(catcher)
         return catcher.id
 
     def disconnect(self, connect_id: int) -> None:
@@ -224,36 +255,19 @@ class CDestroyable:
         as the first argument, so that the callback can tell them apart. The connection is cut
         when `owner` is destroyed.
         """
-        _CheckOwner(owner)
+        CheckOwner(owner)
         catcher = _CCatcher(callback, cls, name)
         catchers = _class_catchers.setdefault(cls, {}).setdefault(name, {})
         catchers[catcher.id] = catcher
         _class_wide_count[name] = _class_wide_count.get(name, 0) + 1
-        owner.__TakeOver(catcher)
+        owner.CutWhenDestroyed(catcher)
         return catcher.id
 
 
-def _Cut(catcher: _CCatcher) -> None:
-    """Cut a connection of an object or of a class from the side of its owner."""
-    catcher.callback = None
-    emitter = catcher.emitter()
-    if emitter is None:
-        return
-    if not isinstance(emitter, type):
-        emitter.disconnect(catcher.id)
-        return
-    by_name = _class_catchers[emitter]
-    by_name[catcher.signal].pop(catcher.id)
-    if not by_name[catcher.signal]:
-        del by_name[catcher.signal]
-    _class_wide_count[catcher.signal] -= 1
-    if not _class_wide_count[catcher.signal]:
-        del _class_wide_count[catcher.signal]
-
-
-def _CheckOwner(owner: object) -> None:
+def CheckOwner(owner: object) -> None:
+    """Raise `TypeError` for an owner that can't end anything, before anything is begun."""
     if not isinstance(owner, CDestroyable):
-        raise TypeError(f"owner of a connection must be a CDestroyable, not {owner!r}")
+        raise TypeError(f"owner must be a CDestroyable, not {owner!r}")
 
 
 def _NotDeclared(emitter: object, name: object) -> SignalError:

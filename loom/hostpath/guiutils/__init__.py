@@ -1,0 +1,1 @@
+"""What the engine sees of the main loop and the GUI toolkit."""
