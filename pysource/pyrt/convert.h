@@ -93,6 +93,13 @@ std::string_view Utf8(const Text& text);
 // The truth of a value, as Python's own tests take it.
 inline bool IsTrue(const Object& value) { return Check(PyObject_IsTrue(value.get_or_none())) != 0; }
 
+// len(value)
+inline std::size_t Size(const Object& value) {
+  const Py_ssize_t size = PyObject_Size(value.get_or_none());
+  if (size < 0) ThrowPending();
+  return static_cast<std::size_t>(size);
+}
+
 // Python's `==`, where identical objects are equal.
 inline bool Equal(const Object& a, const Object& b) {
   return Check(PyObject_RichCompareBool(a.get_or_none(), b.get_or_none(), Py_EQ)) != 0;

@@ -59,6 +59,21 @@ class SavedError {
   PyObject* saved_;
 };
 
+// Makes an error the exception that is being handled, as inside a Python `except` block.
+class HandlingError {
+ public:
+  explicit HandlingError(const PythonError& error) noexcept
+      : outer_(Object::Steal(PyErr_GetHandledException())) {
+    PyErr_SetHandledException(error.exception().get());
+  }
+  HandlingError(const HandlingError&) = delete;
+  HandlingError& operator=(const HandlingError&) = delete;
+  ~HandlingError() { PyErr_SetHandledException(outer_.get()); }
+
+ private:
+  Object outer_;
+};
+
 }  // namespace pyrt
 
 #endif  // PYSOURCE_PYRT_GUARD_H_
