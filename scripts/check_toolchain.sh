@@ -34,6 +34,9 @@ for option in "$@"; do
       echo 'int main() {}' >"$work/probe.cpp"
       compiles -fsanitize=address,undefined ||
         fail "$cxx has no address sanitizer; apt-get install libasan8 libubsan1"
+      # Python itself isn't instrumented, so the runtime is preloaded, and that is named as g++ does.
+      [ -e "$("$cxx" -print-file-name=libasan.so)" ] ||
+        fail "$cxx has no libasan.so to preload; the sanitized tests need g++: apt-get install g++"
       ;;
     *) fail "unknown option $option" ;;
   esac
