@@ -1,0 +1,1 @@
+"""A stand-alone host for the scan scheduler `pysource.scancoordinator`, and the `loom` command."""

@@ -1,0 +1,1 @@
+"""Text of files that are open in the host."""

@@ -1,0 +1,1 @@
+"""Editors of the host."""
