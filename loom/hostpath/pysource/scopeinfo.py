@@ -1,0 +1,506 @@
+"""The info cache: what is known of every scope of every file, kept in a database.
+
+Results of scans wait in memory until there are enough of them for a transaction, and are found there
+by every question just as if they were written. The cache never scans.
+"""
+
+from __future__ import annotations
+
+import logging
+import os
+import sqlite3
+from collections import OrderedDict
+from collections.abc import Callable, Iterable, Mapping, Sequence
+from functools import cached_property
+from pathlib import Path
+from typing import Final, NamedTuple, TypeVar
+
+from guiutils import lgtk
+from loombase.destroyable import CDestroyable
+from loombase.location import CLocalFileLocation, CLocation
+from pysource import _fastaccess
+
+from loom._pyscan import unpack_info
+from loom.store.checkpoint import Checkpointer
+from loom.store.database import kLockWaitSeconds, open_for_writing, set_aside, told
+from loom.store.errors import StoreError, is_damage
+from loom.store.lookup import Lookup
+from loom.store.records import AddedScope, FileRecord, FileState, StoredScope
+from loom.store.writer import Writer
+
+__all__ = ["CInfoCache", "CLocCache", "CScopeInfo", "CScopeInfoKey"]
+
+_log = logging.getLogger("loom.infocache")
+_T = TypeVar("_T")
+
+# (location, scope name, scan name)
+_Triple = tuple[CLocation, str, str]
+
+# Bytes of waiting results from which on `Trim` writes, and bytes from which on it does so whatever
+# time is left. Twice the latter, and results that can't be written are an error.
+_kWriteAtBytes: Final = 1024 * 1024
+_kMustWriteAtBytes: Final = 16 * 1024 * 1024
+
+# Bytes of scope records that are kept for the next question.
+_kRecordBytes: Final = 8 * 1024 * 1024
+
+# Seconds that one call may write: out of `Trim`, and as the work of an idle call of its own.
+_kTrimSeconds: Final = 0.020
+_kIdleWriteSeconds: Final = 0.045
+# A transaction ends a little after its time is over: the last steps and the commit.
+_kCommitSeconds: Final = 0.004
+# What `Trim` takes when it must write and the slice is over.
+_kForcedSeconds: Final = 0.005
+
+# Seconds to wait before the next try when the database couldn't be written.
+_kRetrySeconds: Final = 1.0
+
+# States of files that are kept between the question for their time and that for their scans.
+_kMaxDiskStates: Final = 4096
+
+# A double holds seconds since the epoch to a quarter of a microsecond.
+_kSameTimeSeconds: Final = 1e-6
+
+# Modification times, in nanoseconds, whose seconds mean something else: no such file, and a buffer
+# with unsaved changes.
+_kReservedTimes: Final = (0, -2_000_000_000)
+
+
+class CScopeInfoKey(NamedTuple):
+    """Names a scope record: which scope, what scan found it, and where its text stands."""
+
+    loc: CLocation
+    scope_name: str
+    scan_name: str
+    source_loc: CLocation
+    source_scope_name: str
+
+
+class CScopeInfo:
+    """What one scope defines.
+
+    `packed` are the names with their information as the native scanner packs them, or nothing.
+    `disk_mtime` is the modification time, in seconds, of the file that they came from.
+    `incomplete` tells that part of the scope couldn't be read; `does_not_exist` that the scope is
+    known not to be there.
+    """
+
+    def __init__(
+        self,
+        key: CScopeInfoKey,
+        packed: bytes,
+        disk_mtime: float,
+        incomplete: bool,
+        does_not_exist: bool = False,
+    ) -> None:
+        self.key = key
+        self.packed = packed
+        self.disk_mtime = disk_mtime
+        self.incomplete = incomplete
+        self.does_not_exist = does_not_exist
+
+    @cached_property
+    def type_equivs(self) -> dict[str, bytes]:
+        """Information by name, in order of first definition. Unpacked when it is first asked for."""
+        return unpack_info(self.packed) if self.packed else {}
+
+    def GetInfoBytes(
+        self, name: str, default: bytes | None = None, inst: bool = False
+    ) -> bytes | None:
+        """The information of a name, or `default`.
+
+        With `inst`, a name that the class scope knows by its methods' assignments to "self" is
+        found, too: such a name stands in the record as "self." and the name.
+        """
+        found = self.type_equivs.get(name)
+        if found is None and inst:
+            found = self.type_equivs.get(f"self.{name}")
+        return default if found is None else found
+
+    def __repr__(self) -> str:
+        return f"CScopeInfo({self.key.loc!r}, {self.key.scope_name!r}, {self.key.scan_name!r})"
+
+
+class CLocCache:
+    """What is known of locations as such.
+
+    There is no derived scanner in this host, so no file wants derived information, and nobody asks
+    for the builtins.
+    """
+
+    def GetBuiltinLoc(self) -> CLocation | None:
+        """The location of the builtins, or none if it isn't known."""
+        return None
+
+    def WantDerivedInfo(self, loc: CLocation) -> bool:
+        """Whether secondary scans are wanted for the file."""
+        return False
+
+
+class _DiskState(NamedTuple):
+    """A file's time and size to the last digit; `mtime` is the time as it was told, in seconds."""
+
+    mtime: float
+    mtime_ns: int
+    size: int
+
+
+class CInfoCache(CDestroyable):
+    """The store of all scan results, over the database at `path`.
+
+    Signals: "needs-scan-added" (the cache, a set of triples of location, scope name and scan name,
+    a priority or none); "file-stored" (the cache, a location, its `FileRecord`) when the result of
+    a whole-file scan came in, a failure included.
+
+    A damaged database, or one of a newer version, is set aside and a new one begun, at the start
+    or whenever the damage shows; `fMessages` then says so. Raises `StoreError` if there is no way
+    to use the database. `Close`, or `destroy`, writes all that waits.
+    """
+
+    def __init__(self, path: str | os.PathLike[str]) -> None:
+        super().__init__(("needs-scan-added", "file-stored"))
+        self.fPath = Path(path).absolute()
+        self.fMessages: list[str] = []
+        self.fLocCache = CLocCache()
+        self._fConnection = self._Open()
+        self._fWriter = Writer(self._fConnection)
+        self._fLookup = Lookup(self._fConnection)
+        self._fCheckpointer = Checkpointer(self.fPath)
+        self._fDataVersion = self._fLookup.data_version()
+        # By location, least recently used first, so that a file's records go together.
+        self._fRecords: OrderedDict[CLocation, dict[str, CScopeInfo]] = OrderedDict()
+        self._fRecordBytes = 0
+        self._fDiskStates: dict[CLocation, _DiskState] = {}
+        self._fAskedScans: set[_Triple] = set()
+        self._fSliceEnd: float | None = None
+        self._fRetryTime = float("-inf")
+        self._fGoOnWritingIdle: int | None = None
+        self._fClosed = False
+
+    # --- questions
+
+    def GetDiskMTime(self, loc: CLocation) -> float:
+        """The file's modification time in seconds, 0.0 if there is no such file.
+
+        A file that is gone is forgotten.
+        """
+        if not isinstance(loc, CLocalFileLocation):
+            return 0.0
+        try:
+            status = os.stat(loc.path)
+        except (FileNotFoundError, NotADirectoryError):
+            self.ForgetFile(loc)
+            return 0.0
+        except OSError:
+            return 0.0
+        mtime_ns = status.st_mtime_ns
+        mtime = _Seconds(mtime_ns)
+        self._fDiskStates[loc] = _DiskState(mtime, mtime_ns, status.st_size)
+        return mtime
+
+    def GetScansDoneForMultipleFiles(
+        self, modtimes: Mapping[CLocation, float]
+    ) -> dict[CLocation, str]:
+        """For each file whose results are of the given time, the names of the scans done.
+
+        The text holds each name between blanks. Files that aren't known, or that were scanned at
+        another time, are missing. Where `GetDiskMTime` found the time, the size must be the same
+        as well.
+        """
+        self._NoticeOtherWriters()
+        states: dict[str, FileState] = {}
+        to_ask: list[str] = []
+        for loc in modtimes:
+            record = self._fWriter.pending_file(loc.fUrl)
+            if record is not None:
+                states[loc.fUrl] = FileState(record.mtime_ns, record.size, record.scans)
+            elif not self._fWriter.pending_deletion(loc.fUrl):
+                to_ask.append(loc.fUrl)
+        if to_ask:
+            unknown: dict[str, FileState] = {}
+            states.update(self._Ask(lambda: self._fLookup.states(to_ask), unknown))
+        result: dict[CLocation, str] = {}
+        for loc, modtime in modtimes.items():
+            disk = self._fDiskStates.pop(loc, None)
+            state = states.get(loc.fUrl)
+            if state is None:
+                continue
+            mtime_ns, size, scans = state
+            if disk is not None and disk.mtime == modtime:
+                valid = disk.mtime_ns == mtime_ns and disk.size == size
+            else:
+                valid = abs(_Seconds(mtime_ns) - modtime) < _kSameTimeSeconds
+            if valid and scans:
+                result[loc] = scans
+        return result
+
+    def GetAllImports(self, locs: Sequence[CLocation]) -> list[tuple[CLocation, None, bytes]]:
+        """For each file that imports anything: (file, none, its import equivalents joined by ";")."""
+        found: dict[str, bytes] = {}
+        to_ask: list[str] = []
+        for loc in locs:
+            record = self._fWriter.pending_file(loc.fUrl)
+            if record is not None:
+                found[loc.fUrl] = record.imports
+            elif not self._fWriter.pending_deletion(loc.fUrl):
+                to_ask.append(loc.fUrl)
+        if to_ask:
+            unknown: dict[str, bytes] = {}
+            found.update(self._Ask(lambda: self._fLookup.imports(to_ask), unknown))
+        return [(loc, None, found[loc.fUrl]) for loc in locs if found.get(loc.fUrl)]
+
+    def GetScopeInfo(self, loc: CLocation, scope_name: str) -> CScopeInfo | None:
+        """What is stored of a scope, or none. Never scans."""
+        records = self._fRecords.get(loc)
+        if records is not None:
+            self._fRecords.move_to_end(loc)
+            info = records.get(scope_name)
+            if info is not None:
+                return info
+        stored = self._FindScope(loc.fUrl, scope_name)
+        if stored is None:
+            return None
+        info = CScopeInfo(
+            CScopeInfoKey(loc, scope_name, stored.scan_name, loc, scope_name),
+            stored.info,
+            stored.disk_mtime,
+            stored.incomplete,
+            stored.does_not_exist,
+        )
+        self._Remember(info)
+        return info
+
+    def _FindScope(self, url: str, scope_name: str) -> StoredScope | None:
+        added = self._fWriter.pending_scope(url, scope_name)
+        if added is not None:
+            return added.stored
+        record = self._fWriter.pending_file(url)
+        if record is not None:
+            for row in record.scopes:
+                if row[0] == scope_name:
+                    scan_name = record.scans.split()[0]
+                    return StoredScope(
+                        scan_name, _Seconds(record.mtime_ns), False, False, row[5]
+                    )
+            return None
+        if self._fWriter.pending_deletion(url):
+            return None
+        return self._Ask(lambda: self._fLookup.scope(url, scope_name), None)
+
+    def GetScopeLines(self, loc: CLocation) -> list[tuple[str, int, int]]:
+        """(scope name, first line, last line) of all scopes of a file, parents before children.
+
+        Empty for an unknown file.
+        """
+        record = self._fWriter.pending_file(loc.fUrl)
+        if record is not None:
+            return [(row[0], row[3], row[4]) for row in record.scopes]
+        if self._fWriter.pending_deletion(loc.fUrl):
+            return []
+        return self._Ask(lambda: self._fLookup.scope_lines(loc.fUrl), [])
+
+    # --- changes
+
+    def AddFile(self, loc: CLocation, record: FileRecord) -> None:
+        """Store what a whole-file scan found, in place of all that was known of the file."""
+        self._fWriter.put_file(record)
+        self._Forget(loc)
+        self.emit("file-stored", self, loc, record)
+
+    def AddScopeInfo(self, info: CScopeInfo) -> None:
+        """Store one scope, until its file is scanned again."""
+        key = info.key
+        stored = StoredScope(
+            key.scan_name, info.disk_mtime, info.incomplete, info.does_not_exist, info.packed
+        )
+        self._fWriter.put_scope(AddedScope(key.loc.fUrl, key.scope_name, stored))
+        self._Remember(info)
+
+    def ForgetFile(self, loc: CLocation) -> None:
+        """Drop all that is known of a file."""
+        self._fWriter.delete_file(loc.fUrl)
+        self._Forget(loc)
+        self._fDiskStates.pop(loc, None)
+
+    def AddNeedsScan(self, triples: Iterable[_Triple], priority: int | None = None) -> None:
+        """Ask for scans. One that was asked for and hasn't finished since isn't asked for again."""
+        added = set(triples) - self._fAskedScans
+        if added:
+            self._fAskedScans |= added
+            self.emit("needs-scan-added", self, added, priority)
+
+    def FinishedWithScans(self, loc: CLocation, scope_name: str, scan_name: str) -> None:
+        """A scan is over, whatever came of it, and may be asked for again."""
+        self._fAskedScans.discard((loc, scope_name, scan_name))
+
+    # --- writing
+
+    def NoteSliceEnd(self, end_time: float) -> None:
+        """Tell when the present slice ends, so that `Trim` doesn't carry it on."""
+        self._fSliceEnd = end_time
+
+    def Trim(self) -> None:
+        """Bound the memory: write results if enough of them wait.
+
+        Writes for at most 20 milliseconds, and not beyond the end of the slice unless very much
+        waits. If the database can't be written, results wait for a later try; when they are too
+        many, raises `StoreError`.
+        """
+        if len(self._fDiskStates) > _kMaxDiskStates:
+            self._fDiskStates.clear()
+        writer = self._fWriter
+        if writer.pending_bytes < _kWriteAtBytes and not writer.merge_due:
+            return
+        now = _fastaccess.GetNowTime()
+        if now < self._fRetryTime:
+            return
+        end = now + _kTrimSeconds
+        if self._fSliceEnd is not None and self._fSliceEnd - _kCommitSeconds < end:
+            end = self._fSliceEnd - _kCommitSeconds
+            if end <= now:
+                if writer.pending_bytes < _kMustWriteAtBytes:
+                    return
+                end = now + _kForcedSeconds
+        try:
+            self._Write(end, wait_seconds=0.0, index_all=False)
+        except StoreError as error:
+            if writer.pending_bytes >= 2 * _kMustWriteAtBytes:
+                raise
+            _log.warning("results wait to be written: %s", error)
+            self._fRetryTime = now + _kRetrySeconds
+
+    def WriteToDatabase(self) -> None:
+        """Write all that waits and bring the index of names up to date.
+
+        What takes longer than a slice goes on in idle calls of its own; `HasUnwritten` tells.
+        Waits for another process's lock for a second at most. Raises `StoreError`; nothing is lost
+        then, and a later call tries again.
+        """
+        if self._fGoOnWritingIdle is not None:
+            return
+        if not self._WriteSlice():
+            self._fGoOnWritingIdle = lgtk.idle_add_while_alive(self._CB_GoOnWriting, self)
+
+    def HasUnwritten(self) -> bool:
+        """Whether results wait to be written or names to be indexed."""
+        return not self._fWriter.idle
+
+    def WriteEverything(self) -> None:
+        """As `WriteToDatabase`, and doesn't return before all is done."""
+        while not self._WriteSlice():
+            pass
+
+    def Close(self) -> None:
+        """Write everything and close the database. A second call does nothing.
+
+        It is closed also if writing fails, which raises `StoreError`.
+        """
+        if self._fClosed:
+            return
+        self._fClosed = True
+        try:
+            self.WriteEverything()
+        finally:
+            self._fCheckpointer.join()
+            self._fConnection.close()
+
+    def _CB_GoOnWriting(self) -> bool:
+        try:
+            done = self._WriteSlice()
+        except BaseException:
+            self._fGoOnWritingIdle = None
+            raise
+        if done:
+            self._fGoOnWritingIdle = None
+        return not done
+
+    def _WriteSlice(self) -> bool:
+        if self._fWriter.idle:
+            return True
+        end = _fastaccess.GetNowTime() + _kIdleWriteSeconds
+        return self._Write(end, wait_seconds=kLockWaitSeconds, index_all=True)
+
+    def _Write(self, end_time: float, wait_seconds: float, index_all: bool) -> bool:
+        """One transaction; true if all is written. Raises `StoreError`."""
+
+        def out_of_time() -> bool:
+            return _fastaccess.GetNowTime() >= end_time
+
+        with told(self.fPath):
+            try:
+                done = self._fWriter.write(out_of_time, wait_seconds, index_all)
+            except sqlite3.DatabaseError as error:
+                if not is_damage(error):
+                    raise
+                self._Rebuild(str(error))
+                return False
+        self._fCheckpointer.start_if_worthwhile()
+        return done
+
+    # --- the database
+
+    def _Open(self) -> sqlite3.Connection:
+        opened = open_for_writing(self.fPath)
+        if opened.message:
+            self.fMessages.append(opened.message)
+        return opened.connection
+
+    def _Ask(self, question: Callable[[], _T], unknown: _T) -> _T:
+        """The answer of the database; `unknown` if it turns out to be damaged."""
+        with told(self.fPath):
+            try:
+                return question()
+            except sqlite3.DatabaseError as error:
+                if not is_damage(error):
+                    raise
+                self._Rebuild(str(error))
+                return unknown
+
+    def _Rebuild(self, reason: str) -> None:
+        """Go on with a new database. What was written is lost and will be scanned again."""
+        self._fCheckpointer.join()
+        self._fConnection.close()
+        self.fMessages.append(set_aside(self.fPath, "damaged", reason))
+        self._fConnection = self._Open()
+        self._fWriter.reconnect(self._fConnection)
+        self._fLookup = Lookup(self._fConnection)
+        self._fRecords.clear()
+        self._fRecordBytes = 0
+
+    def _NoticeOtherWriters(self) -> None:
+        version = self._Ask(self._fLookup.data_version, 0)
+        if version != self._fDataVersion:
+            self._fDataVersion = version
+            self._fRecords.clear()
+            self._fRecordBytes = 0
+
+    def _destroy_impl(self) -> None:
+        self.Close()
+
+    # --- records in memory
+
+    def _Remember(self, info: CScopeInfo) -> None:
+        loc = info.key.loc
+        records = self._fRecords.setdefault(loc, {})
+        self._fRecords.move_to_end(loc)
+        old = records.get(info.key.scope_name)
+        if old is not None:
+            self._fRecordBytes -= _RecordBytes(old)
+        records[info.key.scope_name] = info
+        self._fRecordBytes += _RecordBytes(info)
+        while self._fRecordBytes > _kRecordBytes and len(self._fRecords) > 1:
+            self._Forget(next(iter(self._fRecords)))
+
+    def _Forget(self, loc: CLocation) -> None:
+        for info in self._fRecords.pop(loc, {}).values():
+            self._fRecordBytes -= _RecordBytes(info)
+
+
+def _RecordBytes(info: CScopeInfo) -> int:
+    # Unpacked, the names and their information take a few times their packed length.
+    return 500 + 4 * len(info.packed)
+
+
+def _Seconds(mtime_ns: int) -> float:
+    """A modification time as the rest of the system knows it, always the same way."""
+    return (mtime_ns + 1 if mtime_ns in _kReservedTimes else mtime_ns) / 1e9

@@ -1,0 +1,243 @@
+"""The scanners: live objects that carry one scan forward slice by slice."""
+
+from __future__ import annotations
+
+import logging
+from collections.abc import Callable, Generator, Sequence
+from typing import Final
+
+import singleton
+from loombase.destroyable import CDestroyable
+from loombase.location import CLocalFileLocation
+from pysource import _fastaccess
+
+from loom._pyscan import SourceScanner
+from loom.sourcetext import SourceError, SourceText, read_source
+from loom.store.definitions import pack
+from loom.store.records import FileRecord, ScopeRow, join_scans
+
+__all__ = [
+    "CScanner",
+    "CScanState",
+    "CWholeFilePrimaryScanner",
+    "kFinishedScanning",
+    "kReadyToScan",
+    "kScanAbandoned",
+    "kTimedOut",
+    "kWaitingForData",
+]
+
+_log = logging.getLogger("loom.scan")
+
+# Bytes scanned between two looks at the clock: a fraction of a millisecond's worth.
+_kStepBytes: Final = 64 * 1024
+
+# Time of results that came from unsaved text: that of no file, so that they are never taken for
+# valid once the text is gone.
+_kUnsavedTime: Final = -1
+
+# Definitions packed between two looks at the clock.
+_kDefinitionsPerStep: Final = 2000
+
+# A rendered reason is a line of a report, not a dump.
+_kMaxReasonLength: Final = 300
+
+
+class CScanState:
+    """Where a scanner stands. There are five, compared by identity alone."""
+
+    __slots__ = ("_name",)
+
+    def __init__(self, name: str) -> None:
+        self._name = name
+
+    def __repr__(self) -> str:
+        return self._name
+
+
+kReadyToScan: Final = CScanState("kReadyToScan")
+kWaitingForData: Final = CScanState("kWaitingForData")
+kFinishedScanning: Final = CScanState("kFinishedScanning")
+kTimedOut: Final = CScanState("kTimedOut")
+kScanAbandoned: Final = CScanState("kScanAbandoned")
+
+_Steps = Generator[None, None, CScanState]
+
+
+class CScanner(CDestroyable):
+    """Base class of the scanners.
+
+    Signals: "scan-state-changed" (the scanner), when a scanner that waits for data may go on.
+
+    `log` is called with a format and its arguments. A subclass says what it does in
+    `_ScanInSteps`.
+    """
+
+    def __init__(self, loc: CLocalFileLocation, log: Callable[..., object]) -> None:
+        super().__init__(("scan-state-changed",))
+        self.fLocation = loc
+        self.fLog = log
+        self.fState = kReadyToScan
+        self.fFileDoesntExist = False
+        self._fSteps: _Steps | None = self._ScanInSteps()
+
+    def Scan(self, end_time: float) -> CScanState:
+        """Work until `end_time` or until done; returns the state reached.
+
+        Does one step at least, however late it is. A scan that is over stays so. Raises
+        `RuntimeError` on a destroyed scanner.
+        """
+        if self.fState is kFinishedScanning or self.fState is kScanAbandoned:
+            return self.fState
+        if self._fSteps is None:
+            raise RuntimeError(f"the scan of {self.fLocation!r} was destroyed")
+        singleton.GetSingletons().fAnalysisMgr.fInfoCache.NoteSliceEnd(end_time)
+        while True:
+            try:
+                next(self._fSteps)
+            except StopIteration as end:
+                self.fState = end.value
+                return self.fState
+            if _fastaccess.OutOfTime(end_time):
+                self.fState = kTimedOut
+                return self.fState
+
+    def _ScanInSteps(self) -> _Steps:
+        """The scan: yields after each step, returns the state it ends in."""
+        raise NotImplementedError
+
+    def _destroy_impl(self) -> None:
+        if self._fSteps is not None:
+            self._fSteps.close()
+            self._fSteps = None
+
+
+class CWholeFilePrimaryScanner(CScanner):
+    """Parses a file from its first to its last line and stores what its scopes define.
+
+    `incomplete_scope_set` is filled, when the scan is over, with the names of the scopes that
+    couldn't be read to their end. What is wrong with a file ends its own scan only: the reason is
+    stored with the file. A scan is abandoned if there was nothing to parse.
+    """
+
+    def __init__(
+        self,
+        loc: CLocalFileLocation,
+        scan_name: str,
+        incomplete_scope_set: set[str],
+        log: Callable[..., object],
+    ) -> None:
+        self._fScanName = scan_name
+        self._fIncompleteScopes = incomplete_scope_set
+        super().__init__(loc, log)
+
+    def _ScanInSteps(self) -> _Steps:
+        text = SourceText()
+        try:
+            buffer = singleton.GetSingletons().fCacheMgr.DoesCacheBufferExist(self.fLocation, True)
+            if buffer is not None and buffer.IsModified():
+                text.data = buffer.GetText().encode(errors="replace")  # lone surrogates
+                text.size = len(text.data)
+                text.mtime_ns = _kUnsavedTime
+            else:
+                yield from read_source(self.fLocation.path, text)
+            record = yield from self._Parse(text)
+        except SourceError as error:
+            self.fFileDoesntExist = error.gone
+            self._Abandon(text, str(error), error.lasting)
+            return kScanAbandoned
+        except Exception as error:
+            # A fault of ours, and no reason to stop the others.
+            _log.exception("scan of %r failed", self.fLocation)
+            self._Abandon(text, f"scanner failed: {type(error).__name__}: {error}", True)
+            return kScanAbandoned
+        self._Store(record)
+        return kFinishedScanning
+
+    def _Parse(self, text: SourceText) -> Generator[None, None, FileRecord]:
+        source = SourceScanner(text.data)
+        while not source.scan(_kStepBytes):
+            yield
+        scopes = source.scopes()
+        yield
+        errors = source.errors()
+        self._fIncompleteScopes.clear()
+        if errors:
+            lines = [lineno for lineno, _ in errors]
+            self._fIncompleteScopes.update(scopes[i][0] for i in ScopesOfLines(scopes, lines))
+        error, error_lineno = _FirstError(errors, text)
+        definitions = source.definitions()
+        yield
+        packed: list[bytes] = []
+        names: dict[str, None] = {}
+        for start in range(0, len(definitions), _kDefinitionsPerStep):
+            part = definitions[start : start + _kDefinitionsPerStep]
+            packed.append(pack(part))
+            names.update(dict.fromkeys([name for _, name, _, _ in part]))
+            yield
+        return FileRecord(
+            url=self.fLocation.fUrl,
+            mtime_ns=text.mtime_ns,
+            size=text.size,
+            scans=join_scans([self._fScanName]),
+            error=error,
+            error_lineno=error_lineno,
+            line_count=text.data.count(b"\n"),
+            definition_count=len(definitions),
+            imports=b";".join(source.imports()),
+            scopes=scopes,
+            definitions=b"".join(packed),
+            names=list(names),
+        )
+
+    def _Abandon(self, text: SourceText, reason: str, lasting: bool) -> None:
+        """Store why there is nothing of the file; if it is lasting, it isn't tried again."""
+        self.fLog("Abandoned primary whole file scan: %r: %s", self.fLocation, reason)
+        self._Store(
+            FileRecord(
+                url=self.fLocation.fUrl,
+                mtime_ns=text.mtime_ns,
+                size=text.size,
+                scans=join_scans([self._fScanName] if lasting else []),
+                error=reason[:_kMaxReasonLength],
+            )
+        )
+
+    def _Store(self, record: FileRecord) -> None:
+        # Looked up late: the info cache isn't there yet when this module is first imported.
+        singleton.GetSingletons().fAnalysisMgr.fInfoCache.AddFile(self.fLocation, record)
+
+
+def ScopesOfLines(scopes: Sequence[ScopeRow], lines: Sequence[int]) -> set[int]:
+    """The indices of the innermost scopes that hold the lines.
+
+    Requires: parents before their children, and children in order of their first line.
+    """
+    found: set[int] = set()
+    by_line = sorted(range(len(scopes)), key=lambda index: (scopes[index][3], index))
+    open_scopes: list[int] = []
+    following = 0
+    for line in sorted(set(lines)):
+        while following < len(by_line) and scopes[by_line[following]][3] <= line:
+            open_scopes.append(by_line[following])
+            following += 1
+        while open_scopes and scopes[open_scopes[-1]][4] < line:
+            open_scopes.pop()
+        # A line that no scope claims, such as one behind the last, is the module's.
+        found.add(open_scopes[-1] if open_scopes else 0)
+    return found
+
+
+def _FirstError(
+    errors: Sequence[tuple[int, str]], text: SourceText
+) -> tuple[str | None, int]:
+    """The reason to store with a file that was scanned, and its line; none if all is well."""
+    problems = sorted(errors)
+    if text.warning:
+        problems.insert(0, (text.warning_lineno, text.warning))
+    if not problems:
+        return None, 0
+    lineno, reason = problems[0]
+    if len(problems) > 1:
+        reason = f"{reason[:_kMaxReasonLength]} (and {len(problems) - 1} more)"
+    return reason[:_kMaxReasonLength], max(lineno, 1)

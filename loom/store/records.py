@@ -1,0 +1,69 @@
+"""The shapes that pass between the info cache and the database."""
+
+from collections.abc import Sequence
+from dataclasses import dataclass
+from typing import NamedTuple
+
+__all__ = ["AddedScope", "FileRecord", "FileState", "ScopeRow", "StoredScope", "join_scans"]
+
+# (scope name, index of the parent scope or -1, kind, first line, last line, packed information),
+# just as the native scanner makes it.
+ScopeRow = tuple[str, int, str, int, int, bytes]
+
+
+@dataclass(slots=True, frozen=True)
+class FileRecord:
+    """All that a whole-file scan found. `definitions` is packed, `names` are those in it, once."""
+
+    url: str
+    mtime_ns: int
+    size: int
+    scans: str
+    error: str | None = None
+    error_lineno: int = 0
+    line_count: int = 0
+    definition_count: int = 0
+    imports: bytes = b""
+    scopes: Sequence[ScopeRow] = ()
+    definitions: bytes = b""
+    names: Sequence[str] = ()
+
+    def memory(self) -> int:
+        """Roughly the bytes that the record holds on to."""
+        scopes = sum(len(row[5]) for row in self.scopes) + 300 * len(self.scopes)
+        return 500 + len(self.imports) + len(self.definitions) + scopes + 80 * len(self.names)
+
+
+class FileState(NamedTuple):
+    """For which state of a file its results are valid."""
+
+    mtime_ns: int
+    size: int
+    scans: str
+
+
+class StoredScope(NamedTuple):
+    """A scope as it stands in the database or waits to be written. Times are in seconds."""
+
+    scan_name: str
+    disk_mtime: float
+    incomplete: bool
+    does_not_exist: bool
+    info: bytes
+
+
+class AddedScope(NamedTuple):
+    """A scope to be stored that no whole-file scan wrote."""
+
+    url: str
+    name: str
+    stored: StoredScope
+
+    def memory(self) -> int:
+        """Roughly the bytes that the record holds on to."""
+        return 500 + len(self.stored.info)
+
+
+def join_scans(names: Sequence[str]) -> str:
+    """The text of scan names as `files.scans` holds it."""
+    return f" {' '.join(names)} " if names else ""
