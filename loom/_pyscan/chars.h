@@ -1,0 +1,98 @@
+// Byte classes of Python source, and a search for the next of a few bytes, eight at a time.
+// Without dependencies.
+
+#ifndef LOOM_PYSCAN_CHARS_H_
+#define LOOM_PYSCAN_CHARS_H_
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace loom::pyscan {
+
+enum class ByteClass : std::uint8_t {
+  kBad,  // can't start a token: control characters, "$", "?", "`"
+  kBlank,
+  kNewline,  // "\n" or "\r"
+  kHash,
+  kBackslash,
+  kQuote,
+  kIdentifier,  // starts an identifier; every byte of a multi-byte character counts
+  kDigit,
+  kOpen,
+  kClose,
+  kColon,
+  kDot,
+  kOperator,
+};
+
+inline constexpr std::array<ByteClass, 256> kByteClasses = [] {
+  std::array<ByteClass, 256> table{};
+  auto set = [&table](const char* bytes, ByteClass c) {
+    for (; *bytes != '\0'; ++bytes) table[static_cast<unsigned char>(*bytes)] = c;
+  };
+  set(" \t\f", ByteClass::kBlank);
+  set("\r\n", ByteClass::kNewline);
+  set("#", ByteClass::kHash);
+  set("\\", ByteClass::kBackslash);
+  set("'\"", ByteClass::kQuote);
+  set("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_", ByteClass::kIdentifier);
+  for (std::size_t i = 0x80; i < 0x100; ++i) table[i] = ByteClass::kIdentifier;
+  set("0123456789", ByteClass::kDigit);
+  set("([{", ByteClass::kOpen);
+  set(")]}", ByteClass::kClose);
+  set(":", ByteClass::kColon);
+  set(".", ByteClass::kDot);
+  set("!%&*+,-/;<=>@^|~", ByteClass::kOperator);
+  return table;
+}();
+
+constexpr ByteClass ClassOf(char c) { return kByteClasses[static_cast<unsigned char>(c)]; }
+
+inline constexpr std::array<bool, 256> kIdentifierBytes = [] {
+  std::array<bool, 256> table{};
+  for (std::size_t i = 0; i < 256; ++i) {
+    table[i] = kByteClasses[i] == ByteClass::kIdentifier || kByteClasses[i] == ByteClass::kDigit;
+  }
+  return table;
+}();
+
+constexpr bool IsIdentifierByte(char c) { return kIdentifierBytes[static_cast<unsigned char>(c)]; }
+
+constexpr bool IsNewline(char c) { return c == '\n' || c == '\r'; }
+
+// Returns the first position in [p, end) whose byte is one of `wanted`, or end.
+template <class... Bytes>
+inline const char* FindAny(const char* p, const char* end, Bytes... wanted) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101u;
+  constexpr std::uint64_t kHighs = 0x8080808080808080u;
+  while (end - p >= 8) {
+    std::uint64_t word;
+    std::memcpy(&word, p, sizeof word);
+    std::uint64_t hits = 0;
+    // A byte of word ^ pattern is zero exactly where the wanted byte stands; the lowest zero byte is
+    // always marked rightly, those above it may be marked in error.
+    ((hits |= [word](std::uint64_t x) {
+        x ^= word;
+        return (x - kOnes) & ~x;
+      }(kOnes * static_cast<unsigned char>(wanted))),
+     ...);
+    hits &= kHighs;
+    if (hits != 0) {
+      if constexpr (std::endian::native == std::endian::little) {
+        return p + (std::countr_zero(hits) >> 3);
+      } else {
+        break;
+      }
+    }
+    p += 8;
+  }
+  while (p != end && !((*p == static_cast<char>(wanted)) || ...)) ++p;
+  return p;
+}
+
+}  // namespace loom::pyscan
+
+#endif  // LOOM_PYSCAN_CHARS_H_

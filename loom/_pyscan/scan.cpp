@@ -1,0 +1,114 @@
+// The walk from logical line to logical line, and the blocks that their indentation makes.
+
+#include <algorithm>
+#include <utility>
+
+#include "loom/_pyscan.h"
+
+namespace loom::pyscan {
+
+SourceScan::SourceScan(std::string_view source)
+    : source_size_(source.size()),
+      lexer_(source, errors_),
+      parser_(source, results_, errors_) {
+  blocks_.push_back({0, 0, {}});
+}
+
+bool SourceScan::Scan(std::size_t max_bytes) {
+  std::size_t left = std::max<std::size_t>(max_bytes, 1);
+  while (!done_) {
+    const Lexer::Event event = lexer_.Run(left);
+    walked_ += lexer_.walked();
+    position_ = std::max(position_, lexer_.position());
+    if (event == Lexer::Event::kLine) {
+      TakeLine(lexer_.line());
+    } else if (event == Lexer::Event::kEnd) {
+      if (expects_block_) errors_.Add(last_line_, "expected an indented block");
+      while (!blocks_.empty()) PopBlock();
+      done_ = true;
+    }
+    if (lexer_.walked() >= left) break;
+    left -= lexer_.walked();
+  }
+  return done_;
+}
+
+void SourceScan::TakeLine(const LogicalLine& line) {
+  const std::uint32_t first_line = line.tokens.front().line;
+  const Block& top = blocks_.back();
+  if (expects_block_) {
+    expects_block_ = false;
+    if (line.column > top.column) {
+      if (line.alt_column <= top.alt_column) {
+        errors_.Add(first_line, "inconsistent use of tabs and spaces in indentation");
+      }
+      ended_.clear();
+      PushBlock(line, std::move(expected_));
+    } else {
+      errors_.Add(first_line, "expected an indented block");
+    }
+  }
+  if (line.column > blocks_.back().column) {
+    Indent(line);
+  } else if (line.column < blocks_.back().column) {
+    Unindent(line);
+  }
+  if (line.column == blocks_.back().column && line.alt_column != blocks_.back().alt_column) {
+    errors_.Add(first_line, "inconsistent use of tabs and spaces in indentation");
+  }
+  expects_block_ = parser_.ParseLine(line, blocks_.back().context);
+  if (expects_block_) expected_ = parser_.opened();
+  last_line_ = line.last_line;
+}
+
+// A line that is indented more than its block, where none was to begin. If a block of that
+// indentation has just ended, what ended it was probably a slip, and it goes on.
+void SourceScan::Indent(const LogicalLine& line) {
+  errors_.Add(line.tokens.front().line, "unexpected indent");
+  const auto fit = std::find_if(ended_.begin(), ended_.end(), [&line](const Block& block) {
+    return block.column == line.column;
+  });
+  if (fit == ended_.end()) {
+    PushBlock(line, {blocks_.back().context.scope, false, {}});
+    return;
+  }
+  const std::uint32_t top = blocks_.back().column;
+  for (auto block = ended_.end(); block != fit;) {
+    --block;
+    if (block->column > top) blocks_.push_back(std::move(*block));
+  }
+  ended_.clear();
+}
+
+void SourceScan::Unindent(const LogicalLine& line) {
+  // A line between two levels belongs to the inner one.
+  const auto level = std::find_if(blocks_.begin(), blocks_.end(), [&line](const Block& block) {
+    return block.column >= line.column;
+  });
+  if (level->column != line.column) {
+    errors_.Add(line.tokens.front().line,
+                "unindent does not match any outer indentation level");
+  }
+  ended_.clear();
+  const std::size_t keep = static_cast<std::size_t>(level - blocks_.begin()) + 1;
+  while (blocks_.size() > keep) PopBlock();
+}
+
+void SourceScan::PushBlock(const LogicalLine& line, BlockContext context) {
+  if (blocks_.size() >= kMaxBlocks) {
+    errors_.Add(line.tokens.front().line, "too many levels of indentation");
+    return;
+  }
+  blocks_.push_back({line.column, line.alt_column, std::move(context)});
+}
+
+void SourceScan::PopBlock() {
+  Block block = std::move(blocks_.back());
+  blocks_.pop_back();
+  const bool ends_scope =
+      blocks_.empty() || blocks_.back().context.scope != block.context.scope;
+  if (ends_scope) results_.EndScope(block.context.scope, last_line_);
+  ended_.push_back(std::move(block));
+}
+
+}  // namespace loom::pyscan
