@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import os
 import stat
-from collections.abc import Iterator, Sequence
+from collections.abc import Generator, Sequence
 from typing import Final, NamedTuple
 
 from loombase.mime import kPythonSuffixes
@@ -42,7 +42,7 @@ class Problem(NamedTuple):
 
 def walk(
     paths: Sequence[str], exclude: GitIgnoreSpec | None = None
-) -> Iterator[Found | Problem | None]:
+) -> Generator[Found | Problem | None, None, None]:
     """The Python files at and below `paths`, each once, and what couldn't be looked at.
 
     Yields none where nothing was found but a step has been done, so that the caller can stop in
@@ -85,7 +85,7 @@ def _walk_folder(
     exclude: GitIgnoreSpec | None,
     named_files: set[str],
     seen_folders: set[tuple[int, int]],
-) -> Iterator[Found | Problem | None]:
+) -> Generator[Found | Problem | None, None, None]:
     start = len(root.rstrip("/")) + 1
     pending = [_Folder(root, rules_above(root), True)]
     while pending:

@@ -1,0 +1,58 @@
+"""Start of the `loom` command, by its name, by `python -m loom`, or by this file's path."""
+
+from __future__ import annotations
+
+import os
+import sys
+from typing import Final
+
+__all__ = ["main"]
+
+# Set, and not empty: keep the interpreter's debug checks and run in this process.
+_KEEP_CHECKS: Final = "LOOM_KEEP_DEBUG_CHECKS"
+
+_HERE: Final = os.path.dirname(os.path.abspath(__file__))
+
+
+def main() -> int:
+    """Run the command line of this process. Returns the exit code."""
+    if __debug__ and sys.executable and not os.environ.get(_KEEP_CHECKS):
+        _start_again_without_debug_checks()
+    _use_own_folder()
+    from loom.cli.main import run
+
+    return run(sys.argv[1:])
+
+
+def _start_again_without_debug_checks() -> None:
+    """Replace this process by the same command under "-O". Doesn't return.
+
+    The scheduler's debug checks are for development, and while they are on, its slices are twice
+    as long, which is too long for a user who waits for an answer.
+
+    "-P" keeps the working folder, which may be a project with modules of any name, off `sys.path`.
+    """
+    options = ["-O", "-P"]
+    for flag, option in (("isolated", "-I"), ("no_user_site", "-s"), ("ignore_environment", "-E")):
+        if getattr(sys.flags, flag):
+            options.append(option)
+    for name, value in sys._xoptions.items():
+        options += ["-X", name if value is True else f"{name}={value}"]
+    for warning in sys.warnoptions:
+        options += ["-W", warning]
+    sys.stdout.flush()
+    sys.stderr.flush()
+    script = os.path.join(_HERE, "__main__.py")
+    os.execv(sys.executable, [sys.executable, *options, script, *sys.argv[1:]])
+
+
+def _use_own_folder() -> None:
+    """Make `loom` importable where it stands, also if this file was started by its path."""
+    folder = os.path.dirname(_HERE)
+    sys.path[:] = [entry for entry in sys.path if os.path.abspath(entry or ".") != _HERE]
+    if folder not in sys.path:
+        sys.path.insert(0, folder)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

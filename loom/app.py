@@ -1,0 +1,62 @@
+"""Putting a whole host together, and taking it apart again."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+from guiutils import lgtk
+from loombase.destroyable import CDestroyable
+from singleton import GetSingletons
+
+from loom.mainloop.base import MainLoop
+from loom.measure import MeasuredCoordinator
+from loom.services.engine import CAnalysisMgr
+from loom.services.managers import CCacheMgr, CFileAttribMgr, CPrefMgr, CSavableMgr
+
+__all__ = ["App"]
+
+
+class App(CDestroyable):
+    """The stand-alone host over one database, on one main loop. One at a time in a process.
+
+    Raises `loom.store.errors.StoreError` if the database can't be used. `destroy` saves what isn't
+    written yet; the main loop stays its maker's.
+    """
+
+    def __init__(self, db_path: Path, main_loop: MainLoop) -> None:
+        super().__init__()
+        table = GetSingletons()
+        if table.fAnalysisMgr is not None:
+            raise RuntimeError("another host runs in this process already")
+        self.main_loop = main_loop
+        lgtk.SetMainLoop(main_loop)
+        try:
+            table.fPrefMgr = CPrefMgr()
+            self.attribs = table.fFileAttribMgr = CFileAttribMgr()
+            table.fCacheMgr = CCacheMgr(self.attribs)
+            table.fSavableMgr = CSavableMgr()
+            self.ana_mgr = CAnalysisMgr(db_path, MeasuredCoordinator)
+        except BaseException:
+            self._clear_table()
+            raise
+        table.fAnalysisMgr = self.ana_mgr
+        self.info_cache = self.ana_mgr.fInfoCache
+        coordinator = self.ana_mgr.fScanCoordinator
+        assert isinstance(coordinator, MeasuredCoordinator)
+        self.coordinator = coordinator
+
+    def _destroy_impl(self) -> None:
+        self.coordinator.Quitting()
+        try:
+            self.ana_mgr.destroy()
+        finally:
+            self._clear_table()
+
+    def _clear_table(self) -> None:
+        table = GetSingletons()
+        table.fAnalysisMgr = None
+        table.fCacheMgr = None
+        table.fSavableMgr = None
+        table.fFileAttribMgr = None
+        table.fPrefMgr = None
+        lgtk.SetMainLoop(None)

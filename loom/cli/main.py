@@ -1,0 +1,101 @@
+"""Start of the command line: which commands there are, and what their failures become."""
+
+from __future__ import annotations
+
+import importlib
+import importlib.metadata
+import os
+import sys
+import traceback
+from collections.abc import Sequence
+
+import click
+
+from loom.cli.output import Exit, set_up_streams, warn
+
+__all__ = ["run"]
+
+_COMMANDS = ("scan", "symbols", "find")
+
+
+class _LazyGroup(click.Group):
+    """Imports a command's module `loom.cli.NAME` when that command is asked for."""
+
+    def list_commands(self, ctx: click.Context) -> list[str]:
+        return list(_COMMANDS)
+
+    def get_command(self, ctx: click.Context, cmd_name: str) -> click.Command | None:
+        if cmd_name not in _COMMANDS:
+            return None
+        command = getattr(importlib.import_module(f"loom.cli.{cmd_name}"), cmd_name)
+        assert isinstance(command, click.Command)
+        return command
+
+
+def _show_version(ctx: click.Context, param: click.Parameter, wanted: bool) -> None:
+    if wanted and not ctx.resilient_parsing:
+        print(f"loom {version()}")
+        ctx.exit(Exit.OK)
+
+
+def version() -> str:
+    """The version of the installed package."""
+    try:
+        return importlib.metadata.version("pysource-loom")
+    except importlib.metadata.PackageNotFoundError:
+        return "(not installed)"  # running from a source folder
+
+
+@click.group(cls=_LazyGroup, context_settings={"help_option_names": ["-h", "--help"]})
+@click.option(
+    "--version",
+    is_flag=True,
+    is_eager=True,
+    expose_value=False,
+    callback=_show_version,
+    help="Show the version and exit.",
+)
+def _loom() -> None:
+    """Scan Python sources and ask what they define.
+
+    \b
+    Exit codes: 0 all is well, 1 files with errors or nothing found,
+    2 wrong usage or an unusable database, 130 interrupted.
+    """
+
+
+def run(arguments: Sequence[str]) -> int:
+    """Run the command line `arguments`. Returns the exit code; raises nothing for a user's error."""
+    set_up_streams()
+    try:
+        code = _run(arguments)
+        sys.stdout.flush()
+        return code
+    except BrokenPipeError:
+        # The reader has had enough. What is still buffered has nowhere to go at exit either.
+        nowhere = os.open(os.devnull, os.O_WRONLY)
+        os.dup2(nowhere, sys.stdout.fileno())
+        os.close(nowhere)
+        return Exit.BROKEN_PIPE
+
+
+def _run(arguments: Sequence[str]) -> int:
+    from loom.store.errors import StoreError
+
+    try:
+        result = _loom.main(list(arguments), prog_name="loom", standalone_mode=False)
+        return Exit.OK if result is None else int(result)
+    except click.Abort:
+        return Exit.INTERRUPTED
+    except click.ClickException as error:
+        error.show()
+        return Exit.UNUSABLE
+    except StoreError as error:
+        warn(str(error))
+        return Exit.UNUSABLE
+    except BrokenPipeError:
+        raise
+    except Exception:
+        traceback.print_exc()
+        warn("this is a fault of the program; what was scanned so far is saved")
+        return Exit.FAULT

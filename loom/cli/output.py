@@ -1,0 +1,106 @@
+"""What the commands write, and how: text for people, one JSON document for programs, messages.
+
+Results go to standard output, everything else to standard error. Paths go out byte for byte as the
+file system has them, except on a terminal, where a character that isn't printable is escaped.
+"""
+
+from __future__ import annotations
+
+import json
+import logging
+import os
+import sys
+from enum import IntEnum
+from typing import TextIO
+
+import click
+
+__all__ = [
+    "Exit",
+    "escape",
+    "may_style",
+    "set_up_logging",
+    "set_up_streams",
+    "styled",
+    "warn",
+    "write",
+    "write_json",
+]
+
+
+class Exit(IntEnum):
+    """Exit codes of all commands."""
+
+    OK = 0
+    FINDINGS = 1  # files with errors; nothing found
+    UNUSABLE = 2  # wrong usage, or a database that can't be used
+    FAULT = 70  # a fault of the program itself
+    INTERRUPTED = 130  # 128 + SIGINT
+    BROKEN_PIPE = 141  # 128 + SIGPIPE
+    TERMINATED = 143  # 128 + SIGTERM
+
+
+def set_up_streams() -> None:
+    """Let any file name through to the standard streams."""
+    for stream in (sys.stdout, sys.stderr):
+        reconfigure = getattr(stream, "reconfigure", None)
+        if reconfigure is not None:
+            reconfigure(errors="surrogateescape")
+
+
+def may_style(stream: TextIO) -> bool:
+    """Whether colours are welcome: on a terminal that has them, unless NO_COLOR is set."""
+    return (
+        stream.isatty()
+        and not os.environ.get("NO_COLOR")
+        and os.environ.get("TERM", "dumb") != "dumb"
+    )
+
+
+def styled(text: str, fg: str | None = None, bold: bool | None = None) -> str:
+    """`text` for standard output, in a style if colours are welcome there."""
+    return click.style(text, fg=fg, bold=bold) if may_style(sys.stdout) else text
+
+
+def escape(text: str, stream: TextIO | None = None) -> str:
+    """`text` as it can be shown: a file name can't drive the terminal."""
+    if not (sys.stdout if stream is None else stream).isatty() or text.isprintable():
+        return text
+    return "".join(
+        char if char.isprintable() else char.encode("unicode_escape").decode() for char in text
+    )
+
+
+def write(line: str = "") -> None:
+    """One line of the result."""
+    print(line)
+
+
+def write_json(document: object) -> None:
+    """The result as one JSON document."""
+    print(json.dumps(document, indent=2))
+
+
+def warn(message: str) -> None:
+    """One line to the user about what went on."""
+    print(f"loom: {message}", file=sys.stderr)
+
+
+class _Handler(logging.Handler):
+    """Writes to what is standard error at that moment; a progress display replaces it."""
+
+    def emit(self, record: logging.LogRecord) -> None:
+        try:
+            print(self.format(record), file=sys.stderr)
+        except Exception:
+            self.handleError(record)
+
+
+def set_up_logging(verbose: int) -> None:
+    """Show warnings and worse of everything; with `verbose` 1 what goes on, with 2 all of it."""
+    handler = _Handler()
+    handler.setFormatter(logging.Formatter("loom: %(levelname)s: %(message)s"))
+    levels = {0: logging.WARNING, 1: logging.INFO}
+    logging.basicConfig(
+        level=levels.get(verbose, logging.DEBUG), handlers=[handler], force=True
+    )

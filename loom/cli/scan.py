@@ -1,0 +1,124 @@
+"""`loom scan [PATH...]`: fill the database."""
+
+from __future__ import annotations
+
+import signal
+import sys
+from collections.abc import Sequence
+from pathlib import Path
+from typing import TYPE_CHECKING
+
+import click
+
+from loom.cli.options import shared_options
+from loom.cli.output import Exit, set_up_logging, warn
+
+if TYPE_CHECKING:
+    from pathspec import GitIgnoreSpec
+
+    from loom.mainloop.asyncio_loop import AsyncioMainLoop
+    from loom.scansession import ScanSession
+
+__all__ = ["scan"]
+
+
+@click.command()
+@click.argument("paths", nargs=-1, type=click.Path(exists=True, path_type=str), metavar="[PATH]...")
+@click.option(
+    "--exclude",
+    multiple=True,
+    metavar="PATTERN",
+    help='Leave out what PATTERN fits, in the syntax of ".gitignore"; "!PATTERN" keeps it.'
+    " May be given several times.",
+)
+@click.option("--exit-zero", is_flag=True, help="Exit with 0 even if files had errors.")
+@shared_options
+def scan(
+    paths: Sequence[str],
+    exclude: Sequence[str],
+    exit_zero: bool,
+    db_path: Path,
+    as_json: bool,
+    verbose: int,
+) -> int:
+    """Scan the Python files at and below each PATH, by default the working folder.
+
+    A file whose results are still valid isn't scanned again. ".gitignore" is honoured; virtual
+    environments, node_modules, caches and build results are left out. A file given by name is
+    always scanned.
+
+    Exits with 1 if files had errors. Ctrl-C saves what was scanned so far.
+    """
+    from loom.bootstrap import ensure_host_path
+    from loom.ignore import parse_patterns
+
+    set_up_logging(verbose)
+    try:
+        patterns = parse_patterns(exclude) if exclude else None
+    except ValueError as error:
+        raise click.BadParameter(str(error), param_hint="--exclude") from error
+    ensure_host_path()
+    return _Scan(list(paths) or ["."], patterns, db_path, as_json, verbose).run(exit_zero)
+
+
+class _Scan:
+    """One run of the command."""
+
+    def __init__(
+        self,
+        paths: list[str],
+        exclude: GitIgnoreSpec | None,
+        db_path: Path,
+        as_json: bool,
+        verbose: int,
+    ) -> None:
+        self._paths = paths
+        self._exclude = exclude
+        self._db_path = db_path
+        self._as_json = as_json
+        self._verbose = verbose
+        self._signal: signal.Signals | None = None
+
+    def run(self, exit_zero: bool) -> int:
+        from loom.app import App
+        from loom.cli.progress import make_display
+        from loom.cli.report import ScanReport
+        from loom.mainloop.asyncio_loop import AsyncioMainLoop
+        from loom.scansession import ScanSession
+
+        main_loop = AsyncioMainLoop()
+        try:
+            app = App(self._db_path, main_loop)
+            try:
+                if self._verbose > 1:
+                    app.coordinator.fLog.fOutputFile = sys.stderr
+                session = ScanSession(app, self._paths, self._exclude)
+                session.connect("finished", lambda _session: main_loop.loop.stop())
+                with make_display(session, live=not self._verbose):
+                    self._catch_signals(main_loop, session)
+                    session.start()
+                    main_loop.loop.run_forever()
+            finally:
+                app.destroy()  # saves
+        finally:
+            main_loop.close()
+        if session.failure is not None:
+            raise session.failure
+        report = ScanReport(session, self._db_path, self._signal is not None)
+        report.write(self._as_json)
+        if self._signal is not None:
+            return Exit.TERMINATED if self._signal == signal.SIGTERM else Exit.INTERRUPTED
+        return Exit.FINDINGS if session.counts.errors and not exit_zero else Exit.OK
+
+    def _catch_signals(self, main_loop: AsyncioMainLoop, session: ScanSession) -> None:
+        """End the session at the first signal; a second one isn't caught any more."""
+
+        def stop(number: signal.Signals) -> None:
+            self._signal = number
+            for each in (signal.SIGINT, signal.SIGTERM):
+                main_loop.loop.remove_signal_handler(each)
+            warn("stopping: saving what was scanned so far")
+            session.stop()
+
+        for number in (signal.SIGINT, signal.SIGTERM):
+            main_loop.loop.add_signal_handler(number, stop, number)

@@ -1,0 +1,62 @@
+"""The scheduler with a stopwatch, and with a note of the scan that failed."""
+
+from __future__ import annotations
+
+from array import array
+from time import perf_counter
+from typing import NamedTuple
+
+from pysource.scancoordinator import CScanCoordinator, CScanItem
+
+__all__ = ["MeasuredCoordinator", "SliceLengths"]
+
+
+class SliceLengths(NamedTuple):
+    """How long the slices were, in seconds; zeros if there were none."""
+
+    count: int
+    median: float
+    p99: float
+    longest: float
+    total: float
+
+    @classmethod
+    def of(cls, lengths: array[float]) -> SliceLengths:
+        if not lengths:
+            return cls(0, 0.0, 0.0, 0.0, 0.0)
+        ordered = sorted(lengths)
+        last = len(ordered) - 1
+        return cls(
+            len(ordered),
+            ordered[last // 2],
+            ordered[-(-last * 99 // 100)],
+            ordered[-1],
+            sum(ordered),
+        )
+
+
+class MeasuredCoordinator(CScanCoordinator):
+    """Notes the length of each slice, and the scan in which the last failure happened.
+
+    `failed_item` is for whoever handles a failure: it is the failed scan, or none if something
+    else failed, and stays until that one clears it.
+    """
+
+    def __init__(self, idle_priority: int, ana_mgr: object) -> None:
+        super().__init__(idle_priority, ana_mgr)
+        self.slices = array("d")
+        self.failed_item: CScanItem | None = None
+
+    def _CB_DoIdleAnalysis(self) -> bool | None:
+        start = perf_counter()
+        try:
+            return super()._CB_DoIdleAnalysis()
+        finally:
+            self.slices.append(perf_counter() - start)
+
+    def _DoSingleScan(self, scan_item: CScanItem, end_time: float) -> bool:
+        try:
+            return super()._DoSingleScan(scan_item, end_time)
+        except Exception:
+            self.failed_item = scan_item
+            raise

@@ -1,0 +1,224 @@
+"""One scan of some paths: finds the files, queues them, follows the run to its end."""
+
+from __future__ import annotations
+
+from collections.abc import Mapping, Sequence
+from dataclasses import dataclass, field
+from time import perf_counter
+from typing import Final
+
+from guiutils import lgtk
+from loombase.destroyable import CDestroyable
+from loombase.location import CLocalFileLocation, CLocation
+from loombase.mime import kPythonMimeType
+from loomutils.reflect import GetFailureReporter
+from pathspec import GitIgnoreSpec
+
+from loom.app import App
+from loom.mainloop.base import LOW_IDLE_PRIORITY
+from loom.store.errors import StoreError
+from loom.store.records import FileRecord
+from loom.walk import Found, Problem, walk
+from pysource.scancoordinator import kBackgroundPriority
+
+__all__ = ["FileError", "ScanCounts", "ScanSession"]
+
+# How long one idle call looks for files. Finding takes turns with scanning.
+_WALK_SECONDS: Final = 0.010
+
+# Behind everything else: runs only when all other idle work is done.
+_LAST_IDLE_PRIORITY: Final = 1000
+
+# So many failures outside of scans with nothing done in between, and the run is given up.
+_MOST_FAILURES: Final = 5
+
+_kWholeFile: Final = "*"
+
+
+@dataclass(frozen=True, slots=True)
+class FileError:
+    """What was wrong with a file or folder. `lineno` is 0 if nothing of it was scanned."""
+
+    path: str
+    reason: str
+    lineno: int = 0
+
+
+@dataclass(slots=True)
+class ScanCounts:
+    """Where a run stands. Files are counted once each.
+
+    `found` files were queued, `left` of them are still to be looked at. `scanned` were parsed,
+    `failed` couldn't be. What remains, `unchanged`, had valid results or is gone meanwhile.
+    """
+
+    found: int = 0
+    left: int = 0
+    scanned: int = 0
+    failed: int = 0
+    vanished: int = 0
+    definitions: int = 0
+    bytes: int = 0
+    all_found: bool = False
+    errors: list[FileError] = field(default_factory=list)
+
+    @property
+    def done(self) -> int:
+        return self.found - self.left
+
+    @property
+    def unchanged(self) -> int:
+        return max(0, self.done - self.scanned - self.failed - self.vanished)
+
+
+class ScanSession(CDestroyable):
+    """Scans `paths` in the idle time of the app's main loop.
+
+    A scan that fails leaves the queue with a recorded error, and the others go on. The session
+    ends when every file is done and written, when `stop` is called, or when the engine fails again
+    and again outside of scans; `failure` is then the exception.
+
+    Signals: "finished" (session), once.
+    """
+
+    def __init__(self, app: App, paths: Sequence[str], exclude: GitIgnoreSpec | None = None) -> None:
+        super().__init__(("finished",))
+        self.app = app
+        self.counts = ScanCounts()
+        self.seconds = 0.0
+        self.stopped = False
+        self.failure: BaseException | None = None
+        self._start = perf_counter()
+        self._is_over = False
+        self._walk = walk(paths, exclude)
+        self._walk_idle: int | None = None
+        self._last_idle: int | None = None
+        self._failures = 0
+        coordinator = app.coordinator
+        coordinator.connect_while_alive("scheduled", self._watch_for_end, self)
+        coordinator.connect_while_alive("modtimes-updated", self._count_vanished, self)
+        app.info_cache.connect_while_alive("file-stored", self._count_file, self)
+        GetFailureReporter().connect_while_alive("failure-reported", self._note_failure, self)
+
+    def start(self) -> None:
+        """Begin. Nothing is looked at before the main loop has idle time."""
+        self._start = perf_counter()
+        self._walk_idle = lgtk.idle_add_while_alive(
+            self._find_some, self, priority=LOW_IDLE_PRIORITY
+        )
+
+    def stop(self) -> None:
+        """End early: no further slice runs. What was scanned so far stays to be saved."""
+        if not self._is_over:
+            self.stopped = True
+            self.app.coordinator.Quitting()
+            self._finish()
+
+    def update_left(self) -> None:
+        """Bring `counts.left` up to date with the queue."""
+        self.counts.left = self._files_left()
+
+    def _files_left(self) -> int:
+        status = self.app.coordinator.GetStatus()
+        primary = self.app.ana_mgr.fPrimaryScanName
+        queued = sum(q.file_count for q in status.queue_status_list if q.scan_name == primary)
+        return queued + status.waiting_count
+
+    # --- finding files
+
+    def _find_some(self) -> bool:
+        end = perf_counter() + _WALK_SECONDS
+        pairs: list[tuple[CLocation, str]] = []
+        more = True
+        while more and perf_counter() < end:
+            try:
+                step = next(self._walk)
+            except StopIteration:
+                more = False
+                break
+            if isinstance(step, Found):
+                loc = CLocalFileLocation(step.path)
+                if step.named:
+                    self.app.attribs.DeclareMimeType(loc, kPythonMimeType)
+                pairs.append((loc, _kWholeFile))
+            elif isinstance(step, Problem):
+                self._add_error(FileError(step.path, step.reason))
+        if pairs:
+            self.counts.found += len(pairs)
+            self.app.coordinator.AddPairsToPrimaryQueue(pairs, False, kBackgroundPriority)
+        if not more:
+            self.counts.all_found = True
+            self._walk_idle = None
+            self._watch_for_end()
+        return more
+
+    # --- following the run
+
+    def _count_file(self, info_cache: object, loc: CLocalFileLocation, record: FileRecord) -> None:
+        counts = self.counts
+        self._failures = 0
+        if record.error is not None:
+            self._add_error(FileError(loc.path, record.error, record.error_lineno))
+        if record.error is not None and record.error_lineno == 0:
+            counts.failed += 1
+            return
+        counts.scanned += 1
+        counts.definitions += record.definition_count
+        counts.bytes += record.size
+
+    def _count_vanished(self, modtimes: Mapping[CLocation, float]) -> None:
+        for loc, modtime in modtimes.items():
+            if modtime == 0 and isinstance(loc, CLocalFileLocation):
+                self.counts.vanished += 1
+                self._add_error(FileError(loc.path, "file is gone or can't be reached"))
+
+    def _add_error(self, error: FileError) -> None:
+        self.counts.errors.append(error)
+
+    def _note_failure(self, failure: BaseException) -> None:
+        """The engine failed in a slice and has no callback any more; `_at_rest` starts it again."""
+        coordinator = self.app.coordinator
+        item = coordinator.failed_item
+        coordinator.failed_item = None
+        if item is None or item.loc is None:
+            # What can't be stored can't be scanned either.
+            self._failures += _MOST_FAILURES if isinstance(failure, StoreError) else 1
+            self.failure = failure
+        else:
+            coordinator.RemoveLocationsFromQueue([item.loc])
+            self.counts.failed += 1
+            reason = f"scan failed: {type(failure).__name__}: {failure}"
+            self._add_error(FileError(str(getattr(item.loc, "path", item.loc)), reason))
+        self._watch_for_end()
+
+    def _watch_for_end(self) -> None:
+        if self._last_idle is None and not self._is_over:
+            self._last_idle = lgtk.idle_add_while_alive(
+                self._at_rest, self, priority=_LAST_IDLE_PRIORITY
+            )
+
+    def _at_rest(self) -> bool:
+        """Called when no other idle work is left: finding, scanning and writing have stopped."""
+        self._last_idle = None
+        coordinator = self.app.coordinator
+        if self._failures >= _MOST_FAILURES:
+            self._finish()
+        elif not coordinator.QueuesEmpty(include_waiting=False):
+            coordinator._ScheduleIdle()  # a failure had stopped it
+            self._watch_for_end()
+        elif self.counts.all_found and coordinator.QueuesEmpty():
+            self.failure = None
+            self._finish()
+        return False
+
+    def _finish(self) -> None:
+        self._is_over = True
+        self.seconds = perf_counter() - self._start
+        self.update_left()
+        self._walk.close()
+        if self._walk_idle is not None:
+            lgtk.idle_remove(self._walk_idle)
+        self.emit("finished", self)
+
+    def _destroy_impl(self) -> None:
+        self._walk.close()
