@@ -5,10 +5,8 @@ cd "$(dirname "$0")/.."
 stdlib=$(.venv/bin/python -c 'import sysconfig; print(sysconfig.get_path("stdlib"))')
 
 echo "==> loom scan $stdlib"
-status=0
-.venv/bin/loom scan "$stdlib" || status=$?
-# 1 tells of files with errors; the standard library's own tests have some on purpose.
-[ $status -le 1 ] || exit $status
+# The standard library's own tests have files with errors on purpose.
+.venv/bin/loom scan --exit-zero "$stdlib"
 
 cat <<END
 

@@ -47,17 +47,24 @@ def test_packages_say_that_they_are_typed(package):
     assert (folder_of(package) / "py.typed").is_file()
 
 
+@pytest.fixture(scope="module")
+def config(tmp_path_factory):
+    """A configuration of mypy with a cache that all runs share."""
+    folder = tmp_path_factory.mktemp("stubtest")
+    file = folder / "mypy.ini"
+    file.write_text(f"[mypy]\ncache_dir = {folder}\n")
+    return file
+
+
 @pytest.mark.parametrize("module", sorted(EXTENSIONS))
-def test_stub_agrees_with_module(module, tmp_path):
+def test_stub_agrees_with_module(module, config):
     """A signature, name or type that differs from the built module is an error of stubtest."""
-    config = tmp_path / "mypy.ini"
-    config.write_text("[mypy]\n")
     # A module is loaded over the stand-alone host.
     hostpath = str(LOOM / "hostpath")
     run = subprocess.run(
         [sys.executable, "-P", "-m", "mypy.stubtest", "--mypy-config-file", config, module],
         env=os.environ | {"PYTHONPATH": os.pathsep.join([hostpath, *python_path()])},
-        cwd=tmp_path,
+        cwd=config.parent,
         capture_output=True,
         text=True,
     )
