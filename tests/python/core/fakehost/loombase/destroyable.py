@@ -60,6 +60,10 @@ class CDestroyable:
         finally:
             for connection in self.__fSignalCatchers:
                 connection.alive = False
+                if connection in _class_connections:
+                    _class_connections.remove(connection)
+                elif isinstance(connection.emitter, CDestroyable):
+                    connection.emitter.__drop_dead()
             self.__fSignalCatchers = []
 
     def _destroy_impl(self) -> None:
@@ -103,7 +107,7 @@ class CDestroyable:
         for connection in self.__connections:
             if connection.id == connection_id:
                 connection.alive = False
-        self.__connections = [c for c in self.__connections if c.alive]
+        self.__drop_dead()
 
     def connection_count(self, name: str) -> int:
         """For tests: how many living connections this emitter has on a signal."""
@@ -116,6 +120,9 @@ class CDestroyable:
             connection.owner.__own(connection)
         self.__connections.append(connection)
         return connection.id
+
+    def __drop_dead(self) -> None:
+        self.__connections = [c for c in self.__connections if c.alive]
 
     def __own(self, connection: _Connection) -> None:
         if self.__fSignalCatchers is CDestroyable.__fSignalCatchers:
