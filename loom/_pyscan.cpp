@@ -1,0 +1,271 @@
+// The module loom._pyscan: the source scanner for Python callers. See _pyscan.h for what it does and
+// _pyscan.pyi for what it gives.
+//
+// A scanner owns its bytes object, whose content cannot change, and a SourceScan over it. It refers to
+// nothing else and so takes no part in garbage collection. No method runs Python code but pack_info,
+// which reads the caller's mapping before it packs.
+
+#include "loom/_pyscan.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "loom/_pyscan/packinfo.h"
+#include "pysource/pyrt/containers.h"
+#include "pysource/pyrt/operation.h"
+#include "pysource/pyrt/shell.h"
+
+namespace loom::pyscan {
+namespace {
+
+using pyrt::Dict;
+using pyrt::List;
+using pyrt::MakeTuple;
+using pyrt::Object;
+using pyrt::Own;
+using pyrt::ToPython;
+
+// Bytes that are no UTF-8 become escapes, so that a name can be printed and stored anywhere.
+Object MakeName(std::string_view text) {
+  return Own(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()),
+                                  "backslashreplace"));
+}
+
+Object MakeBytes(std::string_view data) {
+  return Own(PyBytes_FromStringAndSize(data.data(), static_cast<Py_ssize_t>(data.size())));
+}
+
+Object MakeInt(std::int64_t value) { return ToPython(value); }
+
+// The content of a bytes object, which owns it.
+std::string_view BytesOf(const Object& bytes) {
+  char* data = nullptr;
+  Py_ssize_t size = 0;
+  pyrt::Check(PyBytes_AsStringAndSize(bytes.get(), &data, &size));
+  return {data, static_cast<std::size_t>(size)};
+}
+
+// The argument as an object of the very type bytes.
+Object ExactBytes(PyObject* value, const char* what) {
+  if (!PyBytes_Check(value)) {
+    PyErr_Format(PyExc_TypeError, "%s must be bytes, not %R", what, Py_TYPE(value));
+    pyrt::ThrowPending();
+  }
+  return PyBytes_CheckExact(value) ? Object::Share(value)
+                                   : MakeBytes(BytesOf(Object::Share(value)));
+}
+
+class Scanner {
+ public:
+  explicit Scanner(Object source) : source_(std::move(source)), scan_(BytesOf(source_)) {}
+
+  static Scanner& From(PyObject* self);
+
+  bool Scan(std::int64_t max_bytes) {
+    if (max_bytes <= 0) pyrt::Raise(PyExc_ValueError, "max_bytes must be positive");
+    return scan_.Scan(static_cast<std::size_t>(max_bytes));
+  }
+
+  std::int64_t position() const { return static_cast<std::int64_t>(scan_.position()); }
+  std::int64_t steps() const { return static_cast<std::int64_t>(scan_.steps()); }
+
+  Object Scopes() const {
+    const Results& results = scan_.results();
+    List list;
+    for (std::size_t i = 0; i < results.scopes().size(); ++i) {
+      const Scope& scope = results.scopes()[i];
+      InfoPacker packer;
+      results.ForEachInfo(static_cast<ScopeIndex>(i),
+                          [&packer](std::string_view name, std::string_view info) {
+                            packer.Add(name, info);
+                          });
+      const std::int64_t parent = scope.parent == kNoIndex ? -1 : std::int64_t{scope.parent};
+      list.Append(MakeTuple(MakeName(scope.name), MakeInt(parent), MakeInt(scope.kind),
+                            MakeInt(scope.line), MakeInt(scope.end_line),
+                            MakeBytes(packer.Finish())));
+    }
+    return list.object();
+  }
+
+  Object Names() const {
+    const Results& results = scan_.results();
+    // A name that is bound often is made once.
+    std::vector<Object> names(results.entries().size());
+    List list;
+    for (const Binding& binding : results.bindings()) {
+      const Entry& entry = results.entries()[binding.entry];
+      Object& name = names[binding.entry];
+      if (!name) name = MakeName(entry.name);
+      list.Append(MakeTuple(MakeInt(entry.scope), name, MakeInt(binding.kind),
+                            MakeInt(binding.line)));
+    }
+    return list.object();
+  }
+
+  Object Definitions() const {
+    List list;
+    for (const Definition& definition : scan_.results().definitions()) {
+      list.Append(MakeTuple(MakeInt(definition.scope), MakeName(definition.name),
+                            MakeInt(definition.kind), MakeInt(definition.line)));
+    }
+    return list.object();
+  }
+
+  Object Imports() const {
+    List list;
+    for (std::string_view equivalent : scan_.results().imports()) {
+      list.Append(MakeBytes(equivalent));
+    }
+    return list.object();
+  }
+
+  Object Errors() const {
+    List list;
+    for (const SourceError& error : scan_.errors().errors()) {
+      list.Append(MakeTuple(MakeInt(error.line), MakeName(error.text)));
+    }
+    return list.object();
+  }
+
+ private:
+  const Object source_;
+  SourceScan scan_;
+};
+
+struct ScannerObject {
+  PyObject ob_base;
+  Scanner* scanner;
+};
+
+Scanner& Scanner::From(PyObject* self) {
+  return *reinterpret_cast<ScannerObject*>(self)->scanner;
+}
+
+PyObject* NewScanner(PyTypeObject* type, PyObject* args, PyObject* kwargs) noexcept {
+  return pyrt::Guard([&]() -> Object {
+    const auto [source] = pyrt::BindInit<"SourceScanner(source)">(args, kwargs);
+    Object bytes = ExactBytes(source, "source");
+    if (BytesOf(bytes).size() > SourceScan::kMaxSource) {
+      pyrt::Raise(PyExc_ValueError, "source is longer than 4 GiB");
+    }
+    const auto alloc = reinterpret_cast<allocfunc>(PyType_GetSlot(type, Py_tp_alloc));
+    Object self = Own(alloc(type, 0));
+    reinterpret_cast<ScannerObject*>(self.get())->scanner = new Scanner(std::move(bytes));
+    return self;
+  });
+}
+
+void DeallocScanner(PyObject* self) noexcept {
+  delete reinterpret_cast<ScannerObject*>(self)->scanner;
+  PyTypeObject* const type = Py_TYPE(self);
+  reinterpret_cast<freefunc>(PyType_GetSlot(type, Py_tp_free))(self);
+  // An instance of a heap type owns a reference to its type.
+  Object::Steal(reinterpret_cast<PyObject*>(type));
+}
+
+Object UnpackInfo(const Object& packed) {
+  const Object bytes = ExactBytes(packed.get_or_none(), "packed");
+  InfoUnpacker unpacker(BytesOf(bytes));
+  Dict info;
+  std::size_t count = 0;
+  while (const std::optional<InfoUnpacker::Item> item = unpacker.Next()) {
+    info.Set(MakeName(item->name), MakeBytes(item->info));
+    ++count;
+  }
+  if (!unpacker.valid() || info.size() != count) {
+    pyrt::Raise(PyExc_ValueError, "damaged scope information");
+  }
+  return info.object();
+}
+
+Object PackInfo(const Object& info) {
+  const Object items = Own(PyMapping_Items(info.get_or_none()));
+  InfoPacker packer;
+  pyrt::ForEach(items, [&packer](const Object& item) {
+    const auto [name, value] = pyrt::Unpack<2>(item);
+    if (!PyBytes_Check(value.get())) {
+      PyErr_Format(PyExc_TypeError, "information must be bytes, not %R", Py_TYPE(value.get()));
+      pyrt::ThrowPending();
+    }
+    packer.Add(pyrt::Utf8(pyrt::Text(name)), BytesOf(value));
+  });
+  return MakeBytes(packer.Finish());
+}
+
+template <pyrt::FixedText kSignature, pyrt::FixedText kDoc, auto kMember>
+constexpr auto kMethod = &pyrt::Operation<
+    kSignature, kDoc, kMember, [](auto& scanner, auto&... arguments) -> decltype(auto) {
+      return (scanner.*kMember)(arguments...);
+    }>::Def;
+
+Object MakeScannerType(const Object& module) {
+  static PyMethodDef methods[] = {
+      kMethod<"scan(max_bytes)",
+              "Go on for about max_bytes bytes; return True when the source is scanned.",
+              &Scanner::Scan>(),
+      kMethod<"scopes()", "Return the scopes found so far, the module first.",
+              &Scanner::Scopes>(),
+      kMethod<"names()", "Return each binding of a name found so far.", &Scanner::Names>(),
+      kMethod<"definitions()", "Return the names worth finding from anywhere.",
+              &Scanner::Definitions>(),
+      kMethod<"imports()", "Return what the source imports, each once.", &Scanner::Imports>(),
+      kMethod<"errors()", "Return what is wrong with the source, the first 100 remarks.",
+              &Scanner::Errors>(),
+      {nullptr, nullptr, 0, nullptr}};
+  static PyGetSetDef fields[] = {
+      pyrt::Field<"position", "How many bytes have been walked.", Scanner,
+                  [](Scanner& scanner) { return scanner.position(); }>::Def(),
+      pyrt::Field<"_steps", "How much work was done: bytes walked and tokens looked at.", Scanner,
+                  [](Scanner& scanner) { return scanner.steps(); }>::Def(),
+      {nullptr, nullptr, nullptr, nullptr, nullptr}};
+  static constexpr char kDoc[] =
+      "SourceScanner(source)\n--\n\nA resumable scan of Python source in UTF-8.";
+  static PyType_Slot slots[] = {{Py_tp_doc, const_cast<char*>(kDoc)},
+                                {Py_tp_new, reinterpret_cast<void*>(&NewScanner)},
+                                {Py_tp_dealloc, reinterpret_cast<void*>(&DeallocScanner)},
+                                {Py_tp_methods, methods},
+                                {Py_tp_getset, fields},
+                                {0, nullptr}};
+  static PyType_Spec spec{"loom._pyscan.SourceScanner", sizeof(ScannerObject), 0,
+                          Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE, slots};
+  return Own(PyType_FromModuleAndSpec(module.get(), &spec, nullptr));
+}
+
+int ExecModule(PyObject* self) noexcept {
+  return pyrt::Guard([self] {
+    const Object module = Object::Share(self);
+    const Object type = MakeScannerType(module);
+    pyrt::Check(PyModule_AddType(self, reinterpret_cast<PyTypeObject*>(type.get())));
+  });
+}
+
+PyModuleDef* ModuleDefinition() {
+  static PyMethodDef functions[] = {
+      pyrt::ModuleFunction<"unpack_info(packed)",
+                           "Return the names of a scope with their information.",
+                           &UnpackInfo>::Def(),
+      pyrt::ModuleFunction<"pack_info(info)", "Return the packed form of names with information.",
+                           &PackInfo>::Def(),
+      {nullptr, nullptr, 0, nullptr}};
+  static PyModuleDef_Slot slots[] = {{Py_mod_exec, reinterpret_cast<void*>(&ExecModule)},
+                                     {0, nullptr}};
+  static PyModuleDef definition{PyModuleDef_HEAD_INIT,
+                                "loom._pyscan",
+                                "The native scanner of Python source.",
+                                0,
+                                functions,
+                                slots,
+                                nullptr,
+                                nullptr,
+                                nullptr};
+  return &definition;
+}
+
+}  // namespace
+}  // namespace loom::pyscan
+
+PyMODINIT_FUNC PyInit__pyscan() { return PyModuleDef_Init(loom::pyscan::ModuleDefinition()); }

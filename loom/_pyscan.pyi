@@ -1,0 +1,67 @@
+"""The native scanner of Python source: what each scope of a file defines."""
+
+from collections.abc import Mapping
+from typing import Self, final
+
+@final
+class SourceScanner:
+    """A resumable scan of Python source.
+
+    `source` is UTF-8 and may start with a byte order mark; it need be neither valid UTF-8 nor valid
+    Python. It is kept and not copied. Anything but bytes is a TypeError, 4 GiB or more a ValueError.
+
+    All results can be asked for at any time and cover what has been scanned so far. They do not
+    depend on how the scan was divided. A kind is the number of a kind character: see docs/scanner.md
+    for those that occur and for the form of the information. Names that are no valid UTF-8 have
+    escapes such as "\\xff" in place of the bytes. Line numbers count from 1.
+    """
+
+    def __new__(cls, source: bytes) -> Self: ...
+    def scan(self, max_bytes: int) -> bool:
+        """Go on for about `max_bytes` bytes, and at least one token.
+
+        Return True when the whole source is scanned; further calls do nothing then. A `max_bytes`
+        below 1 is a ValueError.
+        """
+
+    @property
+    def position(self) -> int:
+        """How many bytes of the source have been walked; `len(source)` at the end."""
+
+    @property
+    def _steps(self) -> int:
+        """How much work was done: bytes walked and tokens looked at."""
+
+    def scopes(self) -> list[tuple[str, int, int, int, int, bytes]]:
+        """Return (name, parent, kind, lineno, end_lineno, packed information) of each scope.
+
+        The module is the first, the others follow in the order in which they begin; `parent` is an
+        index in this list, -1 for the module. `lineno` is that of "def", "class" or "async",
+        `end_lineno` that of the last token of the body.
+        """
+
+    def names(self) -> list[tuple[int, str, int, int]]:
+        """Return (scope index, name, kind, lineno) of each binding of a name, in order."""
+
+    def definitions(self) -> list[tuple[int, str, int, int]]:
+        """Return (scope index, name, kind, lineno) of what is worth finding from anywhere.
+
+        These are classes, functions, methods and type aliases, the names that assignments of a module
+        or class bind (each once, kind "="), and the attributes that methods give to their instances
+        (each once a class, the bare attribute, kind "I", in the scope of the method).
+        """
+
+    def imports(self) -> list[bytes]:
+        """Return the import equivalents, each once: b":ia.b" or b":fmodule name"."""
+
+    def errors(self) -> list[tuple[int, str]]:
+        """Return (lineno, remark) for what is wrong with the source, at most 100."""
+
+def unpack_info(packed: bytes) -> dict[str, bytes]:
+    """Return the names of a scope with their information strings, in order of appearance.
+
+    Empty bytes stand for no names. Damaged data is a ValueError.
+    """
+
+def pack_info(info: Mapping[str, bytes]) -> bytes:
+    """Return the packed form of names with information strings; the inverse of `unpack_info`."""
