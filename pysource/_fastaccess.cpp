@@ -114,7 +114,7 @@ void Fill(const Object& module) {
 
 PyMODINIT_FUNC PyInit__fastaccess() {
   using namespace pysource::fastaccess;
-  static pyrt::ModuleDefinition module(
+  static auto& module = *new pyrt::ModuleDefinition(
       "pysource._fastaccess",
       "What is needed often and must be cheap: clock, logger, text helpers.",
       {pyrt::ModuleFunction<"GetNowTime()",

@@ -1,11 +1,18 @@
+from collections.abc import Callable
 from typing import Any, Protocol
+
+from typing_extensions import disjoint_base
 
 class _Writer(Protocol):
     def write(self, text: str, /) -> object: ...
 
+# The clock: what stands here when the time is asked for.
+__TimeFunc: Callable[[], float]
+
 def GetNowTime() -> float: ...
 def OutOfTime(end_time: float) -> bool: ...
 
+@disjoint_base
 class CLogger:
     """A logger: called with a format and its arguments.
 

@@ -23,7 +23,7 @@ class ModuleDefinition {
  public:
   using Fill = void (*)(const Object& module);
 
-  // Requires: static storage. `methods` without the closing entry.
+  // Requires: lives to the end of the process. `methods` without the closing entry.
   ModuleDefinition(const char* name, const char* doc, std::vector<PyMethodDef> methods, Fill fill)
       : methods_(std::move(methods)) {
     fill_ = fill;

@@ -33,6 +33,42 @@ struct PlainDefinition {
   bool subclassable = true;
 };
 
+namespace internal {
+
+// Ends the lives of objects that end each other's, such as nested containers, without a stack frame
+// for each: beyond a depth they wait for the outermost one.
+class Disposal {
+ public:
+  using Dispose = void (*)(PyObject*);
+
+  static void Run(PyObject* object, Dispose dispose) noexcept {
+    if (depth_ >= kMaxDepth) {
+      try {
+        waiting_.emplace_back(object, dispose);
+        return;
+      } catch (const std::bad_alloc&) {
+        // Then it is done here, and the stack must do.
+      }
+    }
+    ++depth_;
+    dispose(object);
+    while (depth_ == 1 && !waiting_.empty()) {
+      const auto [next, dispose_next] = waiting_.back();
+      waiting_.pop_back();
+      dispose_next(next);
+    }
+    --depth_;
+  }
+
+ private:
+  static constexpr int kMaxDepth = 50;
+  static inline int depth_ = 0;
+  static inline std::vector<std::pair<PyObject*, Dispose>>& waiting_ =
+      *new std::vector<std::pair<PyObject*, Dispose>>();
+};
+
+}  // namespace internal
+
 template <class State>
 class PlainClass {
  public:
@@ -80,6 +116,11 @@ class PlainClass {
     return *std::launder(
         reinterpret_cast<State*>(reinterpret_cast<unsigned char*>(self) + kStateOffset));
   }
+  // The Python object around a state. Borrowed.
+  static PyObject* ObjectOf(const State& state) noexcept {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&state) - kStateOffset;
+    return reinterpret_cast<PyObject*>(const_cast<unsigned char*>(bytes));
+  }
   static bool IsInstance(PyObject* object) {
     return PyObject_TypeCheck(object, reinterpret_cast<PyTypeObject*>(type_)) != 0;
   }
@@ -126,6 +167,9 @@ class PlainClass {
   }
   static void DeallocSlot(PyObject* self) noexcept {
     PyObject_GC_UnTrack(self);
+    internal::Disposal::Run(self, &Dispose);
+  }
+  static void Dispose(PyObject* self) noexcept {
     {
       const SavedError saved;
       if (reinterpret_cast<Head*>(self)->weak_references != nullptr) PyObject_ClearWeakRefs(self);
