@@ -28,7 +28,7 @@ _kDecodeBytes: Final = 64 * 1024
 # in it are still text.
 _kSniffBytes: Final = 64 * 1024
 _kControlShare: Final = 1 / 64
-_kControls: Final = bytes(set(range(0x20)) - set(b"\t\n\r\f\x1b")) + bytes(range(0x7F, 0xA0))
+_kControls: Final = bytes(set(range(0x20)) - set(b"\t\n\r\f\x0e\x0f\x1b")) + b"\x7f"
 
 # Text codecs that can't work piece by piece, or that fail by design.
 _kUnusableCodecs: Final = frozenset({"idna", "punycode", "undefined"})
@@ -141,18 +141,15 @@ def _decode(text: SourceText) -> Iterator[None]:
         if bad is None:
             return
         lineno = data.count(b"\n", 0, bad) + 1
-        _warn(text, f"not valid UTF-8 from line {lineno} on; read as Latin-1", lineno)
     else:
         yield
-        decoded = yield from _transcoded(data, text)
-        if decoded is not None:
-            text.data = decoded
+        lineno = yield from _transcode(data, text, "strict")
+        if lineno == 0:
             return
-    _check_latin1_is_text(data)
-    text.encoding = "iso-8859-1"
-    decoded = yield from _transcoded(data, text)
-    assert decoded is not None  # every byte is a Latin-1 character
-    text.data = decoded
+    _warn(text, f"not valid {text.encoding} in line {lineno}; bytes were replaced", lineno)
+    if (yield from _transcode(data, text, "replace")):
+        text.encoding = "iso-8859-1"  # a codec that doesn't know how to replace
+        yield from _transcode(data, text, "strict")
 
 
 def _declared_encoding(data: bytes, marked: bool, text: SourceText) -> str:
@@ -206,30 +203,33 @@ def _first_bad_byte(data: bytes) -> Generator[None, None, int | None]:
     return None
 
 
-def _transcoded(data: bytes, text: SourceText) -> Generator[None, None, bytes | None]:
-    """The text in UTF-8 as the generator's result, or none, with a warning, if it can't be."""
-    decoder = codecs.getincrementaldecoder(text.encoding)()
+def _transcode(data: bytes, text: SourceText, errors: str) -> Generator[None, None, int]:
+    """Bring `text.data` into UTF-8; the result is 0, or the line with the first bad byte."""
+    _check_controls(data)
+    decoder = codecs.getincrementaldecoder(text.encoding)(errors)
     pieces: list[bytes] = []
     length = 0
-    try:
-        for start in range(0, len(data), _kDecodeBytes):
-            piece = data[start : start + _kDecodeBytes]
-            decoded = decoder.decode(piece, start + _kDecodeBytes >= len(data)).encode()
-            pieces.append(decoded)
-            length += len(decoded)
-            _check_size(length)
-            yield
-    except ValueError:
-        lineno = sum(piece.count(b"\n") for piece in pieces) + 1
-        _warn(text, f"not valid {text.encoding} near line {lineno}; read as Latin-1", lineno)
-        return None
+    for start in range(0, len(data), _kDecodeBytes):
+        piece = data[start : start + _kDecodeBytes]
+        try:
+            # Characters that UTF-8 can't hold are lone surrogates.
+            decoded = decoder.decode(piece, start + _kDecodeBytes >= len(data))
+            pieces.append(decoded.encode(errors="replace"))
+        except UnicodeDecodeError as error:
+            return data.count(b"\n", 0, start) + error.object.count(b"\n", 0, error.start) + 1
+        except ValueError:
+            return data.count(b"\n", 0, start) + 1
+        length += len(pieces[-1])
+        _check_size(length)
+        yield
     joined = b"".join(pieces)
     if (position := joined.find(b"\0")) >= 0:
         raise SourceError(f"not text: null character at offset {position:,}", lasting=True)
-    return joined
+    text.data = joined
+    return 0
 
 
-def _check_latin1_is_text(data: bytes) -> None:
+def _check_controls(data: bytes) -> None:
     head = data[:_kSniffBytes]
     controls = len(head) - len(head.translate(None, _kControls))
     if controls > len(head) * _kControlShare:

@@ -2,8 +2,8 @@
 
     scope index TAB kind TAB line number TAB name NEWLINE
 
-UTF-8. The scope index counts the scopes of the file from 0, the module. Names hold no tab or
-newline. One text a file rather than one row a definition, since there are some ten thousand of
+UTF-8. The scope index counts the scopes of the file from 0, the module; the kind is a number. Names
+hold no tab or newline. One text a file rather than one row a definition, since there are some ten thousand of
 them in a megabyte of source, and most are never asked for.
 """
 
@@ -17,12 +17,12 @@ class PackedDefinition(NamedTuple):
     """One definition. `lineno` counts from 1."""
 
     scope_index: int
-    kind: str
+    kind: int
     lineno: int
     name: str
 
 
-def pack(definitions: Iterable[tuple[int, str, str, int]]) -> bytes:
+def pack(definitions: Iterable[tuple[int, str, int, int]]) -> bytes:
     """Pack (scope index, name, kind, line number) tuples."""
     return "".join(
         [f"{scope}\t{kind}\t{lineno}\t{name}\n" for scope, name, kind, lineno in definitions]
@@ -33,7 +33,7 @@ def unpack(packed: bytes) -> Iterator[PackedDefinition]:
     """The definitions in their order. Raises `ValueError` if the text isn't of this form."""
     for line in packed.decode().split("\n")[:-1]:
         scope, kind, lineno, name = line.split("\t")
-        yield PackedDefinition(int(scope), kind, int(lineno), name)
+        yield PackedDefinition(int(scope), int(kind), int(lineno), name)
 
 
 def names_in(packed: bytes) -> set[str]:

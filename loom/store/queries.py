@@ -35,7 +35,7 @@ Match = Literal["exact", "prefix", "glob"]
 
 
 class Definition(NamedTuple):
-    """One place where a name is defined. `kind` is a kind character, `lineno` counts from 1."""
+    """One place where a name is defined. `kind` is a kind character."""
 
     url: str
     scope: str
@@ -50,7 +50,10 @@ class Definition(NamedTuple):
 
 
 class Scope(NamedTuple):
-    """A scope of a file. `parent` is the index of its parent in the list, -1 for the module."""
+    """A scope of a file. `parent` is the index of its parent in the list, -1 for the module.
+
+    `kind` is a kind character.
+    """
 
     name: str
     parent: int
@@ -145,7 +148,10 @@ def scopes_of_file(connection: sqlite3.Connection, url: str) -> list[Scope] | No
             " WHERE id BETWEEN ? AND ? ORDER BY id",
             _scope_range(file_id),
         )
-        return [Scope(*row) for row in rows]
+        return [
+            Scope(name, parent, chr(kind), lineno, end_lineno)
+            for name, parent, kind, lineno, end_lineno in rows
+        ]
 
 
 def problems(connection: sqlite3.Connection) -> list[FileProblem]:
@@ -211,4 +217,5 @@ def _definitions(
         )
     }
     for entry in found:
-        yield Definition(url, scope_names[entry.scope_index], entry.name, entry.kind, entry.lineno)
+        scope = scope_names[entry.scope_index]
+        yield Definition(url, scope, entry.name, chr(entry.kind), entry.lineno)

@@ -8,7 +8,7 @@ __all__ = ["AddedScope", "FileRecord", "FileState", "ScopeRow", "StoredScope", "
 
 # (scope name, index of the parent scope or -1, kind, first line, last line, packed information),
 # just as the native scanner makes it.
-ScopeRow = tuple[str, int, str, int, int, bytes]
+ScopeRow = tuple[str, int, int, int, int, bytes]
 
 
 @dataclass(slots=True, frozen=True)

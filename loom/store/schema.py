@@ -49,7 +49,7 @@ CREATE TABLE scopes(
   id INTEGER PRIMARY KEY,
   name TEXT NOT NULL,
   parent INTEGER NOT NULL,
-  kind TEXT NOT NULL,
+  kind INTEGER NOT NULL,
   lineno INTEGER NOT NULL,
   end_lineno INTEGER NOT NULL,
   info BLOB NOT NULL

@@ -109,8 +109,8 @@ class CScopeInfo:
     ) -> bytes | None:
         """The information of a name, or `default`.
 
-        With `inst`, a name that the class scope knows by its methods' assignments to "self" is
-        found, too: such a name stands in the record as "self." and the name.
+        With `inst`, an attribute that a method gives to its instance is found, too: it stands in
+        the method's record as "self." and the name.
         """
         found = self.type_equivs.get(name)
         if found is None and inst:

@@ -38,11 +38,11 @@ def make_record() -> Callable[..., FileRecord]:
     def make(
         url: str, functions: tuple[str, ...] = ("first",), mtime_ns: int = 1_000, **fields: object
     ) -> FileRecord:
-        scopes = [("", -1, "O", 1, 100, b"module"), ("Some", 0, "C", 2, 90, b"class")]
-        found = [(0, "Some", "C", 2)]
+        scopes = [("", -1, ord("O"), 1, 100, b"module"), ("Some", 0, ord("C"), 2, 90, b"class")]
+        found = [(0, "Some", ord("C"), 2)]
         for lineno, name in enumerate(functions, 3):
-            scopes.append((f"Some.{name}", 1, "M", lineno, lineno, name.encode()))
-            found.append((1, name, "M", lineno))
+            scopes.append((f"Some.{name}", 1, ord("M"), lineno, lineno, name.encode()))
+            found.append((1, name, ord("M"), lineno))
         values: dict[str, object] = {
             "url": url,
             "mtime_ns": mtime_ns,

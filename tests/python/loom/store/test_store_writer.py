@@ -485,7 +485,7 @@ def test_data_version_tells_of_other_writers(
 
 
 def test_definitions_survive_packing() -> None:
-    found = [(0, "a", "=", 1), (0, "été", "F", 20), (3, "数", "C", 300_000)]
+    found = [(0, "a", ord("="), 1), (0, "été", ord("F"), 20), (3, "数", ord("C"), 300_000)]
     packed = definitions.pack(found)
     assert [(d.scope_index, d.name, d.kind, d.lineno) for d in definitions.unpack(packed)] == found
     assert definitions.names_in(packed) == {"a", "été", "数"}

@@ -1,0 +1,145 @@
+"""An info cache in its place among the host's services, with a clock that stands still."""
+
+import os
+import sqlite3
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from types import SimpleNamespace
+from typing import Any
+
+import pytest
+
+from loom.bootstrap import ensure_host_path
+
+ensure_host_path()
+
+import singleton  # noqa: E402
+from guiutils import lgtk  # noqa: E402
+from loombase.location import CLocalFileLocation  # noqa: E402
+
+from loom.mainloop.stepped import SteppedMainLoop  # noqa: E402
+from pysource import _fastaccess, scopeinfo, scopescanner  # noqa: E402
+
+
+class Clock:
+    """Virtual time in seconds. It moves by `per_look` each time that somebody looks at it."""
+
+    def __init__(self) -> None:
+        self.now = 1_000.0
+        self.per_look = 0.0
+
+    def __call__(self) -> float:
+        self.now += self.per_look
+        return self.now
+
+
+@pytest.fixture
+def clock(monkeypatch: pytest.MonkeyPatch) -> Clock:
+    result = Clock()
+    monkeypatch.setitem(vars(_fastaccess), "__TimeFunc", result)
+    return result
+
+
+@pytest.fixture
+def main_loop() -> Iterator[SteppedMainLoop]:
+    result = SteppedMainLoop()
+    lgtk.SetMainLoop(result)
+    yield result
+    lgtk.SetMainLoop(None)
+
+
+class Buffers:
+    """The cache manager: no file is open until a test puts a buffer into `buffers`."""
+
+    def __init__(self) -> None:
+        self.buffers: dict[CLocalFileLocation, Any] = {}
+
+    def DoesCacheBufferExist(self, loc: CLocalFileLocation, any_kind: bool) -> Any:
+        return self.buffers.get(loc)
+
+
+@pytest.fixture
+def buffers() -> Buffers:
+    return Buffers()
+
+
+@pytest.fixture
+def db_path(tmp_path: Path) -> Path:
+    return tmp_path / "db" / "info.sqlite3"
+
+
+@pytest.fixture
+def cache(
+    db_path: Path, clock: Clock, main_loop: SteppedMainLoop, buffers: Buffers
+) -> Iterator["scopeinfo.CInfoCache"]:
+    """A new info cache, known to the singletons."""
+    result = scopeinfo.CInfoCache(db_path)
+    singletons = singleton.GetSingletons()
+    singletons.fAnalysisMgr = SimpleNamespace(fInfoCache=result)
+    singletons.fCacheMgr = buffers
+    yield result
+    singletons.fAnalysisMgr = singletons.fCacheMgr = None
+    result.destroy()
+
+
+@pytest.fixture
+def make_file(tmp_path: Path) -> Callable[..., CLocalFileLocation]:
+    """Writes a file and returns its location; with a time, in nanoseconds, if one is given."""
+
+    def make(
+        name: str, content: str | bytes = "", mtime_ns: int | None = None
+    ) -> CLocalFileLocation:
+        path = tmp_path / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(content.encode() if isinstance(content, str) else content)
+        if mtime_ns is not None:
+            os.utime(path, ns=(mtime_ns, mtime_ns))
+        return CLocalFileLocation(path)
+
+    return make
+
+
+@pytest.fixture
+def new_scanner() -> Callable[..., "scopescanner.CWholeFilePrimaryScanner"]:
+    """Makes a scanner as the scheduler does."""
+
+    def make(
+        loc: CLocalFileLocation, incomplete: set[str] | None = None
+    ) -> "scopescanner.CWholeFilePrimaryScanner":
+        return scopescanner.CWholeFilePrimaryScanner(
+            loc,
+            "primary",
+            incomplete_scope_set=set() if incomplete is None else incomplete,
+            log=lambda *args: None,
+        )
+
+    return make
+
+
+@pytest.fixture
+def scan(
+    cache: "scopeinfo.CInfoCache", clock: Clock, new_scanner: Callable[..., Any]
+) -> Callable[..., Any]:
+    """Scans a file in one go and returns the state reached."""
+
+    def run(loc: CLocalFileLocation, incomplete: set[str] | None = None) -> Any:
+        scanner = new_scanner(loc, incomplete)
+        state = scanner.Scan(clock.now + 1_000.0)
+        scanner.destroy()
+        return state
+
+    return run
+
+
+@pytest.fixture
+def rows(db_path: Path) -> Callable[..., list[tuple[Any, ...]]]:
+    """Asks the database over a connection of its own."""
+
+    def ask(query: str, *arguments: Any) -> list[tuple[Any, ...]]:
+        connection = sqlite3.connect(db_path)
+        try:
+            return connection.execute(query, arguments).fetchall()
+        finally:
+            connection.close()
+
+    return ask
