@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
 from itertools import islice
 from pathlib import Path
 
@@ -37,31 +38,33 @@ def find(
     set_up_logging(verbose)
     how: queries.Match = "prefix" if match == "prefix" else "glob" if match == "glob" else "exact"
     connection = open_read_only(db_path)
-    try:
+
+    def definitions() -> Iterator[queries.Definition]:
         with told(db_path):
-            found = islice(queries.find_name(connection, name, how), limit)
-            if as_json:
-                document = [
-                    {
-                        "path": queries.path_of(definition.url),
-                        "url": definition.url,
-                        "line": definition.lineno,
-                        "kind": word_for_kind(definition.kind),
-                        "scope": definition.scope,
-                        "name": definition.name,
-                    }
-                    for definition in found
-                ]
-                write_json({"name": name, "match": how, "definitions": document})
-                return Exit.OK if document else Exit.FINDINGS
-            count = 0
-            for count, definition in enumerate(found, 1):
-                place = escape(queries.path_of(definition.url) or definition.url)
-                write(
-                    f"{styled(place, fg='cyan')}:{definition.lineno}: "
-                    f"{word_for_kind(definition.kind)} "
-                    f"{styled(escape(definition.qualified_name), bold=True)}"
-                )
+            yield from islice(queries.find_name(connection, name, how), limit)
+
+    try:
+        if as_json:
+            document = [
+                {
+                    "path": queries.path_of(found.url),
+                    "url": found.url,
+                    "line": found.lineno,
+                    "kind": word_for_kind(found.kind),
+                    "scope": found.scope,
+                    "name": found.name,
+                }
+                for found in definitions()
+            ]
+            write_json({"name": name, "match": how, "definitions": document})
+            return Exit.OK if document else Exit.FINDINGS
+        count = 0
+        for count, found in enumerate(definitions(), 1):
+            place = escape(queries.path_of(found.url) or found.url)
+            write(
+                f"{styled(place, fg='cyan')}:{found.lineno}: {word_for_kind(found.kind)} "
+                f"{styled(escape(found.qualified_name), bold=True)}"
+            )
     finally:
         connection.close()
     if not count:

@@ -13,6 +13,7 @@ _WORDS: Final = {
     "C": "class",
     "F": "function",
     "G": "type alias",
+    "I": "attribute",
     "M": "method",
     "O": "module",
     "f": "import",

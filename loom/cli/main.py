@@ -97,5 +97,5 @@ def _run(arguments: Sequence[str]) -> int:
         raise
     except Exception:
         traceback.print_exc()
-        warn("this is a fault of the program; what was scanned so far is saved")
+        warn("this is a fault of the program")
         return Exit.FAULT

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 from collections import defaultdict
 from collections.abc import Iterator, Sequence
 from pathlib import Path
@@ -46,10 +47,9 @@ def symbols(file: str, db_path: Path, as_json: bool, verbose: int) -> int:
         return Exit.FINDINGS
     tree = _Tree(scopes, definitions)
     if as_json:
-        root = [tree.as_json(index) for index in tree.children[-1]]
-        write_json({"path": file, "url": url, "scanned": True, "scopes": root})
+        write_json({"path": file, "url": url, "scanned": True, "scopes": tree.as_json()})
     else:
-        for line in tree.as_text():
+        for line in tree.as_text(os.path.basename(file)):
             write(line)
     return Exit.OK
 
@@ -59,49 +59,63 @@ class _Tree:
 
     def __init__(self, scopes: Sequence[Scope], definitions: Sequence[Definition]) -> None:
         self._scopes = scopes
-        self.children: defaultdict[int, list[int]] = defaultdict(list)
+        self._children: defaultdict[int, list[int]] = defaultdict(list)
         for index, scope in enumerate(scopes):
-            self.children[scope.parent].append(index)
+            self._children[scope.parent].append(index)
         self._defined: defaultdict[str, list[Definition]] = defaultdict(list)
         for definition in definitions:
             self._defined[definition.scope].append(definition)
 
-    def as_text(self) -> Iterator[str]:
-        """A line for each scope and each definition that isn't a scope itself, indented."""
-        pending = [(index, 0) for index in reversed(self.children[-1])]
-        while pending:
-            index, depth = pending.pop()
-            scope = self._scopes[index]
-            title = styled(escape(scope.name or "(module)"), bold=True)
-            yield f"{_place(scope.lineno)}{'  ' * depth}{word_for_kind(scope.kind)} {title}"
-            inner = {self._scopes[child].lineno for child in self.children[index]}
-            for definition in self._defined[scope.name]:
-                # A function or class is shown by its scope.
-                if not (definition.kind in _SCOPE_KINDS and definition.lineno in inner):
-                    yield (
-                        f"{_place(definition.lineno)}{'  ' * (depth + 1)}"
-                        f"{word_for_kind(definition.kind)} {escape(definition.name)}"
-                    )
-            pending += [(child, depth + 1) for child in reversed(self.children[index])]
+    def as_text(self, module_title: str) -> Iterator[str]:
+        """A line for each scope and each definition that isn't a scope itself, indented by depth.
 
-    def as_json(self, index: int) -> dict[str, Any]:
-        """A scope with its definitions and its inner scopes."""
-        scope = self._scopes[index]
-        return {
-            "name": scope.name,
-            "kind": word_for_kind(scope.kind),
-            "line": scope.lineno,
-            "end_line": scope.end_lineno,
-            "definitions": [
-                {"name": found.name, "kind": word_for_kind(found.kind), "line": found.lineno}
-                for found in self._defined[scope.name]
-            ],
-            "scopes": [self.as_json(child) for child in self.children[index]],
-        }
+        What a scope holds follows it in order of line numbers.
+        """
+        pending: list[tuple[int, Definition | int]]  # with the depth, next one last
+        pending = [(0, index) for index in reversed(self._children[-1])]
+        while pending:
+            depth, item = pending.pop()
+            indent = "  " * depth
+            if not isinstance(item, int):
+                yield f"{item.lineno:>6}  {indent}{word_for_kind(item.kind)} {escape(item.name)}"
+                continue
+            scope = self._scopes[item]
+            title = styled(escape(scope.name or module_title), bold=True)
+            yield f"{scope.lineno:>6}  {indent}{word_for_kind(scope.kind)} {title}"
+            pending += [(depth + 1, inside) for inside in reversed(self._inside(item))]
+
+    def _inside(self, index: int) -> list[Definition | int]:
+        """The definitions and inner scopes of a scope in order of lines."""
+        children = self._children[index]
+        scope_lines = {self._scopes[child].lineno for child in children}
+        inside: list[tuple[int, Definition | int]] = [
+            (found.lineno, found)
+            for found in self._defined[self._scopes[index].name]
+            # A function or class is shown by its scope.
+            if not (found.kind in _SCOPE_KINDS and found.lineno in scope_lines)
+        ]
+        inside += [(self._scopes[child].lineno, child) for child in children]
+        return [item for _, item in sorted(inside, key=lambda entry: entry[0])]
+
+    def as_json(self) -> list[dict[str, Any]]:
+        """The scopes with their definitions; `parent` is an index in this list, -1 for none.
+
+        It isn't nested, since a file may nest its scopes deeper than readers of JSON can follow.
+        """
+        return [
+            {
+                "name": scope.name,
+                "parent": scope.parent,
+                "kind": word_for_kind(scope.kind),
+                "line": scope.lineno,
+                "end_line": scope.end_lineno,
+                "definitions": [
+                    {"name": found.name, "kind": word_for_kind(found.kind), "line": found.lineno}
+                    for found in self._defined[scope.name]
+                ],
+            }
+            for scope in self._scopes
+        ]
 
 
 _SCOPE_KINDS = frozenset("CFMm")
-
-
-def _place(lineno: int) -> str:
-    return f"{lineno:>6}  "
