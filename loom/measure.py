@@ -3,15 +3,16 @@
 from __future__ import annotations
 
 from array import array
+from dataclasses import dataclass
 from time import perf_counter
-from typing import NamedTuple
 
 from pysource.scancoordinator import CScanCoordinator, CScanItem
 
 __all__ = ["MeasuredCoordinator", "SliceLengths"]
 
 
-class SliceLengths(NamedTuple):
+@dataclass(frozen=True, slots=True)
+class SliceLengths:
     """How long the slices were, in seconds; zeros if there were none."""
 
     count: int

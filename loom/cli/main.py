@@ -4,14 +4,20 @@ from __future__ import annotations
 
 import importlib
 import importlib.metadata
-import os
 import sys
 import traceback
 from collections.abc import Sequence
 
 import click
 
-from loom.cli.output import Exit, set_up_streams, warn
+from loom.cli.output import (
+    Exit,
+    OutputError,
+    finish_output,
+    give_up_output,
+    set_up_streams,
+    warn,
+)
 
 __all__ = ["run"]
 
@@ -69,14 +75,14 @@ def run(arguments: Sequence[str]) -> int:
     set_up_streams()
     try:
         code = _run(arguments)
-        sys.stdout.flush()
+        finish_output()
         return code
-    except BrokenPipeError:
-        # The reader has had enough. What is still buffered has nowhere to go at exit either.
-        nowhere = os.open(os.devnull, os.O_WRONLY)
-        os.dup2(nowhere, sys.stdout.fileno())
-        os.close(nowhere)
-        return Exit.BROKEN_PIPE
+    except OutputError as error:
+        give_up_output()
+        if isinstance(error.__cause__, BrokenPipeError):
+            return Exit.BROKEN_PIPE  # the reader has had enough, which is nothing to talk about
+        warn(f"can't write the output: {error.__cause__}")
+        return Exit.FAULT
 
 
 def _run(arguments: Sequence[str]) -> int:
@@ -93,8 +99,11 @@ def _run(arguments: Sequence[str]) -> int:
     except StoreError as error:
         warn(str(error))
         return Exit.UNUSABLE
-    except BrokenPipeError:
+    except OutputError:
         raise
+    except ImportError as error:
+        warn(f"a part of the program can't be loaded; was it built and installed? {error}")
+        return Exit.FAULT
     except Exception:
         traceback.print_exc()
         warn("this is a fault of the program")

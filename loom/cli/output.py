@@ -17,7 +17,10 @@ import click
 
 __all__ = [
     "Exit",
+    "OutputError",
     "escape",
+    "finish_output",
+    "give_up_output",
     "may_style",
     "set_up_logging",
     "set_up_streams",
@@ -36,7 +39,7 @@ class Exit(IntEnum):
     UNUSABLE = 2  # wrong usage, or a database that can't be used
     FAULT = 70  # a fault of the program itself
     INTERRUPTED = 130  # 128 + SIGINT
-    BROKEN_PIPE = 141  # 128 + SIGPIPE
+    BROKEN_PIPE = 141  # 128 + SIGPIPE: the reader of the output has gone
     TERMINATED = 143  # 128 + SIGTERM
 
 
@@ -71,14 +74,39 @@ def escape(text: str, stream: TextIO | None = None) -> str:
     )
 
 
+class OutputError(Exception):
+    """Standard output can't be written; the cause tells why.
+
+    Click has an answer of its own to an `OSError`, so it never gets to see one of these.
+    """
+
+
 def write(line: str = "") -> None:
-    """One line of the result."""
-    print(line)
+    """One line of the result. Raises `OutputError`."""
+    try:
+        print(line)
+    except OSError as error:
+        raise OutputError from error
 
 
 def write_json(document: object) -> None:
-    """The result as one JSON document."""
-    print(json.dumps(document, indent=2))
+    """The result as one JSON document. Raises `OutputError`."""
+    write(json.dumps(document, indent=2))
+
+
+def finish_output() -> None:
+    """Write out what is buffered. Raises `OutputError`."""
+    try:
+        sys.stdout.flush()
+    except OSError as error:
+        raise OutputError from error
+
+
+def give_up_output() -> None:
+    """Send what is still buffered nowhere, so that the end of the process doesn't try again."""
+    nowhere = os.open(os.devnull, os.O_WRONLY)
+    os.dup2(nowhere, sys.stdout.fileno())
+    os.close(nowhere)
 
 
 def warn(message: str) -> None:
