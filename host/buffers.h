@@ -32,6 +32,8 @@ class CacheManager {
  public:
   explicit CacheManager(pyrt::Object object) : object_(std::move(object)) {}
 
+  const pyrt::Object& object() const noexcept { return object_; }
+
   // The buffer or none.
   Buffer DoesCacheBufferExist(const pyrt::Object& loc) const {
     static constinit pyrt::Name kName{"DoesCacheBufferExist"};

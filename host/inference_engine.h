@@ -25,6 +25,8 @@ class InferenceEngine {
  public:
   explicit InferenceEngine(pyrt::Object object) : object_(std::move(object)) {}
 
+  const pyrt::Object& object() const noexcept { return object_; }
+
   InferContext NewContext(double end_time) const {
     static constinit pyrt::Name kName{"NewContext"};
     return InferContext(pyrt::CallMethod(object_, kName, end_time));

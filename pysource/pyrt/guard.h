@@ -3,7 +3,9 @@
 #ifndef PYSOURCE_PYRT_GUARD_H_
 #define PYSOURCE_PYRT_GUARD_H_
 
+#include <exception>
 #include <new>
+#include <optional>
 #include <type_traits>
 #include <utility>
 
@@ -58,6 +60,46 @@ class SavedError {
  private:
   PyObject* saved_;
 };
+
+// Steps that must all be done, also when one of them fails: the first failure is thrown at the end.
+class AllSteps {
+ public:
+  template <class Step>
+  void Run(Step&& step) {
+    try {
+      std::forward<Step>(step)();
+    } catch (...) {
+      if (!first_failure_) first_failure_ = std::current_exception();
+    }
+  }
+  bool failed() const noexcept { return static_cast<bool>(first_failure_); }
+  void Finish() {
+    if (first_failure_) std::rethrow_exception(std::exchange(first_failure_, nullptr));
+  }
+
+ private:
+  std::exception_ptr first_failure_;
+};
+
+// body() and then cleanup(), whatever happened. A failure of the clean-up replaces the body's.
+template <class Body, class Cleanup>
+auto WithCleanup(Body&& body, Cleanup&& cleanup) {
+  using Result = std::invoke_result_t<Body>;
+  std::exception_ptr failure;
+  std::optional<std::conditional_t<std::is_void_v<Result>, bool, Result>> result;
+  try {
+    if constexpr (std::is_void_v<Result>) {
+      std::forward<Body>(body)();
+    } else {
+      result.emplace(std::forward<Body>(body)());
+    }
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  std::forward<Cleanup>(cleanup)();
+  if (failure) std::rethrow_exception(failure);
+  if constexpr (!std::is_void_v<Result>) return std::move(*result);
+}
 
 // Makes an error the exception that is being handled, as inside a Python `except` block.
 class HandlingError {

@@ -27,6 +27,7 @@ namespace pyrt {
 template <std::size_t N>
 struct FixedText {
   constexpr FixedText(const char (&text)[N]) { std::copy_n(text, N, data); }
+  constexpr FixedText(const FixedText&) = default;
   constexpr std::string_view view() const { return {data, N - 1}; }
   char data[N];
 };
@@ -199,6 +200,45 @@ struct ModuleFunction {
             reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Run)),
             METH_FASTCALL | METH_KEYWORDS,
             internal::DocString<kSignature, kDoc, false>::kText.data()};
+  }
+};
+
+// A Python function that holds one object, for a callback: kFunction is called as
+// kFunction(held, args...). With a signature "name(first, *rest)" what comes after the first
+// positional argument is dropped.
+template <FixedText kSignature, auto kFunction>
+struct Closure {
+  template <class R, class Held, class... Args>
+  static std::tuple<R*, std::tuple<std::remove_cvref_t<Args>...>> Split(R (*)(Held, Args...));
+  using Values = std::tuple_element_t<1, decltype(Split(kFunction))>;
+  static constexpr bool kVariadic = kSignature.view().ends_with(", *rest)");
+  static constexpr auto kFixed = [] {
+    auto text = kSignature;
+    if constexpr (kVariadic) {
+      const std::size_t comma = kSignature.view().rfind(',');
+      text.data[comma] = ')';
+      for (std::size_t i = comma + 1; i + 1 < sizeof text.data; ++i) text.data[i] = ' ';
+    }
+    return text;
+  }();
+
+  static PyObject* Run(PyObject* held, PyObject* const* args, Py_ssize_t nargs,
+                       PyObject* kwnames) noexcept {
+    return Guard([&]() -> Object {
+      const Object owner = Object::Share(held);
+      constexpr Py_ssize_t count = std::tuple_size_v<Values>;
+      const Py_ssize_t given = kVariadic && nargs > count ? count : nargs;
+      return internal::Invoke<kFixed, Values, void>(
+          args, given, kwnames, [&](auto&... values) { kFunction(owner, values...); });
+    });
+  }
+
+  static Object New(const Object& held) {
+    static PyMethodDef definition{
+        internal::Signature<kFixed>::kNameStorage.data(),
+        reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Run)),
+        METH_FASTCALL | METH_KEYWORDS, nullptr};
+    return Own(PyCFunction_NewEx(&definition, held.get(), nullptr));
   }
 };
 
