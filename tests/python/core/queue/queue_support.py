@@ -1,6 +1,7 @@
 """What the queue's tests share: both implementations, collaborators, locations, looking inside."""
 
 import importlib
+import inspect
 from collections import Counter
 from typing import Any
 
@@ -228,25 +229,34 @@ def spying(cls: type, log: list[tuple[str, tuple[Any, ...]]]) -> type:
 
     Arguments are bound by name: an override that is called with others than it declares fails.
     """
-    namespace: dict[str, Any] = {}
-    for name, arg_names in kVirtualOperations.items():
-        arguments = "".join(f", {arg}" for arg in arg_names)
-        defaults = "".join(
-            f", {arg}={kDefaults[name][arg]}" if arg in kDefaults.get(name, {}) else f", {arg}"
-            for arg in arg_names
+
+    def override(name: str) -> Any:
+        signature = inspect.Signature(
+            [inspect.Parameter("self", _kArgument)]
+            + [
+                inspect.Parameter(arg, _kArgument, default=kDefaults.get(name, {}).get(arg, _kNo))
+                for arg in kVirtualOperations[name]
+            ]
         )
-        source = (
-            f"def {name}(self{defaults}):\n"
-            f"    log.append(({name!r}, plain(({arguments.removeprefix(', ')}"
-            f"{',' if arg_names else ''}))))\n"
-            f"    return cls.{name}(self{arguments})\n"
-        )
-        scope = {"cls": cls, "log": log, "plain": plain}
-        exec(source, scope)
-        namespace[name] = scope[name]
-    return type("Spying", (cls,), namespace)
+        inherited = getattr(cls, name)
+
+        def operation(*args: Any, **kwargs: Any) -> Any:
+            bound = signature.bind(*args, **kwargs)
+            bound.apply_defaults()
+            self, *rest = bound.args
+            log.append((name, tuple(plain(value) for value in rest)))
+            return inherited(self, *rest)
+
+        operation.__name__ = name
+        return operation
+
+    return type("Spying", (cls,), {name: override(name) for name in kVirtualOperations})
 
 
+_kArgument = inspect.Parameter.POSITIONAL_OR_KEYWORD
+_kNo = inspect.Parameter.empty
+
+# Defaults of arguments, by operation.
 kDefaults: dict[str, dict[str, Any]] = {
     "Empty": {"include_waiting": True},
     "LocationInQueue": {"scan_name": None},
@@ -259,9 +269,14 @@ kDefaults: dict[str, dict[str, Any]] = {
 
 
 def plain(value: Any) -> Any:
-    """A value to compare: single queues by (priority, order), containers copied."""
+    """A value to compare: single queues by (priority, order), containers copied.
+
+    A list of scan items, whose order nobody promises, becomes a set.
+    """
     if hasattr(value, "fOrderedDict"):
         return ("single queue", int(value.fPriority), int(value.fOrder))
+    if isinstance(value, list) and value and hasattr(value[0], "scope_name"):
+        return {plain(v) for v in value}
     if isinstance(value, tuple):
         return tuple(plain(v) for v in value)
     if isinstance(value, list):
