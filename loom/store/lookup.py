@@ -75,6 +75,15 @@ class Lookup:
             (row[0] * kScopesPerFile, (row[0] + 1) * kScopesPerFile - 1),
         ).fetchall()
 
+    def urls_below(self, folder_url: str, after: str, limit: int) -> list[str]:
+        """The next files below a folder, behind the URL `after` in order of URL."""
+        first = folder_url.rstrip("/") + "/"
+        rows = self._connection.execute(
+            "SELECT url FROM files WHERE url > ? AND url < ? ORDER BY url LIMIT ?",
+            (max(first, after), first[:-1] + chr(ord("/") + 1), limit),
+        )
+        return [url for (url,) in rows]
+
     def _by_url(self, query: str, urls: Sequence[str]) -> list[Any]:
         rows: list[Any] = []
         for start in range(0, len(urls), _kUrlsPerQuery):

@@ -10,14 +10,14 @@ import logging
 import os
 import sqlite3
 from collections import OrderedDict
-from collections.abc import Callable, Iterable, Mapping, Sequence
+from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from functools import cached_property
 from pathlib import Path
 from typing import Final, NamedTuple, TypeVar
 
 from guiutils import lgtk
 from loombase.destroyable import CDestroyable
-from loombase.location import CLocalFileLocation, CLocation
+from loombase.location import CLocalFileLocation, CLocation, LocationFromUrl
 from pysource import _fastaccess
 
 from loom._pyscan import unpack_info
@@ -45,10 +45,10 @@ _kMustWriteAtBytes: Final = 16 * 1024 * 1024
 _kRecordBytes: Final = 8 * 1024 * 1024
 
 # Seconds that one call may write: out of `Trim`, and as the work of an idle call of its own.
-_kTrimSeconds: Final = 0.020
-_kIdleWriteSeconds: Final = 0.045
+_kTrimSeconds: Final = 0.010
+_kIdleWriteSeconds: Final = 0.040
 # A transaction ends a little after its time is over: the last steps and the commit.
-_kCommitSeconds: Final = 0.004
+_kCommitSeconds: Final = 0.006
 # What `Trim` takes when it must write and the slice is over.
 _kForcedSeconds: Final = 0.005
 
@@ -57,6 +57,9 @@ _kRetrySeconds: Final = 1.0
 
 # States of files that are kept between the question for their time and that for their scans.
 _kMaxDiskStates: Final = 4096
+
+# Files that `ForgetVanishedBelow` looks at between two yields: a millisecond or so.
+_kVanishedStep: Final = 200
 
 # A double holds seconds since the epoch to a quarter of a microsecond.
 _kSameTimeSeconds: Final = 1e-6
@@ -322,6 +325,25 @@ class CInfoCache(CDestroyable):
         self._Forget(loc)
         self._fDiskStates.pop(loc, None)
 
+    def ForgetVanishedBelow(self, folder: CLocalFileLocation) -> Iterator[None]:
+        """Drop the files below a folder that are there no more; yields now and then.
+
+        For the end of a scan of the folder: nobody asks for the times of files that aren't found.
+        """
+        after = ""
+        while True:
+            last = after
+            urls = self._Ask(
+                lambda: self._fLookup.urls_below(folder.fUrl, last, _kVanishedStep), list[str]()
+            )
+            for url in urls:
+                self.GetDiskMTime(LocationFromUrl(url))
+            if len(urls) < _kVanishedStep:
+                return
+            after = urls[-1]
+            self._fDiskStates.clear()
+            yield
+
     def AddNeedsScan(self, triples: Iterable[_Triple], priority: int | None = None) -> None:
         """Ask for scans. One that was asked for and hasn't finished since isn't asked for again."""
         added = set(triples) - self._fAskedScans
@@ -342,7 +364,7 @@ class CInfoCache(CDestroyable):
     def Trim(self) -> None:
         """Bound the memory: write results if enough of them wait.
 
-        Writes for at most 20 milliseconds, and not beyond the end of the slice unless very much
+        Writes for at most 10 milliseconds, and not beyond the end of the slice unless very much
         waits. If the database can't be written, results wait for a later try; when they are too
         many, raises `StoreError`.
         """

@@ -8,7 +8,7 @@ from typing import Any
 
 import pytest
 from loombase.destroyable import CDestroyable
-from loombase.location import CLocalFileLocation
+from loombase.location import CLocalFileLocation, CLocation
 
 from loom._pyscan import SourceScanner
 from loom.store import queries
@@ -153,7 +153,7 @@ def test_each_call_does_a_step_however_late_it_is(
     cache: CInfoCache, make_file: MakeFile, new_scanner: Scan, clock: Any
 ) -> None:
     scanner = new_scanner(make_file("a.py", kSource * 5_000))
-    states = []
+    states: list[object] = []
     while not states or states[-1] is kTimedOut:
         states.append(scanner.Scan(clock.now - 100.0))
         assert len(states) < 1_000
@@ -303,7 +303,7 @@ def test_file_that_is_no_text_is_abandoned_for_as_long_as_it_stays(
     scans, error, lineno, size = file_row(rows, loc)
     assert error.startswith(reason)
     assert (lineno, size) == (0, len(content))
-    modtimes = {loc: cache.GetDiskMTime(loc)}
+    modtimes: dict[CLocation, float] = {loc: cache.GetDiskMTime(loc)}
     assert cache.GetScansDoneForMultipleFiles(modtimes) == {loc: " primary "}
     assert cache.GetScopeInfo(loc, "") is None
     assert cache.GetAllImports([loc]) == []
@@ -331,7 +331,7 @@ def test_unreadable_file_is_tried_again(
         assert scan(loc) is kScanAbandoned
     cache.WriteEverything()
     assert file_row(rows, loc)[:2] == ("", "can't be read: Permission denied")
-    modtimes = {loc: cache.GetDiskMTime(loc)}
+    modtimes: dict[CLocation, float] = {loc: cache.GetDiskMTime(loc)}
     assert cache.GetScansDoneForMultipleFiles(modtimes) == {}
     assert scan(loc) is kFinishedScanning
     cache.WriteEverything()

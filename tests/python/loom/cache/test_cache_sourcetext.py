@@ -253,7 +253,7 @@ def test_file_that_grows_while_it_is_read(
             file.write(b"#" * grown)
         return status
 
-    monkeypatch.setattr(sourcetext.os, "fstat", fstat_and_grow)
+    monkeypatch.setattr(os, "fstat", fstat_and_grow)
     text = read(loc)
     assert len(text.data) == 100 + grown
     assert text.size == 100  # so that the next check sees that it has changed
@@ -263,7 +263,7 @@ def test_file_that_grows_without_end(
     make_file: MakeFile, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     loc = make_file("a.py", b"#")
-    monkeypatch.setattr(sourcetext.os, "read", lambda descriptor, count: b"#" * count)
+    monkeypatch.setattr(os, "read", lambda descriptor, count: b"#" * count)
     assert "too big" in str(failure(loc))
 
 
@@ -278,7 +278,7 @@ def test_file_that_shrinks_while_it_is_read(
         os.truncate(loc.path, 6)
         return status
 
-    monkeypatch.setattr(sourcetext.os, "fstat", fstat_and_shrink)
+    monkeypatch.setattr(os, "fstat", fstat_and_shrink)
     text = read(loc)
     assert (text.data, text.size) == (b"x = 1\n", 60)
 
@@ -291,7 +291,7 @@ def test_file_that_fails_while_it_is_read(
 
     loc = make_file("a.py", b"x = 1\n")
     open_files = len(os.listdir("/proc/self/fd"))
-    monkeypatch.setattr(sourcetext.os, "read", fail)
+    monkeypatch.setattr(os, "read", fail)
     error = failure(loc)
     assert "Input/output error" in str(error)
     assert not error.lasting and not error.gone
@@ -303,7 +303,7 @@ def test_file_without_permission(make_file: MakeFile, monkeypatch: pytest.Monkey
         raise PermissionError(errno.EACCES, os.strerror(errno.EACCES), path)
 
     loc = make_file("a.py", b"x = 1\n")
-    monkeypatch.setattr(sourcetext.os, "open", refuse)  # root may read everything
+    monkeypatch.setattr(os, "open", refuse)  # root may read everything
     error = failure(loc)
     assert str(error) == "can't be read: Permission denied"
     assert not error.lasting and not error.gone
@@ -345,7 +345,7 @@ def test_file_that_becomes_a_pipe_before_it_is_opened(
         os.mkfifo(path)
         return status
 
-    monkeypatch.setattr(sourcetext.os, "stat", stat_and_replace)
+    monkeypatch.setattr(os, "stat", stat_and_replace)
     assert str(failure(loc)) == "not a regular file, but a pipe"
 
 

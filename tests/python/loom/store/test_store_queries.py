@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 
-from loom.store import database, queries
+from loom.store import database, definitions, queries
 from loom.store.records import FileRecord
 from loom.store.writer import Writer
 
@@ -121,14 +121,14 @@ def test_answer_is_of_one_state_while_others_write(
     writer.put_file(make_record("file:///a.py", tuple(f"f{n}" for n in range(9))))
     write_all(writer)
     reader = database.open_read_only(path)
-    unpack = queries.definitions.unpack
+    unpack = definitions.unpack
 
     def unpack_late(packed: bytes) -> object:
         writer.put_file(make_record("file:///a.py", ("only",), mtime_ns=2_000))
         write_all(writer)
         return unpack(packed)
 
-    monkeypatch.setattr(queries.definitions, "unpack", unpack_late)
+    monkeypatch.setattr(definitions, "unpack", unpack_late)
     assert [d.qualified_name for d in queries.find_name(reader, "f8")] == ["Some.f8"]
     assert queries.find_name(reader, "f8") == []
     reader.close()

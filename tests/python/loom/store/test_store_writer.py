@@ -547,7 +547,7 @@ def test_checkpoint_that_fails_is_told_and_harms_nothing(
     monkeypatch.setattr(checkpoint, "kWorthwhileBytes", 1)
     writer.put_file(make_record("file:///a.py"))
     write_all(writer)
-    monkeypatch.setattr(checkpoint.sqlite3, "connect", fail)
+    monkeypatch.setattr(sqlite3, "connect", fail)
     checkpointer.start_if_worthwhile()
     checkpointer.join()
     assert "unable to open database file" in caplog.text
