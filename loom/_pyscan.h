@@ -67,8 +67,8 @@ class SourceScan {
   Lexer lexer_;
   StatementParser parser_;
   std::vector<Block> blocks_;
-  // Blocks that the last decrease of indentation ended, innermost first, with a level of indentation
-  // each: where a line that is indented too deeply may belong.
+  // Blocks that the last decrease of indentation ended, and one that was to begin and didn't, innermost
+  // first: where a line that is indented too deeply may belong.
   std::vector<Block> ended_;
   bool expects_block_ = false;
   BlockContext expected_;

@@ -319,8 +319,7 @@ Lexer::Stop Lexer::LexCode() {
       case ByteClass::kBad:
         errors_.Add(line_number_, *p_ == '\0' ? "source code cannot contain null bytes"
                                               : "invalid character");
-        do ++p_;
-        while (p_ < limit_ && ClassOf(*p_) == ByteClass::kBad);
+        ++p_;
         break;
     }
   }
@@ -606,8 +605,41 @@ void Lexer::StartString(const char* begin, StringPrefix prefix) {
     const StringSkip skip = SkipStringBody(p_, limit_, end_, quote, triple);
     p_ = skip.pos;
     line_number_ += skip.newlines;
-    if (skip.stop == StringStop::kClosed) EndString(false);
+    if (skip.stop == StringStop::kClosed) CloseString();
   }
+}
+
+// Whether a name follows, which can't be: no name stands behind a string. Then what was taken for
+// the end of a triple-quoted literal is the start of the next one.
+bool Lexer::NameFollows() const {
+  const char* q = p_;
+  while (q != end_ && (*q == ' ' || *q == '\t')) ++q;
+  if (q == end_ || ClassOf(*q) != ByteClass::kIdentifier) return false;
+  const char* const word = q;
+  while (q != end_ && q - word <= 9 && IsIdentifierByte(*q)) ++q;
+  const std::string_view text(word, static_cast<std::size_t>(q - word));
+  if (q != end_ && (*q == '"' || *q == '\'') && ClassifyStringPrefix(text).valid) return false;
+  return ClassifyWord(text, static_cast<std::size_t>(end_ - word)) == Tok::kName;
+}
+
+// Goes back to the end of the first line of a triple-quoted literal that is not what it seems.
+bool Lexer::WalkBackInto(const Frame& literal) {
+  const char* const first_line_end = FindAny(base_ + literal.begin, end_, '\n', '\r');
+  if (!literal.triple || first_line_end >= p_ || !MayWalkBack(first_line_end)) return false;
+  walked_back_ += static_cast<std::size_t>(p_ - first_line_end);
+  p_ = first_line_end;
+  line_number_ = literal.line;
+  std::vector<Walrus>& walruses = line_.walruses;
+  const std::uint32_t cut = Offset(p_);
+  while (!walruses.empty() && walruses.back().begin >= cut) walruses.pop_back();
+  return true;
+}
+
+// p_ is behind the closing quote.
+void Lexer::CloseString() {
+  const bool opaque = string_.triple && NameFollows() && WalkBackInto(string_);
+  if (opaque) errors_.Add(string_.line, "unterminated triple-quoted string literal");
+  EndString(opaque);
 }
 
 void Lexer::EndString(bool opaque) {
@@ -635,9 +667,11 @@ Lexer::Stop Lexer::LexString() {
   switch (skip.stop) {
     case StringStop::kLimit:
       return Stop::kLimit;
-    case StringStop::kClosed:
-      EndString(false);
-      return Stop::kGo;
+    case StringStop::kClosed: {
+      const std::size_t before = walked_back_;
+      CloseString();
+      return walked_back_ == before ? Stop::kGo : Stop::kLimit;
+    }
     case StringStop::kLineEnd:
       errors_.Add(string_.line, "unterminated string literal");
       EndString(true);
@@ -647,13 +681,7 @@ Lexer::Stop Lexer::LexString() {
   }
   errors_.Add(string_.line, string_.triple ? "unterminated triple-quoted string literal"
                                            : "unterminated string literal");
-  const char* first_line_end = FindAny(base_ + string_.begin, end_, '\n', '\r');
-  const bool back = string_.triple && MayWalkBack(first_line_end);
-  if (back) {
-    walked_back_ += static_cast<std::size_t>(p_ - first_line_end);
-    p_ = first_line_end;
-    line_number_ = string_.line;
-  }
+  const bool back = WalkBackInto(string_);
   EndString(true);
   return back ? Stop::kLimit : Stop::kGo;
 }
@@ -665,6 +693,12 @@ void Lexer::EndField() {
   }
   PopFrame(false);
   mode_ = Mode::kFormatted;
+}
+
+std::size_t Lexer::InnermostLiteral() const {
+  std::size_t i = frames_.size() - 1;
+  while (frames_[i].kind != FrameKind::kLiteral) --i;
+  return i;
 }
 
 // Ends the innermost f-string, with whatever is open in it.
@@ -699,8 +733,11 @@ Lexer::Stop Lexer::LexFormatted() {
       }
       p_ += frame.triple ? 3 : 1;
       if (spec) errors_.Add(line_number_, "f-string: expecting '}'");
-      EndLiteral(spec);
-      return Stop::kGo;
+      const Frame literal = frames_[InnermostLiteral()];
+      const bool back = literal.triple && NameFollows() && WalkBackInto(literal);
+      if (back) errors_.Add(literal.line, "unterminated triple-quoted f-string literal");
+      EndLiteral(spec || back);
+      return back ? Stop::kLimit : Stop::kGo;
     }
     if (c == '{') {
       if (!spec && Peek(1) == '{') {
@@ -753,20 +790,10 @@ Lexer::Stop Lexer::LexFormatted() {
     }
     PassNewline();
   }
-  std::size_t i = frames_.size() - 1;
-  while (frames_[i].kind != FrameKind::kLiteral) --i;
-  const Frame literal = frames_[i];
+  const Frame literal = frames_[InnermostLiteral()];
   errors_.Add(literal.line, literal.triple ? "unterminated triple-quoted f-string literal"
                                            : "unterminated f-string literal");
-  const char* first_line_end = FindAny(base_ + literal.begin, end_, '\n', '\r');
-  const bool back = literal.triple && MayWalkBack(first_line_end);
-  if (back) {
-    walked_back_ += static_cast<std::size_t>(p_ - first_line_end);
-    p_ = first_line_end;
-    line_number_ = literal.line;
-    const std::uint32_t cut = Offset(p_);
-    while (!line_.walruses.empty() && line_.walruses.back().begin >= cut) line_.walruses.pop_back();
-  }
+  const bool back = WalkBackInto(literal);
   EndLiteral(true);
   return back ? Stop::kLimit : Stop::kGo;
 }

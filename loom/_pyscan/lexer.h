@@ -8,9 +8,9 @@
 // back. When a line inside of brackets starts with a keyword that no expression can hold, or the
 // text ends there, the bracket was never closed: the logical line ends before the first line behind
 // the opening bracket that could start a statement by its indentation, and that is lexed anew. When
-// the text ends inside of a triple-quoted literal, the literal ends with its first line. The bytes
-// walked back over are limited to kWalkBackFactor times the length of the text, so that the time
-// stays linear; after that there is no walking back.
+// the text ends inside of a triple-quoted literal, or a name follows its end, a quote is missing: the
+// literal ends with its first line. The bytes walked back over are limited to kWalkBackFactor times
+// the length of the text, so that the time stays linear; after that there is no walking back.
 
 #ifndef LOOM_PYSCAN_LEXER_H_
 #define LOOM_PYSCAN_LEXER_H_
@@ -90,12 +90,16 @@ class Lexer {
   void LexNumber();
   void LexOperator();
   void StartString(const char* begin, StringPrefix prefix);
+  void CloseString();
   void EndString(bool opaque);
+  bool NameFollows() const;
+  bool WalkBackInto(const Frame& literal);
   void LexBackslash();
   void LexColon();
   void OpenBracket();
   void CloseBracket();
   void EndField();
+  std::size_t InnermostLiteral() const;
   void EndLiteral(bool opaque);
   void PopFrame(bool unclosed);
   void PopLambdaBodies();

@@ -35,23 +35,26 @@ bool SourceScan::Scan(std::size_t max_bytes) {
 
 void SourceScan::TakeLine(const LogicalLine& line) {
   const std::uint32_t first_line = line.tokens.front().line;
-  const Block& top = blocks_.back();
-  if (expects_block_) {
-    expects_block_ = false;
-    if (line.column > top.column) {
-      if (line.alt_column <= top.alt_column) {
-        errors_.Add(first_line, "inconsistent use of tabs and spaces in indentation");
-      }
-      ended_.clear();
-      PushBlock(line, std::move(expected_));
-    } else {
-      errors_.Add(first_line, "expected an indented block");
+  const bool lacks_block = expects_block_ && line.column <= blocks_.back().column;
+  if (lacks_block) {
+    errors_.Add(first_line, "expected an indented block");
+    ended_.clear();
+  } else if (expects_block_) {
+    if (line.alt_column <= blocks_.back().alt_column) {
+      errors_.Add(first_line, "inconsistent use of tabs and spaces in indentation");
     }
+    ended_.clear();
+    PushBlock(line, std::move(expected_));
   }
+  const std::uint32_t header_column = blocks_.back().column;
   if (line.column > blocks_.back().column) {
     Indent(line);
   } else if (line.column < blocks_.back().column) {
     Unindent(line);
+  }
+  if (lacks_block) {
+    // It may begin behind this line.
+    ended_.insert(ended_.begin(), {header_column + 1, header_column + 1, std::move(expected_)});
   }
   if (line.column == blocks_.back().column && line.alt_column != blocks_.back().alt_column) {
     errors_.Add(first_line, "inconsistent use of tabs and spaces in indentation");
@@ -61,23 +64,19 @@ void SourceScan::TakeLine(const LogicalLine& line) {
   last_line_ = line.last_line;
 }
 
-// A line that is indented more than its block, where none was to begin. If a block of that
-// indentation has just ended, what ended it was probably a slip, and it goes on.
+// A line that is indented more than its block, where none was to begin. If deeper blocks have just
+// ended, what ended them was probably a slip, and those that it may belong to go on.
 void SourceScan::Indent(const LogicalLine& line) {
   errors_.Add(line.tokens.front().line, "unexpected indent");
-  const auto fit = std::find_if(ended_.begin(), ended_.end(), [&line](const Block& block) {
-    return block.column == line.column;
-  });
-  if (fit == ended_.end()) {
-    PushBlock(line, {blocks_.back().context.scope, false, {}});
-    return;
-  }
   const std::uint32_t top = blocks_.back().column;
-  for (auto block = ended_.end(); block != fit;) {
-    --block;
-    if (block->column > top) blocks_.push_back(std::move(*block));
+  for (auto block = ended_.rbegin(); block != ended_.rend(); ++block) {
+    if (block->column > top && block->column <= line.column) blocks_.push_back(std::move(*block));
   }
   ended_.clear();
+  if (blocks_.back().column < line.column) {
+    BlockContext context = blocks_.back().context;
+    PushBlock(line, std::move(context));
+  }
 }
 
 void SourceScan::Unindent(const LogicalLine& line) {
