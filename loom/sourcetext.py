@@ -6,6 +6,7 @@ however big the file or slow its codec.
 
 import codecs
 import errno
+import hashlib
 import io
 import os
 import stat
@@ -51,12 +52,15 @@ class SourceError(Exception):
 class SourceText:
     """What was read. `mtime_ns` and `size` are those of the file, also if reading it failed.
 
+    `digest` tells the file's bytes from others; it is empty if they weren't read to their end.
+
     `data` is the text in UTF-8 without byte order mark. `warning`, if not empty, says why it may
     not be the text that its author wrote, and `warning_lineno` where.
     """
 
     mtime_ns: int = 0
     size: int = 0
+    digest: bytes = b""
     data: bytes = b""
     encoding: str = "utf-8"
     warning: str = ""
@@ -85,17 +89,25 @@ def _read(path: str, text: SourceText) -> Iterator[None]:
             # One byte more than there should be, to notice that the file is growing.
             text.data = os.read(descriptor, text.size + 1)
             if len(text.data) == text.size:
+                text.digest = _new_digest(text.data).digest()
                 return
         pieces = [text.data]
         length = len(text.data)
+        digest = _new_digest(text.data)
         while piece := os.read(descriptor, _kReadBytes):
             pieces.append(piece)
+            digest.update(piece)
             length += len(piece)
             _check_size(length)
             yield
         text.data = b"".join(pieces)
+        text.digest = digest.digest()
     finally:
         os.close(descriptor)
+
+
+def _new_digest(data: bytes) -> "hashlib.blake2b":
+    return hashlib.blake2b(data, digest_size=16, usedforsecurity=False)
 
 
 def _take_status(status: os.stat_result, text: SourceText) -> None:

@@ -19,6 +19,7 @@ class FileRecord:
     mtime_ns: int
     size: int
     scans: str
+    digest: bytes = b""
     error: str | None = None
     error_lineno: int = 0
     line_count: int = 0

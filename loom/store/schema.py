@@ -5,7 +5,8 @@ is a new step at the end of `kMigrations`; a step that was released is never edi
 
 files         One row a file. `scans` holds the names of the scans whose results are valid for
               `mtime_ns` and `size`, each between blanks; it is empty while the file's other rows
-              are being written. `imports` holds import equivalents, joined by ";". `error` says
+              are being written. `digest` is that of the file's bytes, empty if they
+              weren't read; nothing depends on it yet. `imports` holds import equivalents, joined by ";". `error` says
               what was wrong with the file, and `error_lineno` where, or 0 if it couldn't be
               scanned at all. `indexed` is 1 when all its names stand in `names`.
 scopes        What each scope of a file defines. `id` is the file's id times `kScopesPerFile` plus
@@ -36,6 +37,7 @@ CREATE TABLE files(
   url TEXT NOT NULL UNIQUE,
   mtime_ns INTEGER NOT NULL,
   size INTEGER NOT NULL,
+  digest BLOB NOT NULL,
   scans TEXT NOT NULL,
   error TEXT,
   error_lineno INTEGER NOT NULL,

@@ -126,6 +126,8 @@ class Writer:
         written: list[tuple[str, FileRecord | None]] = []
         scopes: list[tuple[str, str]] = []
         done = False
+        if self.rows_written and self._index.empty():
+            return not index_all or self._recover()
         try:
             with transaction(self._connection, wait_seconds):
                 if self._write_files(written, out_of_time) and self._write_scopes(
@@ -222,11 +224,12 @@ class Writer:
             file_id, indexed = row
             self._forget_scopes(file_id, bool(indexed), record.names)
             execute(
-                "UPDATE files SET mtime_ns = ?, size = ?, scans = ?, error = ?, error_lineno = ?,"
+                "UPDATE files SET mtime_ns = ?, size = ?, digest = ?, scans = ?, error = ?, error_lineno = ?,"
                 " line_count = ?, definition_count = ?, imports = ?, indexed = ? WHERE id = ?",
                 (
                     record.mtime_ns,
                     record.size,
+                    record.digest,
                     scans,
                     record.error,
                     record.error_lineno,
@@ -260,12 +263,13 @@ class Writer:
 
     def _insert_file(self, record: FileRecord, scans: str) -> int:
         cursor = self._connection.execute(
-            "INSERT INTO files(url, mtime_ns, size, scans, error, error_lineno, line_count,"
-            " definition_count, imports, indexed) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+            "INSERT INTO files(url, mtime_ns, size, digest, scans, error, error_lineno, line_count,"
+            " definition_count, imports, indexed) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
             (
                 record.url,
                 record.mtime_ns,
                 record.size,
+                record.digest,
                 scans,
                 record.error,
                 record.error_lineno,

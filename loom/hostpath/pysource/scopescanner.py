@@ -179,6 +179,7 @@ class CWholeFilePrimaryScanner(CScanner):
             url=self.fLocation.fUrl,
             mtime_ns=text.mtime_ns,
             size=text.size,
+            digest=text.digest,
             scans=join_scans([self._fScanName]),
             error=error,
             error_lineno=error_lineno,
@@ -198,6 +199,7 @@ class CWholeFilePrimaryScanner(CScanner):
                 url=self.fLocation.fUrl,
                 mtime_ns=text.mtime_ns,
                 size=text.size,
+                digest=text.digest,
                 scans=join_scans([self._fScanName] if lasting else []),
                 error=reason[:_kMaxReasonLength],
             )

@@ -523,6 +523,7 @@ def test_long_write_goes_on_in_idle_calls_of_40_ms(
 def test_write_with_nothing_waiting_touches_nothing(
     cache: CInfoCache, main_loop: SteppedMainLoop
 ) -> None:
+    cache.GetDiskMTime(locations(1)[0])
     cache.WriteEverything()
     statements: list[str] = []
     cache._fConnection.set_trace_callback(statements.append)
@@ -576,6 +577,13 @@ def test_reopened_cache_gives_the_same_answers(
     assert again.fMessages == []
     assert answers(again) == waiting
     again.destroy()
+
+
+def test_urls_of_queries_are_those_of_locations(tmp_path: Path) -> None:
+    for name in (b"a b.py", b"50%#?;.py", "ä数".encode(), b"\xff\xfe.py", b"~'(x).py"):
+        path = os.fsdecode(os.fsencode(tmp_path) + b"/" + name)
+        assert queries.url_of(path) == CLocalFileLocation(path).fUrl
+        assert queries.path_of(queries.url_of(path)) == path
 
 
 # --- two at a time

@@ -2,6 +2,7 @@
 
 import codecs
 import errno
+import hashlib
 import os
 import socket
 import tokenize
@@ -172,6 +173,14 @@ def test_decoding_in_steps_gives_the_same_text(
     monkeypatch.setattr(sourcetext, "_kDecodeBytes", step)
     source = "# coding: gb18030\n" + "名 = '中文 \U0001f40d'\n" * 20
     assert read(make_file("a.py", source.encode("gb18030"))).data.decode() == source
+
+
+@pytest.mark.parametrize("size", [0, 5, 1_000_000, 3_000_000])
+def test_digest_is_that_of_the_bytes(make_file: MakeFile, size: int) -> None:
+    content = codecs.BOM_UTF8 + b"#" * size
+    expected = hashlib.blake2b(content, digest_size=16).digest()
+    assert read(make_file("a.py", content)).digest == expected
+    assert read(make_file("b.py", content + b"x")).digest != expected
 
 
 # --- files that are no source

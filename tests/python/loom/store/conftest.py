@@ -47,6 +47,7 @@ def make_record() -> Callable[..., FileRecord]:
             "url": url,
             "mtime_ns": mtime_ns,
             "size": 10,
+            "digest": url.encode(),
             "scans": " primary ",
             "line_count": 100,
             "definition_count": len(found),

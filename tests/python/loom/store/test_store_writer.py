@@ -30,7 +30,7 @@ def content(connection: sqlite3.Connection) -> list[list[tuple[object, ...]]]:
     return [
         sorted(connection.execute(query))
         for query in (
-            "SELECT url, mtime_ns, size, scans, error, line_count, imports, indexed FROM files",
+            "SELECT url, mtime_ns, size, digest, scans, error, line_count, imports, indexed FROM files",
             "SELECT url, scopes.id % 16777216, name, parent, kind, lineno, end_lineno, info"
             " FROM scopes JOIN files ON files.id = scopes.id / 16777216",
             "SELECT url, packed FROM definitions JOIN files ON id = file_id",
@@ -102,6 +102,9 @@ def test_scanned_again_replaces_all_rows(
     write_all(writer)
     lookup = Lookup(opened)
     assert lookup.states(["file:///a.py"])["file:///a.py"].mtime_ns == 2_000
+    assert opened.execute("SELECT digest FROM files WHERE mtime_ns = 2000").fetchall() == [
+        (b"file:///a.py",)
+    ]
     assert lookup.scope("file:///a.py", "Some.first") is None
     assert lookup.scope("file:///a.py", "Some.third") is not None
     assert names_by_file(opened) == {
