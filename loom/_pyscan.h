@@ -50,12 +50,13 @@ class SourceScan {
 
  private:
   struct Block {
-    std::uint32_t column;
-    std::uint32_t alt_column;
+    std::uint32_t column = 0;
+    std::uint32_t alt_column = 0;
     BlockContext context;
   };
 
   void TakeLine(const LogicalLine& line);
+  bool ResumesEnded(const LogicalLine& line) const;
   void Indent(const LogicalLine& line);
   void Unindent(const LogicalLine& line);
   void PushBlock(const LogicalLine& line, BlockContext context);

@@ -34,7 +34,7 @@ std::size_t StatementParser::Def(std::size_t start, std::size_t def) {
   if (Kind(name) != Tok::kName) {
     errors_.Add(Line(def), "expected the name of a function");
     decorators_.clear();
-    return Suite(HeaderEnd(name), {scope_, false, {}});
+    return Suite(HeaderEnd(name), {scope_});
   }
   const ScopeIndex parent = scope_;
   const bool in_class = results_.scope(parent).kind == pysource::kClassKind;
@@ -55,7 +55,7 @@ std::size_t StatementParser::Def(std::size_t start, std::size_t def) {
   if (scope == kNoIndex) {
     errors_.Add(Line(start), "the name of the scope is too long");
     decorators_.clear();
-    return Suite(colon, {parent, false, {}});
+    return Suite(colon, {parent});
   }
   part_ = !in_class    ? pysource::kFunctionPrefix
           : is_static ? pysource::kUnboundMethodPrefix
@@ -72,7 +72,8 @@ std::size_t StatementParser::Def(std::size_t start, std::size_t def) {
     results_.AddPart(results_.EntryOf(scope, "return"),
                      Part(pysource::kTypeHintPrefix, behind + 1, colon));
   }
-  return Suite(colon, {scope, false, {}});
+  const bool half_typed = !(has_arguments && IsClosed(open)) && Kind(count_ - 1) != Tok::kColon;
+  return Suite(colon, {scope, false, {}, half_typed});
 }
 
 void StatementParser::Arguments(std::size_t open, ScopeIndex scope) {
@@ -158,7 +159,7 @@ std::size_t StatementParser::Class(std::size_t i) {
   if (Kind(name) != Tok::kName) {
     errors_.Add(Line(i), "expected the name of a class");
     decorators_.clear();
-    return Suite(HeaderEnd(name), {scope_, false, {}});
+    return Suite(HeaderEnd(name), {scope_});
   }
   const ScopeIndex parent = scope_;
   std::size_t open = name + 1;
@@ -174,7 +175,7 @@ std::size_t StatementParser::Class(std::size_t i) {
   if (scope == kNoIndex) {
     errors_.Add(Line(i), "the name of the scope is too long");
     decorators_.clear();
-    return Suite(colon, {parent, false, {}});
+    return Suite(colon, {parent});
   }
   part_ = pysource::kClassPrefix;
   part_.append(results_.scope(scope).name).append(1, ' ').append(std::to_string(Line(i)));
@@ -186,7 +187,9 @@ std::size_t StatementParser::Class(std::size_t i) {
   AttachDecorators(entry);
   results_.AddDefinition(parent, Text(name), pysource::kClassKind, Line(i));
   if (type_parameters < count_) TypeParameters(type_parameters, scope);
-  return Suite(colon, {scope, false, {}});
+  const bool half_typed =
+      Bracket(open) == '(' && !IsClosed(open) && Kind(count_ - 1) != Tok::kColon;
+  return Suite(colon, {scope, false, {}, half_typed});
 }
 
 // "type" is a keyword only before a name that is followed by "=" or by type parameters and "=".

@@ -11,7 +11,7 @@ SourceScan::SourceScan(std::string_view source)
     : source_size_(source.size()),
       lexer_(source, errors_),
       parser_(source, results_, errors_) {
-  blocks_.push_back({0, 0, {}});
+  blocks_.push_back({});
 }
 
 bool SourceScan::Scan(std::size_t max_bytes) {
@@ -39,7 +39,7 @@ void SourceScan::TakeLine(const LogicalLine& line) {
   if (lacks_block) {
     errors_.Add(first_line, "expected an indented block");
     ended_.clear();
-  } else if (expects_block_) {
+  } else if (expects_block_ && !ResumesEnded(line)) {
     if (line.alt_column <= blocks_.back().alt_column) {
       errors_.Add(first_line, "inconsistent use of tabs and spaces in indentation");
     }
@@ -62,6 +62,14 @@ void SourceScan::TakeLine(const LogicalLine& line) {
   expects_block_ = parser_.ParseLine(line, blocks_.back().context);
   if (expects_block_) expected_ = parser_.opened();
   last_line_ = line.last_line;
+}
+
+// Whether the line goes on with a block that a half-typed definition seemed to end.
+bool SourceScan::ResumesEnded(const LogicalLine& line) const {
+  return expected_.half_typed &&
+         std::any_of(ended_.begin(), ended_.end(), [&line](const Block& block) {
+           return block.column == line.column;
+         });
 }
 
 // A line that is indented more than its block, where none was to begin. If deeper blocks have just

@@ -55,7 +55,7 @@ std::size_t StatementParser::Statement(std::size_t i, const BlockContext& block)
     case Tok::kKwWhile:
     case Tok::kKwTry:
     case Tok::kKwFinally:
-      return Suite(HeaderEnd(i), {scope_, false, {}});
+      return Suite(HeaderEnd(i), {scope_});
     case Tok::kKwExcept:
       return Except(i);
     case Tok::kKwImport:
@@ -162,7 +162,7 @@ std::size_t StatementParser::For(std::size_t i) {
     Expression(in + 1, colon, iterable);
     Targets(i + 1, in, std::string(pysource::kIterationSubscript), iterable, Use::kWithin);
   }
-  return Suite(colon, {scope_, false, {}});
+  return Suite(colon, {scope_});
 }
 
 std::size_t StatementParser::With(std::size_t i) {
@@ -185,7 +185,7 @@ std::size_t StatementParser::With(std::size_t i) {
     }
     begin = comma + 1;
   }
-  return Suite(colon, {scope_, false, {}});
+  return Suite(colon, {scope_});
 }
 
 std::size_t StatementParser::Except(std::size_t i) {
@@ -197,7 +197,7 @@ std::size_t StatementParser::Except(std::size_t i) {
     Expression(begin, as, type);
     Targets(as + 1, as + 2, std::string(pysource::kClassInstanceSuffix), type, Use::kWithin);
   }
-  return Suite(colon, {scope_, false, {}});
+  return Suite(colon, {scope_});
 }
 
 // A line that starts with the name "match" is a match statement if nothing stands behind its colon
@@ -220,7 +220,7 @@ bool StatementParser::IsMatch(std::size_t i) const {
 
 std::size_t StatementParser::Match(std::size_t i) {
   const std::size_t colon = HeaderEnd(i);
-  BlockContext context{scope_, true, {}};
+  BlockContext context{scope_, true};
   Expression(i + 1, colon, context.subject);
   return Suite(colon, std::move(context));
 }
@@ -243,7 +243,7 @@ std::size_t StatementParser::Case(std::size_t i, const BlockContext& block) {
     part_ += block.subject;
     results_.AddPart(entry, part_);
   }
-  return Suite(colon, {scope_, false, {}});
+  return Suite(colon, {scope_});
 }
 
 // --- Imports and declarations ------------------------------------------------------------------

@@ -23,7 +23,8 @@ namespace loom::pyscan {
 struct BlockContext {
   ScopeIndex scope = 0;
   bool match = false;   // the block of a "match" statement, which holds "case" clauses
-  std::string subject;  // what is matched
+  std::string subject{};  // what is matched
+  bool half_typed = false;  // the header of a definition breaks off
 };
 
 class StatementParser {
@@ -108,8 +109,9 @@ class StatementParser {
   char Bracket(std::size_t i) const {
     return Kind(i) == Tok::kOpen ? source_[(*tokens_)[i].begin] : '\0';
   }
+  bool IsClosed(std::size_t open) const { return (*tokens_)[open].match < count_; }
   std::size_t CloseOf(std::size_t open) const {
-    return (*tokens_)[open].match < count_ ? (*tokens_)[open].match : count_;
+    return IsClosed(open) ? (*tokens_)[open].match : count_;
   }
   std::string_view Text(std::size_t i) const { return Between((*tokens_)[i].begin, (*tokens_)[i].end); }
   std::string_view Between(std::uint32_t begin, std::uint32_t end) const {
