@@ -4,12 +4,18 @@ What the host was asked must be consumed by the test, in order (`told`) or openl
 (`forget`): what is left in the log at the end fails the test.
 """
 
+import sys
+from pathlib import Path
+
 import pytest
-from pysource import _fastaccess
-from world import World
+
+# The modules that the tests share stand beside them.
+sys.path.insert(0, str(Path(__file__).resolve().parent))
 
 import hostclock
 import hostlog
+from pysource import _fastaccess
+from world import World
 
 
 @pytest.fixture
@@ -21,6 +27,7 @@ def world(monkeypatch, request):
     hostlog.calls.clear()
     yield world
     left = hostlog.calls[:]
+    monkeypatch.undo()
     for coordinator in world.made:
         coordinator.destroy()
     if request.session.testsfailed == failures:

@@ -1,7 +1,8 @@
 """The operations of the coordinator: their arguments, and subclasses that watch or replace them."""
 
+import contextlib
 import inspect
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from typing import Any
 
 import hostlog
@@ -87,6 +88,21 @@ kPlain: dict[str, tuple[tuple[str, Any], ...]] = {
 }
 
 
+# While a coordinator is set up for a test, what watches it looks away.
+_unwatched = False
+
+
+@contextlib.contextmanager
+def unwatched() -> Iterator[None]:
+    """Let the base class do everything, unnoticed."""
+    global _unwatched
+    _unwatched = True
+    try:
+        yield
+    finally:
+        _unwatched = False
+
+
 def mangled(name: str) -> str:
     """The name of an operation or field as Python's own rule gives it."""
     return f"_CScanCoordinator{name}" if name.startswith("__") else name
@@ -125,6 +141,8 @@ def _override(name: str, reply: Callable[..., Any] | None) -> Callable[..., Any]
     def operation(self: Any, *args: Any, **kwargs: Any) -> Any:
         bound = expected.bind(*args, **kwargs)
         bound.apply_defaults()
+        if _unwatched:
+            return base(self, *bound.args)
         hostlog.note(name, *bound.args)
         return base(self, *bound.args) if reply is None else reply(self, *bound.args)
 

@@ -6,10 +6,9 @@ import sys
 import loombase
 import pytest
 import singleton
-from operations import private
 from pysource import _fastaccess, scopeinfo
 from pysource.scancoordinator import CScanCoordinator, _CScanQueue
-from world import forget, told
+from world import forget, kIdlePriority, told
 
 import hostlog
 
@@ -235,16 +234,16 @@ def test_a_failing_connection_passes_unchanged(world, monkeypatch):
     forget()
 
 
-def test_initialising_again_leaves_a_working_coordinator(world):
+def test_initialising_again_is_refused_and_changes_nothing(world):
     coordinator = world.make()
-    old_queue = coordinator._fScanQueue
-    world.queue(coordinator, world.loc("/p/a.py"))
-    coordinator.__init__(9, world.ana_mgr)
-    assert coordinator.fIdlePriority == 9
-    assert coordinator._fScanQueue is not old_queue
-    assert coordinator.QueuesEmpty()
-    assert private(coordinator, "__fActiveLoc") is None
-    forget()
+    queue = coordinator._fScanQueue
+    item = world.queue(coordinator, world.loc("/p/a.py"))
+    with pytest.raises(RuntimeError):
+        coordinator.__init__(9, world.ana_mgr)
+    assert coordinator.fIdlePriority == kIdlePriority
+    assert coordinator._fScanQueue is queue
+    assert queue.First() == item
+    assert told() == []
 
 
 def test_a_subclass_may_have_a_constructor_of_its_own(world):

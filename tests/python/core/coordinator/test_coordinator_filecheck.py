@@ -63,7 +63,7 @@ def test_one_check_in_order(world):
     )
     loc = file(world, coordinator, "/p/a.py", done=kPrimary)
     world.log_lines(coordinator)
-    batch = [(loc, kBackgroundPriority)]
+    batch = [(loc, int(kBackgroundPriority))]
     assert check(coordinator) is False
     calls = told()
     assert calls == [

@@ -341,7 +341,7 @@ def test_the_work_of_a_helper_that_has_gone_comes_back(world, callback_obj):
 def test_the_set_is_cleared_after_the_work_is_back(world):
     seen = []
     coordinator = world.make(
-        watched(AddPairsToPrimaryQueue=lambda c, *_args: seen.append(c._fLocsQueuedInHelper))
+        watched(AddPairsToPrimaryQueue=lambda c, *_args: seen.append(set(c._fLocsQueuedInHelper)))
     )
     loc = world.loc("/p/a.py")
     world.ana_mgr.fHelperProcessProxy = world.proxy

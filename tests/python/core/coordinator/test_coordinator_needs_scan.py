@@ -398,7 +398,7 @@ def test_what_is_queued_drops_the_last_scan(world, coordinator, loc):
 def test_the_last_scan_is_dropped_before_the_scopes_are_queued(world, loc):
     seen = []
     coordinator = world.make(
-        watched(AddPairsToPrimaryQueue=lambda c, *_args: seen.append(c._fLastScanCompleted))
+        watched(AddPairsToPrimaryQueue=lambda c, *_args: seen.append(dict(c._fLastScanCompleted)))
     )
     scanned(world, coordinator, loc)
     seen.clear()

@@ -11,7 +11,7 @@ from pysource.scopescanner import (
     kTimedOut,
     kWaitingForData,
 )
-from world import forget, kDerived, kPrimary, logged, pending, scripted, told
+from world import EqualTo, forget, kDerived, kPrimary, logged, pending, scripted, told
 
 kEnd = 7.5
 kAdds = {"AddPairsToPrimaryQueue": None, "AddPairsToSecondaryQueue": None}
@@ -130,21 +130,6 @@ def test_any_other_state_means_out_of_time(world, coordinator, loc, state):
     assert not scanner.destroyed
     assert told("connect_while_alive", "GetAllImports") == []
     forget()
-
-
-class EqualTo:
-    """A state that equals another without being it."""
-
-    def __init__(self, state):
-        self.state = state
-
-    def __eq__(self, other):
-        return other is self.state
-
-    def __ne__(self, other):
-        return other is not self.state
-
-    __hash__ = None
 
 
 def test_finished_is_tested_by_equality(world, coordinator, loc):
@@ -349,7 +334,7 @@ def test_the_manager_of_the_last_slice_is_the_one_asked(world, coordinator, loc)
 
 
 def test_the_scope_name_of_the_item_is_not_read(world, coordinator, loc):
-    item = CScanItem(loc, None, kPrimary, 2)
+    item = CScanItem(loc, "f", kPrimary, 2)
     assert private(coordinator, "__DoPrimaryWholeFileScan")(item, kEnd) is False
     assert pending(coordinator) == {(loc, "*", kDerived): 2}
     forget()

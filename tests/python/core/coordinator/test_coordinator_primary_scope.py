@@ -13,7 +13,7 @@ from pysource.scopescanner import (
     kTimedOut,
     kWaitingForData,
 )
-from world import forget, kDerived, kPrimary, logged, pending, scripted, told
+from world import EqualTo, forget, kDerived, kPrimary, logged, pending, scripted, told
 
 kEnd = 7.5
 kAdds = {"AddPairsToPrimaryQueue": None, "AddPairsToSecondaryQueue": None}
@@ -177,21 +177,6 @@ def test_waiting_parks_the_item(world, coordinator, loc):
     assert told("SaveToInfoCache") == []
     assert set(scanners(coordinator)) == {(loc, "f")}
     forget()
-
-
-class EqualTo:
-    """A state that equals another without being it."""
-
-    def __init__(self, state):
-        self.state = state
-
-    def __eq__(self, other):
-        return other is self.state
-
-    def __ne__(self, other):
-        return other is not self.state
-
-    __hash__ = None
 
 
 @pytest.mark.parametrize("state", [kFinishedScanning, kScanAbandoned])

@@ -14,7 +14,7 @@ from pysource.scopescanner import (
     kTimedOut,
     kWaitingForData,
 )
-from world import forget, kDerived, kPrimary, pending, scripted, told
+from world import EqualTo, forget, kDerived, kPrimary, pending, scripted, told
 
 kEnd = 50.0
 
@@ -44,12 +44,12 @@ def clock(monkeypatch):
 
 def active(coordinator):
     """The triples that are being scanned."""
-    return coordinator._fActiveScanNowTriples
+    return set(coordinator._fActiveScanNowTriples)
 
 
 def claimed(coordinator):
     """The triples that some call means to scan."""
-    return coordinator._fPendingScanNowTriples
+    return set(coordinator._fPendingScanNowTriples)
 
 
 def scan_set(coordinator, triples, end_time=kEnd):
@@ -402,21 +402,6 @@ def test_an_abandoned_scan_is_saved(world, loc):
     assert told("AddPairsToPrimaryQueue") == []
     assert len(told("SaveToInfoCache")) == 1
     forget()
-
-
-class EqualTo:
-    """A state that equals another without being it."""
-
-    def __init__(self, state):
-        self.state = state
-
-    def __eq__(self, other):
-        return other is self.state
-
-    def __ne__(self, other):
-        return other is not self.state
-
-    __hash__ = None
 
 
 @pytest.mark.parametrize("state", [kFinishedScanning, kScanAbandoned])

@@ -11,7 +11,7 @@ from pysource.scopescanner import (
     kTimedOut,
     kWaitingForData,
 )
-from world import forget, kDerived, kPrimary, logged, pending, scripted, told
+from world import EqualTo, forget, kDerived, kPrimary, logged, pending, scripted, told
 
 kEnd = 7.5
 
@@ -43,21 +43,6 @@ def loc(world):
     loc = world.loc("/p/a.py")
     world.info_cache.infos[loc, "f"] = "info"
     return loc
-
-
-class EqualTo:
-    """A state that equals another without being it."""
-
-    def __init__(self, state):
-        self.state = state
-
-    def __eq__(self, other):
-        return other is self.state
-
-    def __ne__(self, other):
-        return other is not self.state
-
-    __hash__ = None
 
 
 # Whole files.

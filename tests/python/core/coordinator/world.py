@@ -9,6 +9,7 @@ import hostlog
 import singleton
 from collaborators import kDerived, kPrimary
 from loombase.location import CFileLocation, CLocalFileLocation, CRemoteFileLocation
+from operations import unwatched
 from pysource import scopeinfo, scopescanner
 from pysource.scancoordinator import CScanCoordinator, CScanItem, kBackgroundPriority
 
@@ -38,6 +39,22 @@ class EndsWith:
 
     def __repr__(self) -> str:
         return f"...{self.end!r}"
+
+
+class EqualTo:
+    """A scan state that equals another without being it."""
+
+    def __init__(self, state: Any) -> None:
+        self.state = state
+
+    def __eq__(self, other: object) -> bool:
+        return other is self.state
+
+    def __ne__(self, other: object) -> bool:
+        return other is not self.state
+
+    def __hash__(self) -> int:
+        return 0
 
 
 def logged(line: str) -> tuple[str, EndsWith]:
@@ -94,7 +111,8 @@ class World:
         coordinator._fScanQueue.SetScansToOrder({kPrimary: 1, kDerived: 2, "third": 3})
         if basic:
             self.factory.builtin_mod = collaborators.BuiltinMod()
-            CScanCoordinator._QueueBasicModules(coordinator, 0.0)
+            with unwatched():
+                CScanCoordinator._QueueBasicModules(coordinator, 0.0)
             self.factory.builtin_mod = None
         if path:
             self.ana_mgr.fPyConfig.python_path_locs = [self.loc("/lib")]
@@ -196,6 +214,7 @@ def items(pairs: Iterable[tuple[Any, str]], scan: str, priority: int) -> dict[An
 
 __all__ = [
     "EndsWith",
+    "EqualTo",
     "World",
     "forget",
     "items",
