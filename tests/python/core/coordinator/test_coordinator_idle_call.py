@@ -5,7 +5,7 @@ from guiutils import lgtk
 from loomutils import reflect
 from operations import private, watched
 from pysource import inferenceengine
-from world import forget, kSlice, logged, pass_time, pending, told, waiting_files
+from world import forget, kSlice, logged, pass_time, pending, scripted, told, waiting_files
 
 import hostclock
 import hostlog
@@ -496,8 +496,6 @@ def test_a_failing_report_is_what_the_host_sees(world, monkeypatch):
 
 
 def test_a_failing_item_stays_at_the_head_and_runs_again(world, coordinator):
-    from world import scripted
-
     failure = RuntimeError("bad file")
     item = fill(world, coordinator)
     other = world.queue(coordinator, world.loc("/p/b.py"))

@@ -24,8 +24,8 @@ def scan(coordinator, loc, priority=2):
 
 
 def scanners(coordinator):
-    """The live scanners by location."""
-    return private(coordinator, "__fActivePrimaryWholeFileScanners")
+    """The live scanners by location, as they are now."""
+    return dict(private(coordinator, "__fActivePrimaryWholeFileScanners"))
 
 
 @pytest.fixture

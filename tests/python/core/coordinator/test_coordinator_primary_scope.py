@@ -40,8 +40,8 @@ def scan(coordinator, loc, scope="f", priority=2):
 
 
 def scanners(coordinator):
-    """The live scanners by (location, scope)."""
-    return private(coordinator, "__fActivePrimarySingleScopeScanners")
+    """The live scanners by (location, scope), as they are now."""
+    return dict(private(coordinator, "__fActivePrimarySingleScopeScanners"))
 
 
 def finds(state=kFinishedScanning, **fields):

@@ -28,13 +28,13 @@ def scan_scope(coordinator, loc, scope="f"):
 
 
 def files(coordinator):
-    """The live scanners of whole files."""
-    return private(coordinator, "__fActiveSecondaryWholeFileScanners")
+    """The live scanners of whole files, as they are now."""
+    return dict(private(coordinator, "__fActiveSecondaryWholeFileScanners"))
 
 
 def scopes(coordinator):
-    """The live scanners of scopes."""
-    return private(coordinator, "__fActiveSecondarySingleScopeScanners")
+    """The live scanners of scopes, as they are now."""
+    return dict(private(coordinator, "__fActiveSecondarySingleScopeScanners"))
 
 
 @pytest.fixture

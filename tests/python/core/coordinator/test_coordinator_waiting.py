@@ -20,7 +20,7 @@ def wait(world, coordinator, scope="*", priority=2):
 
 def parked(coordinator):
     """The items that wait for data."""
-    return coordinator._fScanQueue._fScanItemsWaitingForData
+    return set(coordinator._fScanQueue._fScanItemsWaitingForData)
 
 
 def test_the_item_is_parked_before_the_scanner_is_connected(world, coordinator):
