@@ -23,8 +23,9 @@ inline Object TypeName(PyObject* value) { return Own(PyType_GetName(Py_TYPE(valu
 // TypeError "Argument 'scope' has incorrect type (expected str, got int)".
 [[noreturn]] inline void RaiseArgumentType(const char* argument, const char* expected,
                                            PyObject* got) {
-  PyErr_Format(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200S)",
-               argument, expected, TypeName(got).get());
+  PyErr_Format(PyExc_TypeError,
+               "Argument '%.200s' has incorrect type (expected %.200s, got %.200S)", argument,
+               expected, TypeName(got).get());
   ThrowPending();
 }
 
