@@ -33,6 +33,7 @@ class NameIndex:
         self._staged: _Staged = {}
         self._staged_files: set[int] = set()
         self._staged_pairs = 0
+        self._changed: Collection[int] = ()
         # What is being merged, kept whole until it is done, so that a merge can begin again.
         self._merging: tuple[_Staged, set[int]] | None = None
         self._merge: Iterator[None] | None = None
@@ -69,8 +70,12 @@ class NameIndex:
                 ids.append(signed_id)
         self._staged_pairs += len(names)
 
-    def merge(self, out_of_time: Callable[[], bool]) -> bool:
-        """Write some of what is staged; true when nothing is left of it."""
+    def merge(self, out_of_time: Callable[[], bool], changed: Collection[int]) -> bool:
+        """Write some of what is staged; true when nothing is left of it.
+
+        `changed` are the files that this transaction has written and that will be staged after it.
+        """
+        self._changed = changed
         while True:
             if self._merging is None:
                 if not self._staged_files:
@@ -108,13 +113,16 @@ class NameIndex:
                     add = []
                     yield
         self._insert(add)
-        # A file that was staged anew in the meantime isn't done.
-        done = sorted(file_ids - self._staged_files)
-        for start in range(0, len(done), _kPairsPerCheck):
-            self._connection.executemany(
-                "UPDATE files SET indexed = 1 WHERE id = ?",
-                [(file_id,) for file_id in done[start : start + _kPairsPerCheck]],
-            )
+        merged = sorted(file_ids)
+        for start in range(0, len(merged), _kPairsPerCheck):
+            # A file that was written anew in the meantime isn't done, nor is one that has the id
+            # of a deleted file.
+            done = [
+                (file_id,)
+                for file_id in merged[start : start + _kPairsPerCheck]
+                if file_id not in self._staged_files and file_id not in self._changed
+            ]
+            self._connection.executemany("UPDATE files SET indexed = 1 WHERE id = ?", done)
             yield
 
     def _insert(self, pairs: list[tuple[str, int]]) -> None:

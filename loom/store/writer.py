@@ -134,7 +134,8 @@ class Writer:
                     scopes, out_of_time
                 ):
                     if index_all or self._index.merge_due():
-                        done = self._index.merge(out_of_time)
+                        changed = {file_id for file_id, _, _ in self._renamed}
+                        done = self._index.merge(out_of_time, changed)
                     else:
                         done = True
         except BaseException:

@@ -266,6 +266,44 @@ def test_half_written_file_is_begun_again_when_it_changes(
     assert len(queries.scopes_of_file(opened, "file:///a.py") or ()) == 3
 
 
+@pytest.mark.parametrize("looks", range(1, 12))
+def test_file_that_is_written_anew_in_mid_merge_is_not_indexed_yet(
+    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
+    write_all: WriteAll, looks: int, monkeypatch: pytest.MonkeyPatch,
+) -> None:
+    monkeypatch.setattr(nameindex, "_kPairsPerCheck", 2)
+    urls = ["file:///a.py", "file:///b.py", "file:///c.py"]
+    for url in urls:
+        writer.put_file(make_record(url, ("old",)))
+    assert writer.write(lambda: False, wait_seconds=0.0, index_all=False)
+    writer.write(countdown(looks), wait_seconds=0.0, index_all=True)
+    for url in urls:
+        writer.put_file(make_record(url, ("new",), mtime_ns=2_000))
+    # Writes the rows, and goes on with the merge in the same transaction.
+    writer.write(countdown(looks + 3), wait_seconds=0.0, index_all=True)
+    while not writer.rows_written:
+        writer.write(lambda: False, wait_seconds=0.0, index_all=False)
+    # The process is gone here. What isn't indexed must be marked so.
+    connection = database.open_for_writing(path).connection
+    assert [d.url for d in queries.find_name(connection, "new")] == urls
+    write_all(Writer(connection))
+    assert [d.url for d in queries.find_name(connection, "new")] == urls
+    connection.close()
+
+
+def test_file_with_the_id_of_a_deleted_one_is_not_indexed_yet(
+    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord
+) -> None:
+    writer.put_file(make_record("file:///a.py", ("old",)))
+    assert writer.write(lambda: False, wait_seconds=0.0, index_all=False)
+    writer.delete_file("file:///a.py")
+    writer.put_file(make_record("file:///b.py", ("new",)))
+    writer.write(lambda: False, wait_seconds=0.0, index_all=True)
+    connection = database.open_for_writing(path).connection
+    assert [d.url for d in queries.find_name(connection, "new")] == ["file:///b.py"]
+    connection.close()
+
+
 def test_something_is_written_at_each_call(
     opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord
 ) -> None:
