@@ -1,9 +1,9 @@
-// The module loom._pyscan: the source scanner for Python callers. See _pyscan.h for what it does and
-// _pyscan.pyi for what it gives.
+// The module loom._pyscan: the source scanner for Python callers. See _pyscan.h for what it does
+// and _pyscan.pyi for what it gives.
 //
-// A scanner owns its bytes object, whose content cannot change, and a SourceScan over it. It refers to
-// nothing else and so takes no part in garbage collection. No method runs Python code but pack_info,
-// which reads the caller's mapping before it packs.
+// A scanner owns its bytes object, whose content cannot change, and a SourceScan over it. It refers
+// to nothing else and so takes no part in garbage collection. No method runs Python code but
+// pack_info, which reads the caller's mapping before it packs.
 
 #include "loom/_pyscan.h"
 
@@ -31,8 +31,8 @@ using pyrt::ToPython;
 
 // Bytes that are no UTF-8 become escapes, so that a name can be printed and stored anywhere.
 Object MakeName(std::string_view text) {
-  return Own(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()),
-                                  "backslashreplace"));
+  return Own(
+      PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "backslashreplace"));
 }
 
 Object MakeBytes(std::string_view data) {
@@ -79,10 +79,9 @@ class Scanner {
     for (std::size_t i = 0; i < results.scopes().size(); ++i) {
       const Scope& scope = results.scopes()[i];
       InfoPacker packer;
-      results.ForEachInfo(static_cast<ScopeIndex>(i),
-                          [&packer](std::string_view name, std::string_view info) {
-                            packer.Add(name, info);
-                          });
+      results.ForEachInfo(
+          static_cast<ScopeIndex>(i),
+          [&packer](std::string_view name, std::string_view info) { packer.Add(name, info); });
       const std::int64_t parent = scope.parent == kNoIndex ? -1 : std::int64_t{scope.parent};
       list.Append(MakeTuple(MakeName(scope.name), MakeInt(parent), MakeInt(scope.kind),
                             MakeInt(scope.line), MakeInt(scope.end_line),
@@ -100,8 +99,8 @@ class Scanner {
       const Entry& entry = results.entries()[binding.entry];
       Object& name = names[binding.entry];
       if (!name) name = MakeName(entry.name);
-      list.Append(MakeTuple(MakeInt(entry.scope), name, MakeInt(binding.kind),
-                            MakeInt(binding.line)));
+      list.Append(
+          MakeTuple(MakeInt(entry.scope), name, MakeInt(binding.kind), MakeInt(binding.line)));
     }
     return list.object();
   }
@@ -141,9 +140,7 @@ struct ScannerObject {
   Scanner* scanner;
 };
 
-Scanner& Scanner::From(PyObject* self) {
-  return *reinterpret_cast<ScannerObject*>(self)->scanner;
-}
+Scanner& Scanner::From(PyObject* self) { return *reinterpret_cast<ScannerObject*>(self)->scanner; }
 
 PyObject* NewScanner(PyTypeObject* type, PyObject* args, PyObject* kwargs) noexcept {
   return pyrt::Guard([&]() -> Object {
@@ -197,18 +194,17 @@ Object PackInfo(const Object& info) {
 }
 
 template <pyrt::FixedText kSignature, pyrt::FixedText kDoc, auto kMember>
-constexpr auto kMethod = &pyrt::Operation<
-    kSignature, kDoc, kMember, [](auto& scanner, auto&... arguments) -> decltype(auto) {
-      return (scanner.*kMember)(arguments...);
-    }>::Def;
+constexpr auto kMethod = &pyrt::Operation<kSignature, kDoc, kMember,
+                                          [](auto& scanner, auto&... arguments) -> decltype(auto) {
+                                            return (scanner.*kMember)(arguments...);
+                                          }>::Def;
 
 Object MakeScannerType(const Object& module) {
   static PyMethodDef methods[] = {
       kMethod<"scan(max_bytes)",
               "Go on for about max_bytes bytes; return True when the source is scanned.",
               &Scanner::Scan>(),
-      kMethod<"scopes()", "Return the scopes found so far, the module first.",
-              &Scanner::Scopes>(),
+      kMethod<"scopes()", "Return the scopes found so far, the module first.", &Scanner::Scopes>(),
       kMethod<"names()", "Return each binding of a name found so far.", &Scanner::Names>(),
       kMethod<"definitions()", "Return the names worth finding from anywhere.",
               &Scanner::Definitions>(),

@@ -1,10 +1,10 @@
-// A scanner of Python source: what each scope of a file defines, found in one resumable walk over its
-// UTF-8 bytes, without a syntax tree. This is its whole interface to C++; it knows nothing of Python
-// as an interpreter. docs/scanner.md tells what is recorded and in which form.
+// A scanner of Python source: what each scope of a file defines, found in one resumable walk over
+// its UTF-8 bytes, without a syntax tree. This is its whole interface to C++; it knows nothing of
+// Python as an interpreter. docs/scanner.md tells what is recorded and in which form.
 //
-// It reads the grammar of Python 3.12, with what later versions have added to it, and takes whatever
-// it is given: what isn't Python is remarked upon and passed over, and the rest of the file is found
-// as if it were not there, as far as that can be told.
+// It reads the grammar of Python 3.12, with what later versions have added to it, and takes
+// whatever it is given: what isn't Python is remarked upon and passed over, and the rest of the
+// file is found as if it were not there, as far as that can be told.
 //
 // Time and memory are proportional to the length of the source. Nothing recurses.
 
@@ -68,8 +68,8 @@ class SourceScan {
   Lexer lexer_;
   StatementParser parser_;
   std::vector<Block> blocks_;
-  // Blocks that the last decrease of indentation ended, and one that was to begin and didn't, innermost
-  // first: where a line that is indented too deeply may belong.
+  // Blocks that the last decrease of indentation ended, and one that was to begin and didn't,
+  // innermost first: where a line that is indented too deeply may belong.
   std::vector<Block> ended_;
   bool expects_block_ = false;
   BlockContext expected_;

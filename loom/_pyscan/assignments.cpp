@@ -10,7 +10,8 @@
 namespace loom::pyscan {
 namespace {
 
-// How many targets of a statement quote its whole expression; the others tell only that there is one.
+// How many targets of a statement quote its whole expression; the others tell only that there is
+// one.
 constexpr std::size_t kMaxQuotes = 16;
 // A longer way into a nested target is told as kDeepPath.
 constexpr std::size_t kMaxPath = 64;
@@ -52,11 +53,15 @@ std::size_t StatementParser::Simple(std::size_t i) {
   } else if (colon < first_equal) {
     Annotated(i, colon, std::min(first_equal, end), end);
   } else if (first_equal != kNoToken) {
-    std::string value;
-    Expression(last_equal + 1, end, value);
+    value_.clear();
+    Expression(last_equal + 1, end, value_);
     for (std::size_t begin = i; begin <= last_equal;) {
       const std::size_t equal = Find(Tok::kEqual, begin, end);
-      Targets(begin, equal, {}, value, Use::kAssign);
+      if (equal - begin == 1) {
+        BindTarget({begin, equal, {}}, value_, Use::kAssign);
+      } else {
+        Targets(begin, equal, {}, value_, Use::kAssign);
+      }
       begin = equal + 1;
     }
   }
@@ -144,8 +149,7 @@ void StatementParser::Targets(std::size_t begin, std::size_t end, std::string pa
     if (target.begin >= target.end) continue;
     std::size_t inner = target.begin;
     std::size_t inner_end = target.end;
-    const bool bracketed =
-        (*tokens_)[inner].kind == Tok::kOpen && CloseOf(inner) + 1 == inner_end;
+    const bool bracketed = (*tokens_)[inner].kind == Tok::kOpen && CloseOf(inner) + 1 == inner_end;
     const char bracket = Bracket(inner);
     if (bracketed && bracket != '{') {
       ++inner;

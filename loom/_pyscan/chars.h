@@ -1,4 +1,4 @@
-// Byte classes of Python source, and a search for the next of a few bytes, eight at a time.
+// Byte classes of Python source, and searches that go eight bytes at a time.
 // Without dependencies.
 
 #ifndef LOOM_PYSCAN_CHARS_H_
@@ -72,9 +72,10 @@ inline const char* FindAny(const char* p, const char* end, Bytes... wanted) {
     std::uint64_t word;
     std::memcpy(&word, p, sizeof word);
     std::uint64_t hits = 0;
-    // A byte of word ^ pattern is zero exactly where the wanted byte stands; the lowest zero byte is
-    // always marked rightly, those above it may be marked in error.
-    ((hits |= [word](std::uint64_t x) {
+    // A byte of word ^ pattern is zero exactly where the wanted byte stands; the lowest zero byte
+    // is always marked rightly, those above it may be marked in error.
+    ((hits |=
+      [word](std::uint64_t x) {
         x ^= word;
         return (x - kOnes) & ~x;
       }(kOnes * static_cast<unsigned char>(wanted))),
@@ -90,6 +91,27 @@ inline const char* FindAny(const char* p, const char* end, Bytes... wanted) {
     p += 8;
   }
   while (p != end && !((*p == static_cast<char>(wanted)) || ...)) ++p;
+  return p;
+}
+
+// Returns the end of the run of `byte` that starts at p, at most end.
+inline const char* SkipRun(const char* p, const char* end, char byte) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101u;
+  const std::uint64_t pattern = kOnes * static_cast<unsigned char>(byte);
+  while (end - p >= 8) {
+    std::uint64_t word;
+    std::memcpy(&word, p, sizeof word);
+    word ^= pattern;
+    if (word != 0) {
+      if constexpr (std::endian::native == std::endian::little) {
+        return p + (std::countr_zero(word) >> 3);
+      } else {
+        break;
+      }
+    }
+    p += 8;
+  }
+  while (p != end && *p == byte) ++p;
   return p;
 }
 

@@ -1,5 +1,5 @@
-// Statements that define: functions, classes, type aliases, with their decorators, arguments and type
-// parameters.
+// Statements that define: functions, classes, type aliases, with their decorators, arguments and
+// type parameters.
 
 #include <algorithm>
 #include <utility>
@@ -57,7 +57,7 @@ std::size_t StatementParser::Def(std::size_t start, std::size_t def) {
     decorators_.clear();
     return Suite(colon, {parent});
   }
-  part_ = !in_class    ? pysource::kFunctionPrefix
+  part_ = !in_class   ? pysource::kFunctionPrefix
           : is_static ? pysource::kUnboundMethodPrefix
                       : pysource::kMethodPrefix;
   part_.append(results_.scope(scope).name).append(1, ' ').append(std::to_string(Line(start)));
@@ -78,7 +78,8 @@ std::size_t StatementParser::Def(std::size_t start, std::size_t def) {
 
 void StatementParser::Arguments(std::size_t open, ScopeIndex scope) {
   const std::size_t last = CloseOf(open);
-  std::vector<Argument> arguments;
+  std::vector<Argument>& arguments = arguments_;
+  arguments.clear();
   bool keyword_only = false;
   for (std::size_t i = open + 1; i < last;) {
     const std::size_t end = Find(Tok::kComma, i, last);
@@ -109,15 +110,15 @@ void StatementParser::Arguments(std::size_t open, ScopeIndex scope) {
 
   Scope& function = results_.scope(scope);
   if (function.kind == pysource::kMethodKind) {
-    const bool bound = !arguments.empty() && (arguments[0].marks.empty() || arguments[0].marks == "/");
+    const bool bound =
+        !arguments.empty() && (arguments[0].marks.empty() || arguments[0].marks == "/");
     function.self = bound ? Text(arguments[0].name) : std::string_view();
   }
   std::size_t index = 0;
   for (const Argument& argument : arguments) {
     const std::string_view name = Text(argument.name);
     if (function.kind != pysource::kMethodKind && name == function.self) function.self = {};
-    const EntryIndex entry =
-        results_.Bind(scope, name, pysource::kArgKind, Line(argument.name));
+    const EntryIndex entry = results_.Bind(scope, name, pysource::kArgKind, Line(argument.name));
     std::string part(pysource::kArgPrefix);
     part.append(std::to_string(index++)).append(argument.marks);
     if (argument.equal < argument.end) {
@@ -126,8 +127,7 @@ void StatementParser::Arguments(std::size_t open, ScopeIndex scope) {
     }
     results_.AddPart(entry, part);
     if (argument.colon < argument.equal) {
-      results_.AddPart(entry,
-                       Part(pysource::kTypeHintPrefix, argument.colon + 1, argument.equal));
+      results_.AddPart(entry, Part(pysource::kTypeHintPrefix, argument.colon + 1, argument.equal));
     }
   }
 }
@@ -147,8 +147,8 @@ void StatementParser::TypeParameters(std::size_t open, ScopeIndex scope) {
         part += '=';
         Expression(equal + 1, end, part);
       }
-      results_.AddPart(
-          results_.Bind(scope, Text(name), pysource::kTypeParameterKind, Line(name)), part);
+      results_.AddPart(results_.Bind(scope, Text(name), pysource::kTypeParameterKind, Line(name)),
+                       part);
     }
     i = end + 1;
   }
@@ -168,10 +168,8 @@ std::size_t StatementParser::Class(std::size_t i) {
   const std::size_t colon = HeaderEnd(open);
   BindWalruses(colon < count_ ? (*tokens_)[colon].begin : kNoToken);
 
-  const EntryIndex entry =
-      results_.Bind(parent, Text(name), pysource::kClassKind, Line(i));
-  const ScopeIndex scope =
-      results_.OpenScope(parent, Text(name), pysource::kClassKind, Line(i));
+  const EntryIndex entry = results_.Bind(parent, Text(name), pysource::kClassKind, Line(i));
+  const ScopeIndex scope = results_.OpenScope(parent, Text(name), pysource::kClassKind, Line(i));
   if (scope == kNoIndex) {
     errors_.Add(Line(i), "the name of the scope is too long");
     decorators_.clear();
@@ -195,8 +193,7 @@ std::size_t StatementParser::Class(std::size_t i) {
 // "type" is a keyword only before a name that is followed by "=" or by type parameters and "=".
 bool StatementParser::IsTypeAlias(std::size_t i) const {
   if (Kind(i + 1) != Tok::kName || Text(i) != "type") return false;
-  const std::size_t behind =
-      Bracket(i + 2) == '[' ? std::min(CloseOf(i + 2) + 1, count_) : i + 2;
+  const std::size_t behind = Bracket(i + 2) == '[' ? std::min(CloseOf(i + 2) + 1, count_) : i + 2;
   return Kind(behind) == Tok::kEqual;
 }
 

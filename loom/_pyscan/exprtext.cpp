@@ -15,7 +15,7 @@ void AppendShortString(std::string_view source, const Token& token, std::string&
   out += text[quote];
 }
 
-void AppendShape(std::string_view source, const std::vector<Token>& tokens, std::size_t begin,
+void AppendShape(std::string_view source, const TokenList& tokens, std::size_t begin,
                  std::size_t end, std::string& out) {
   if (tokens[begin].kind == Tok::kString) {
     bool only_strings = true;
@@ -50,31 +50,40 @@ void AppendShape(std::string_view source, const std::vector<Token>& tokens, std:
 
 }  // namespace
 
-void AppendExpression(std::string_view source, const std::vector<Token>& tokens, std::size_t begin,
+void AppendExpression(std::string_view source, const TokenList& tokens, std::size_t begin,
                       std::size_t end, std::string& out) {
   if (begin >= end) return;
   const std::size_t start = out.size();
+  // Tokens that the source holds just as they are to be written are copied at once.
+  std::uint32_t run_begin = tokens[begin].begin;
+  std::uint32_t run_end = run_begin;
+  const auto flush = [&] { out += source.substr(run_begin, run_end - run_begin); };
   for (std::size_t i = begin; i < end; ++i) {
     const Token& token = tokens[i];
     const bool opaque = (token.flags & kOpaqueToken) != 0;
-    const bool balanced =
-        token.kind != Tok::kOpen || (!opaque && token.match < end);
-    if (i > begin && token.begin > tokens[i - 1].end && tokens[i - 1].kind != Tok::kOpen &&
-        token.kind != Tok::kClose) {
-      out += ' ';
+    const bool balanced = token.kind != Tok::kOpen || (!opaque && token.match < end);
+    const bool apart = token.begin != run_end;
+    const bool blank = apart && tokens[i - 1].kind != Tok::kOpen && token.kind != Tok::kClose;
+    const bool short_string = token.kind == Tok::kString && opaque;
+    const bool joins = !short_string && apart == blank &&
+                       (!blank || (token.begin == run_end + 1 && source[run_end] == ' '));
+    if (!joins) {
+      flush();
+      if (blank) out += ' ';
+      run_begin = token.begin;
     }
-    if (token.kind == Tok::kString && opaque) {
+    run_end = token.end;
+    if (short_string) {
       AppendShortString(source, token, out);
-    } else if (token.end - token.begin <= kMaxExpressionText) {
-      out += TextOf(source, token);
+      run_begin = token.end;
     }
-    if (!balanced || token.end - token.begin > kMaxExpressionText ||
-        out.size() - start > kMaxExpressionText) {
+    if (!balanced || out.size() - start + (run_end - run_begin) > kMaxExpressionText) {
       out.resize(start);
       AppendShape(source, tokens, begin, end, out);
       return;
     }
   }
+  flush();
 }
 
 }  // namespace loom::pyscan

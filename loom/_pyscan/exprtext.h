@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "loom/_pyscan/token.h"
 
@@ -24,7 +23,7 @@ inline constexpr std::string_view kElided = "...";
 // plain literals would misjudge is written in its short form.
 //
 // Brackets and quotes in the result are balanced, and no ";" stands outside of them.
-void AppendExpression(std::string_view source, const std::vector<Token>& tokens, std::size_t begin,
+void AppendExpression(std::string_view source, const TokenList& tokens, std::size_t begin,
                       std::size_t end, std::string& out);
 
 }  // namespace loom::pyscan

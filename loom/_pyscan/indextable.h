@@ -3,6 +3,8 @@
 #ifndef LOOM_PYSCAN_INDEXTABLE_H_
 #define LOOM_PYSCAN_INDEXTABLE_H_
 
+#include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -18,6 +20,12 @@ std::uint32_t HashText(std::string_view text, std::uint32_t number);
 class IndexTable {
  public:
   static constexpr std::uint32_t kNone = 0xFFFFFFFFu;
+
+  IndexTable() = default;
+  // Makes room for about so many indexes, within reason.
+  explicit IndexTable(std::size_t expected) {
+    slots_.resize(std::bit_ceil(2 * std::min<std::size_t>(expected, 1u << 14) + 32));
+  }
 
   // Returns the index for which equal(index) holds, among those added with this hash, or kNone.
   template <class Equal>

@@ -8,9 +8,9 @@
 // back. When a line inside of brackets starts with a keyword that no expression can hold, or the
 // text ends there, the bracket was never closed: the logical line ends before the first line behind
 // the opening bracket that could start a statement by its indentation, and that is lexed anew. When
-// the text ends inside of a triple-quoted literal, or a name follows its end, a quote is missing: the
-// literal ends with its first line. The bytes walked back over are limited to kWalkBackFactor times
-// the length of the text, so that the time stays linear; after that there is no walking back.
+// the text ends inside of a triple-quoted literal, or a name follows its end, a quote is missing:
+// the literal ends with its first line. The bytes walked back over are limited to kWalkBackFactor
+// times the length of the text, so that the time stays linear; after that there is no walking back.
 
 #ifndef LOOM_PYSCAN_LEXER_H_
 #define LOOM_PYSCAN_LEXER_H_
@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "loom/_pyscan/errors.h"
@@ -41,8 +42,8 @@ class Lexer {
   static constexpr std::size_t kMaxWordLength = 1u << 16;
   // Of a logical line with more tokens, those inside of brackets are dropped, and beyond the second
   // limit all of them.
-  static constexpr std::size_t kMaxNestedTokens = 1u << 16;
-  static constexpr std::size_t kMaxTokens = 1u << 17;
+  static constexpr std::uint32_t kMaxNestedTokens = 1u << 16;
+  static constexpr std::uint32_t kMaxTokens = 1u << 17;
 
   // Requires `source` to be shorter than 4 GiB and, like `errors`, to outlive the lexer.
   Lexer(std::string_view source, ErrorList& errors);
@@ -65,7 +66,7 @@ class Lexer {
     std::uint32_t line;
     std::uint32_t token;  // index of the stored token, or kNoToken
     FrameKind kind;
-    char quote;           // of kLiteral and kFormatSpec
+    char quote;  // of kLiteral and kFormatSpec
     bool triple;
     bool raw;
   };
@@ -88,7 +89,8 @@ class Lexer {
 
   void LexWord();
   void LexNumber();
-  void LexOperator();
+  // The operator at p_ and its length.
+  std::pair<Tok, std::size_t> Operator();
   void StartString(const char* begin, StringPrefix prefix);
   void CloseString();
   void EndString(bool opaque);
@@ -103,6 +105,8 @@ class Lexer {
   void EndLiteral(bool opaque);
   void PopFrame(bool unclosed);
   void PopLambdaBodies();
+  bool InLambdaParameters() const;
+  void ForgetLambdas();
 
   // Ends the logical line inside of brackets, before the line that p_ is on, or earlier.
   void Recover(const char* line_start, std::uint32_t line_number);
@@ -116,9 +120,15 @@ class Lexer {
   bool AtFromImport() const;
 
   // Returns the stored token, or null if it is not to be stored.
-  Token* Emit(Tok kind, const char* begin, const char* end);
-  void Emit(Tok kind, std::size_t length) { Emit(kind, p_, p_ + length), p_ += length; }
-  bool MayStore() const;
+  [[gnu::always_inline]] Token* Emit(Tok kind, const char* begin, const char* end) {
+    last_ = {Offset(begin), Offset(end), line_number_, kNoToken, kind, 0};
+    line_.last_line = line_number_;
+    return MayStore() ? &line_.tokens.Add(last_) : nullptr;
+  }
+  bool MayStore() const {
+    return literals_ == 0 &&
+           line_.tokens.size() < (frames_.empty() ? kMaxTokens : kMaxNestedTokens);
+  }
   std::uint32_t Offset(const char* p) const { return static_cast<std::uint32_t>(p - base_); }
   bool AtEnd() const { return p_ == end_; }
   char Peek(std::size_t n) const { return static_cast<std::size_t>(end_ - p_) > n ? p_[n] : '\0'; }
@@ -148,15 +158,15 @@ class Lexer {
   std::vector<Frame> frames_;
   std::vector<Lambda> lambdas_;
   std::size_t lambda_bodies_ = 0;
-  OpenCounts open_{};                    // open brackets since the innermost field began
-  std::vector<OpenCounts> outer_open_;   // the same of the fields around it
-  std::size_t literals_ = 0;             // kLiteral frames
-  char outer_quote_ = '\0';              // of the outermost literal
+  OpenCounts open_{};                   // open brackets since the innermost field began
+  std::vector<OpenCounts> outer_open_;  // the same of the fields around it
+  std::size_t literals_ = 0;            // kLiteral frames
+  char outer_quote_ = '\0';             // of the outermost literal
   bool outer_opaque_ = false;
-  Place candidate_{nullptr, 0};          // where Recover would go on
+  Place candidate_{nullptr, 0};  // where Recover would go on
   std::size_t walk_back_left_;
   std::size_t walked_ = 0;
-  std::size_t walked_back_ = 0;          // in this Run
+  std::size_t walked_back_ = 0;  // in this Run
 };
 
 }  // namespace loom::pyscan

@@ -1,8 +1,8 @@
 // The packed form of the information of one scope: names with their information strings.
 //
 // The number of names, then for each its length, the length of its information, and both texts.
-// Numbers take seven bits a byte, lowest first, the high bit set on all bytes but the last. No name at
-// all is packed as nothing.
+// Numbers take seven bits a byte, lowest first, the high bit set on all bytes but the last. No name
+// at all is packed as nothing.
 
 #ifndef LOOM_PYSCAN_PACKINFO_H_
 #define LOOM_PYSCAN_PACKINFO_H_
@@ -38,7 +38,8 @@ class InfoUnpacker {
 
   // The next name, or nothing at the end and where the data is damaged.
   std::optional<Item> Next();
-  // Whether what has been read so far is well-formed; once the end is reached, whether all of it is.
+  // Whether what has been read so far is well-formed; once the end is reached, whether all of it
+  // is.
   bool valid() const { return valid_; }
 
  private:

@@ -20,6 +20,9 @@ std::uint64_t ProcessSeed() {
   return Mix(static_cast<std::uint64_t>(now), reinterpret_cast<std::uintptr_t>(&anchor));
 }
 
+// About one name is bound in so many bytes of source.
+constexpr std::size_t kBytesPerEntry = 128;
+
 bool QuotesExpression(std::string_view part) {
   const std::string_view prefix = part.substr(0, pysource::kPrefixLen);
   return prefix == pysource::kSetPrefix || prefix == pysource::kWithinExprPrefix ||
@@ -46,9 +49,8 @@ std::uint32_t HashText(std::string_view text, std::uint32_t number) {
   return static_cast<std::uint32_t>(hash >> 32) ^ static_cast<std::uint32_t>(hash);
 }
 
-Results::Results() {
-  scopes_.push_back(
-      {std::string(), kNoIndex, pysource::kModuleKind, 1, 1, kNoIndex, kNoIndex, {}});
+Results::Results(std::size_t source_size) : entry_table_(source_size / kBytesPerEntry) {
+  scopes_.push_back({std::string(), kNoIndex, pysource::kModuleKind, 1, 1, kNoIndex, kNoIndex, {}});
 }
 
 ScopeIndex Results::OpenScope(ScopeIndex parent, std::string_view name, unsigned char kind,
@@ -69,12 +71,11 @@ ScopeIndex Results::OpenScope(ScopeIndex parent, std::string_view name, unsigned
 
 EntryIndex Results::EntryOf(ScopeIndex scope, std::string_view name) {
   const std::uint32_t hash = HashText(name, scope);
-  const EntryIndex found = entry_table_.Find(hash, [&](EntryIndex e) {
-    return entries_[e].scope == scope && entries_[e].name == name;
-  });
+  const EntryIndex found = entry_table_.Find(
+      hash, [&](EntryIndex e) { return entries_[e].scope == scope && entries_[e].name == name; });
   if (found != kNoIndex) return found;
   const EntryIndex entry = static_cast<EntryIndex>(entries_.size());
-  entries_.push_back({name, scope, kNoIndex, kNoIndex, kNoIndex, 0, 0, false});
+  entries_.push_back({name, scope, kNoIndex, kNoIndex, kNoIndex, 0, 0, 0, false});
   entry_table_.Add(hash, entry);
   Scope& owner = scopes_[scope];
   if (owner.first_entry == kNoIndex) {
@@ -93,20 +94,26 @@ EntryIndex Results::Bind(ScopeIndex scope, std::string_view name, unsigned char 
   return entry;
 }
 
+bool Results::HasPart(const Entry& owner, EntryIndex entry, std::string_view part) const {
+  if (owner.parts > kMaxListedParts) {
+    return part_table_.Find(HashText(part, entry), [&](std::uint32_t p) {
+      return parts_[p].entry == entry && PartText(parts_[p]) == part;
+    }) != kNoIndex;
+  }
+  for (std::uint32_t p = owner.first_part; p != kNoIndex; p = parts_[p].next) {
+    if (PartText(parts_[p]) == part) return true;
+  }
+  return false;
+}
+
 void Results::AddPart(EntryIndex entry, std::string_view part) {
   Entry& owner = entries_[entry];
   const bool quotes = QuotesExpression(part);
   if (quotes && owner.expressions == kMaxExpressions) return;
-  const std::uint32_t hash = HashText(part, entry);
-  const std::uint32_t found = part_table_.Find(hash, [&](std::uint32_t p) {
-    return parts_[p].entry == entry && PartText(parts_[p]) == part;
-  });
-  if (found != kNoIndex) return;
+  if (HasPart(owner, entry, part)) return;
   const std::uint32_t index = static_cast<std::uint32_t>(parts_.size());
-  parts_.push_back(
-      {part_text_.size(), static_cast<std::uint32_t>(part.size()), entry, kNoIndex});
+  parts_.push_back({part_text_.size(), static_cast<std::uint32_t>(part.size()), entry, kNoIndex});
   part_text_ += part;
-  part_table_.Add(hash, index);
   if (owner.first_part == kNoIndex) {
     owner.first_part = index;
   } else {
@@ -114,12 +121,18 @@ void Results::AddPart(EntryIndex entry, std::string_view part) {
   }
   owner.last_part = index;
   if (quotes) ++owner.expressions;
+  ++owner.parts;
+  if (owner.parts < kMaxListedParts + 1) return;
+  const std::uint32_t first = owner.parts == kMaxListedParts + 1 ? owner.first_part : index;
+  for (std::uint32_t p = first; p != kNoIndex; p = parts_[p].next) {
+    part_table_.Add(HashText(PartText(parts_[p]), entry), p);
+  }
 }
 
 void Results::AddImport(std::string_view equivalent) {
   const std::uint32_t hash = HashText(equivalent, 0);
-  const std::uint32_t found = import_table_.Find(
-      hash, [&](std::uint32_t i) { return imports_[i] == equivalent; });
+  const std::uint32_t found =
+      import_table_.Find(hash, [&](std::uint32_t i) { return imports_[i] == equivalent; });
   if (found != kNoIndex) return;
   import_table_.Add(hash, static_cast<std::uint32_t>(imports_.size()));
   imports_.push_back(Keep(std::string(equivalent)));
@@ -145,7 +158,8 @@ void Results::AddInstanceAttribute(ScopeIndex method, std::string_view attribute
   }
   const std::uint32_t hash = HashText(attribute, owner);
   const std::uint32_t found = attribute_table_.Find(hash, [&](std::uint32_t i) {
-    return attributes_[i].owner == owner && definitions_[attributes_[i].definition].name == attribute;
+    return attributes_[i].owner == owner &&
+           definitions_[attributes_[i].definition].name == attribute;
   });
   if (found != kNoIndex) return;
   attribute_table_.Add(hash, static_cast<std::uint32_t>(attributes_.size()));

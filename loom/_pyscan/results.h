@@ -1,7 +1,7 @@
 // What a scan has found: scopes, bindings, information strings, imports.
 //
-// Everything is kept in flat tables that refer to each other by index, with hash tables over them, so
-// that recording a fact costs the same however much is known already.
+// Everything is kept in flat tables that refer to each other by index, with hash tables over them,
+// so that recording a fact costs the same however much is known already.
 
 #ifndef LOOM_PYSCAN_RESULTS_H_
 #define LOOM_PYSCAN_RESULTS_H_
@@ -22,7 +22,7 @@ using EntryIndex = std::uint32_t;
 inline constexpr std::uint32_t kNoIndex = 0xFFFFFFFFu;
 
 struct Scope {
-  std::string name;  // full; empty for the module
+  std::string name;   // full; empty for the module
   ScopeIndex parent;  // kNoIndex for the module
   unsigned char kind;
   std::uint32_t line;
@@ -40,6 +40,7 @@ struct Entry {
   EntryIndex next;  // in its scope
   std::uint32_t first_part;
   std::uint32_t last_part;
+  std::uint32_t parts;
   std::uint32_t definitions;  // how many definitions of this name the scope holds
   std::uint16_t expressions;  // how many parts quote an expression
   bool listed;                // stands in definitions() as an assignment
@@ -73,7 +74,8 @@ class Results {
   // Of a name, so many different parts that quote an expression are kept.
   static constexpr std::uint16_t kMaxExpressions = 24;
 
-  Results();
+  // `source_size` helps to choose the first size of the tables.
+  explicit Results(std::size_t source_size);
   Results(const Results&) = delete;
   Results& operator=(const Results&) = delete;
 
@@ -86,10 +88,9 @@ class Results {
   // The entry of a name, made if need be. Requires: name outlives the results.
   EntryIndex EntryOf(ScopeIndex scope, std::string_view name);
   // Records a binding of the name.
-  EntryIndex Bind(ScopeIndex scope, std::string_view name, unsigned char kind,
-                  std::uint32_t line);
-  // Adds a part to the information of a name, unless it stands there. A part of the kinds that quote
-  // an expression is dropped beyond kMaxExpressions.
+  EntryIndex Bind(ScopeIndex scope, std::string_view name, unsigned char kind, std::uint32_t line);
+  // Adds a part to the information of a name, unless it stands there. A part of the kinds that
+  // quote an expression is dropped beyond kMaxExpressions.
   void AddPart(EntryIndex entry, std::string_view part);
 
   void AddImport(std::string_view equivalent);
@@ -110,7 +111,8 @@ class Results {
   const std::vector<Definition>& definitions() const { return definitions_; }
   const std::vector<std::string_view>& imports() const { return imports_; }
 
-  // Calls fn(name, information) for each name of a scope that has information, in order of appearance.
+  // Calls fn(name, information) for each name of a scope that has information, in order of
+  // appearance.
   template <class Fn>
   void ForEachInfo(ScopeIndex scope, Fn&& fn) const {
     std::string info;
@@ -126,11 +128,15 @@ class Results {
   }
 
  private:
+  // The parts of a name with more of them are found by a hash table.
+  static constexpr std::uint32_t kMaxListedParts = 32;
+
   struct Attribute {
     ScopeIndex owner;
     std::uint32_t definition;  // index in definitions_
   };
 
+  bool HasPart(const Entry& owner, EntryIndex entry, std::string_view part) const;
   std::string_view PartText(const Part& part) const {
     return std::string_view(part_text_).substr(part.begin, part.length);
   }

@@ -9,6 +9,7 @@ namespace loom::pyscan {
 
 SourceScan::SourceScan(std::string_view source)
     : source_size_(source.size()),
+      results_(source.size()),
       lexer_(source, errors_),
       parser_(source, results_, errors_) {
   blocks_.push_back({});
@@ -67,9 +68,8 @@ void SourceScan::TakeLine(const LogicalLine& line) {
 // Whether the line goes on with a block that a half-typed definition seemed to end.
 bool SourceScan::ResumesEnded(const LogicalLine& line) const {
   return expected_.half_typed &&
-         std::any_of(ended_.begin(), ended_.end(), [&line](const Block& block) {
-           return block.column == line.column;
-         });
+         std::any_of(ended_.begin(), ended_.end(),
+                     [&line](const Block& block) { return block.column == line.column; });
 }
 
 // A line that is indented more than its block, where none was to begin. If deeper blocks have just
@@ -93,8 +93,7 @@ void SourceScan::Unindent(const LogicalLine& line) {
     return block.column >= line.column;
   });
   if (level->column != line.column) {
-    errors_.Add(line.tokens.front().line,
-                "unindent does not match any outer indentation level");
+    errors_.Add(line.tokens.front().line, "unindent does not match any outer indentation level");
   }
   ended_.clear();
   const std::size_t keep = static_cast<std::size_t>(level - blocks_.begin()) + 1;
@@ -112,8 +111,7 @@ void SourceScan::PushBlock(const LogicalLine& line, BlockContext context) {
 void SourceScan::PopBlock() {
   Block block = std::move(blocks_.back());
   blocks_.pop_back();
-  const bool ends_scope =
-      blocks_.empty() || blocks_.back().context.scope != block.context.scope;
+  const bool ends_scope = blocks_.empty() || blocks_.back().context.scope != block.context.scope;
   if (ends_scope) results_.EndScope(block.context.scope, last_line_);
   ended_.push_back(std::move(block));
 }

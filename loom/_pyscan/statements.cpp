@@ -129,8 +129,8 @@ void StatementParser::BindWalruses(std::uint32_t before) {
   const std::vector<Walrus>& walruses = line_->walruses;
   for (; next_walrus_ < walruses.size() && walruses[next_walrus_].begin < before; ++next_walrus_) {
     const Walrus& walrus = walruses[next_walrus_];
-    const EntryIndex entry = results_.Bind(scope_, Between(walrus.begin, walrus.end),
-                                           pysource::kSetKind, walrus.line);
+    const EntryIndex entry =
+        results_.Bind(scope_, Between(walrus.begin, walrus.end), pysource::kSetKind, walrus.line);
     part_ = pysource::kSetPrefix;
     if (walrus.token == kNoToken) {
       part_ += kElided;
@@ -232,8 +232,8 @@ std::size_t StatementParser::Case(std::size_t i, const BlockContext& block) {
     ++steps_;
     // A name is a capture unless it is part of a dotted name, a class, or a keyword of a class.
     if (Kind(j) != Tok::kName || Kind(j - 1) == Tok::kDot || Text(j) == "_") continue;
-    if (j + 1 < end && (Kind(j + 1) == Tok::kDot || Bracket(j + 1) == '(' ||
-                        Kind(j + 1) == Tok::kEqual)) {
+    if (j + 1 < end &&
+        (Kind(j + 1) == Tok::kDot || Bracket(j + 1) == '(' || Kind(j + 1) == Tok::kEqual)) {
       continue;
     }
     const bool whole = j + 1 == end && (j == i + 1 || Kind(j - 1) == Tok::kKwAs);
@@ -268,8 +268,7 @@ std::size_t StatementParser::Import(std::size_t i) {
     results_.AddImport(equivalent);
     const bool aliased = j + 1 < end && Kind(j) == Tok::kKwAs && Kind(j + 1) == Tok::kName;
     const std::size_t bound = aliased ? j + 1 : first;
-    const EntryIndex entry =
-        results_.Bind(scope_, Text(bound), pysource::kImportKind, Line(first));
+    const EntryIndex entry = results_.Bind(scope_, Text(bound), pysource::kImportKind, Line(first));
     results_.AddPart(entry, equivalent);
     if (aliased) {
       results_.AddPart(entry, part_.assign(pysource::kImportAsNamePrefix).append(Text(bound)));
@@ -307,8 +306,7 @@ std::size_t StatementParser::FromImport(std::size_t i) {
     const bool aliased = j + 2 < last && Kind(j) == Tok::kName && Kind(j + 1) == Tok::kKwAs &&
                          Kind(j + 2) == Tok::kName;
     const std::size_t bound = aliased ? j + 2 : j;
-    const EntryIndex entry =
-        results_.Bind(scope_, Text(bound), pysource::kFromImportKind, Line(j));
+    const EntryIndex entry = results_.Bind(scope_, Text(bound), pysource::kFromImportKind, Line(j));
     results_.AddPart(entry, module);
     if (aliased) {
       results_.AddPart(entry, part_.assign(pysource::kImportAsNamePrefix).append(Text(bound)));
@@ -318,8 +316,7 @@ std::size_t StatementParser::FromImport(std::size_t i) {
   return end;
 }
 
-std::size_t StatementParser::NameList(std::size_t i, unsigned char kind,
-                                      std::string_view prefix) {
+std::size_t StatementParser::NameList(std::size_t i, unsigned char kind, std::string_view prefix) {
   const std::size_t end = StatementEnd(i);
   for (std::size_t j = i + 1; j < end; j = Next(j)) {
     if (Kind(j) == Tok::kName) {

@@ -1,8 +1,8 @@
 // The statements of a logical line: which names they bind, where, and to what.
 //
 // One pass over the tokens of a line finds its simple statements and, at most, the headers of
-// compound ones; a bracketed group is stepped over by the index of its end. What isn't a statement of
-// Python binds nothing and does no harm.
+// compound ones; a bracketed group is stepped over by the index of its end. What isn't a statement
+// of Python binds nothing and does no harm.
 
 #ifndef LOOM_PYSCAN_STATEMENTS_H_
 #define LOOM_PYSCAN_STATEMENTS_H_
@@ -22,8 +22,8 @@ namespace loom::pyscan {
 // The block that a logical line belongs to, or opens.
 struct BlockContext {
   ScopeIndex scope = 0;
-  bool match = false;   // the block of a "match" statement, which holds "case" clauses
-  std::string subject{};  // what is matched
+  bool match = false;       // the block of a "match" statement, which holds "case" clauses
+  std::string subject{};    // what is matched
   bool half_typed = false;  // the header of a definition breaks off
 };
 
@@ -113,7 +113,9 @@ class StatementParser {
   std::size_t CloseOf(std::size_t open) const {
     return IsClosed(open) ? (*tokens_)[open].match : count_;
   }
-  std::string_view Text(std::size_t i) const { return Between((*tokens_)[i].begin, (*tokens_)[i].end); }
+  std::string_view Text(std::size_t i) const {
+    return Between((*tokens_)[i].begin, (*tokens_)[i].end);
+  }
   std::string_view Between(std::uint32_t begin, std::uint32_t end) const {
     return source_.substr(begin, end - begin);
   }
@@ -131,7 +133,7 @@ class StatementParser {
 
   // Of the line in hand.
   const LogicalLine* line_ = nullptr;
-  const std::vector<Token>* tokens_ = nullptr;
+  const TokenList* tokens_ = nullptr;
   std::size_t count_ = 0;
   ScopeIndex scope_ = 0;
   std::size_t next_walrus_ = 0;
@@ -141,7 +143,9 @@ class StatementParser {
   std::vector<ScopeIndex> inline_scopes_;
   std::vector<Target> targets_;
   std::vector<Target> elements_;
+  std::vector<Argument> arguments_;
   std::string part_;
+  std::string value_;
 };
 
 }  // namespace loom::pyscan

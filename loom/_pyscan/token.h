@@ -3,9 +3,12 @@
 #ifndef LOOM_PYSCAN_TOKEN_H_
 #define LOOM_PYSCAN_TOKEN_H_
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <string_view>
+#include <memory>
+#include <utility>
 #include <vector>
 
 namespace loom::pyscan {
@@ -91,6 +94,37 @@ struct Token {
   std::uint8_t flags;
 };
 
+// A list of tokens. A vector would do, but for the time that its size and its growth take in the
+// innermost loop.
+class TokenList {
+ public:
+  Token& Add(const Token& token) {
+    if (size_ == capacity_) Grow();
+    return tokens_[size_++] = token;
+  }
+  void Resize(std::uint32_t size) { size_ = size; }  // only to less
+
+  std::uint32_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  Token& operator[](std::size_t i) { return tokens_[i]; }
+  const Token& operator[](std::size_t i) const { return tokens_[i]; }
+  const Token& front() const { return tokens_[0]; }
+  const Token& back() const { return tokens_[size_ - 1]; }
+
+ private:
+  void Grow() {
+    const std::uint32_t capacity = capacity_ == 0 ? 256 : 2 * capacity_;
+    std::unique_ptr<Token[]> tokens(new Token[capacity]);
+    std::copy_n(tokens_.get(), size_, tokens.get());
+    tokens_ = std::move(tokens);
+    capacity_ = capacity;
+  }
+
+  std::unique_ptr<Token[]> tokens_;
+  std::uint32_t size_ = 0;
+  std::uint32_t capacity_ = 0;
+};
+
 // A name bound by ":=" outside of every lambda.
 struct Walrus {
   std::uint32_t begin;
@@ -100,16 +134,12 @@ struct Walrus {
 };
 
 struct LogicalLine {
-  std::vector<Token> tokens;
+  TokenList tokens;
   std::vector<Walrus> walruses;
   std::uint32_t column = 0;      // of the first token, tabs to multiples of 8
   std::uint32_t alt_column = 0;  // the same with tabs as one column
   std::uint32_t last_line = 0;   // line on which the last token ends
 };
-
-// The keyword that `text` is, or Tok::kName. `readable` is the number of bytes that may be read from
-// text.data(), at least text.size().
-Tok ClassifyWord(std::string_view text, std::size_t readable);
 
 }  // namespace loom::pyscan
 
