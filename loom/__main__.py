@@ -2,16 +2,16 @@
 
 from __future__ import annotations
 
+# Nothing else is imported here: the working folder may still be on the path.
 import os
 import sys
-from typing import Final
 
 __all__ = ["main"]
 
 # Set, and not empty: keep the interpreter's debug checks and run in this process.
-_KEEP_CHECKS: Final = "LOOM_KEEP_DEBUG_CHECKS"
+_KEEP_CHECKS = "LOOM_KEEP_DEBUG_CHECKS"
 
-_HERE: Final = os.path.dirname(os.path.abspath(__file__))
+_HERE = os.path.dirname(os.path.abspath(__file__))
 
 
 def main() -> int:
@@ -47,9 +47,10 @@ def _start_again_without_debug_checks() -> None:
 
 
 def _use_own_folder() -> None:
-    """Make `loom` importable where it stands, also if this file was started by its path."""
+    """Make `loom` importable where it stands, and nothing where this process was started."""
     folder = os.path.dirname(_HERE)
-    sys.path[:] = [entry for entry in sys.path if os.path.abspath(entry or ".") != _HERE]
+    if not sys.flags.safe_path and sys.path and os.path.abspath(sys.path[0]) != folder:
+        del sys.path[0]  # the working folder or that of the script
     if folder not in sys.path:
         sys.path.insert(0, folder)
 

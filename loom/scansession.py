@@ -127,6 +127,13 @@ class ScanSession(CDestroyable):
     # --- finding files
 
     def _find_some(self) -> bool:
+        try:
+            return self._find_for_a_while()
+        except Exception as error:  # nobody would go on with the walk, or end the session
+            self._give_up(error)
+            return False
+
+    def _find_for_a_while(self) -> bool:
         end = perf_counter() + _WALK_SECONDS
         pairs: list[tuple[CLocation, str]] = []
         more = True
@@ -197,9 +204,15 @@ class ScanSession(CDestroyable):
                 self._at_rest, self, priority=_LAST_IDLE_PRIORITY
             )
 
-    def _at_rest(self) -> bool:
+    def _at_rest(self) -> None:
         """Called when no other idle work is left: finding, scanning and writing have stopped."""
         self._last_idle = None
+        try:
+            self._go_on_or_end()
+        except Exception as error:
+            self._give_up(error)
+
+    def _go_on_or_end(self) -> None:
         coordinator = self.app.coordinator
         if self._failures >= _MOST_FAILURES:
             self._finish()
@@ -209,13 +222,17 @@ class ScanSession(CDestroyable):
         elif self.counts.all_found and coordinator.QueuesEmpty():
             self.failure = None
             self._finish()
-        return False
+
+    def _give_up(self, failure: BaseException) -> None:
+        self.failure = failure
+        self._finish()
 
     def _finish(self) -> None:
+        if self._is_over:
+            return
         self._is_over = True
         self.seconds = perf_counter() - self._start
         self.update_left()
-        self._walk.close()
         if self._walk_idle is not None:
             lgtk.idle_remove(self._walk_idle)
         self.emit("finished", self)

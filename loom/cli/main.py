@@ -15,6 +15,7 @@ from loom.cli.output import (
     OutputError,
     finish_output,
     give_up_output,
+    is_store_error,
     set_up_streams,
     warn,
 )
@@ -86,8 +87,6 @@ def run(arguments: Sequence[str]) -> int:
 
 
 def _run(arguments: Sequence[str]) -> int:
-    from loom.store.errors import StoreError
-
     try:
         result = _loom.main(list(arguments), prog_name="loom", standalone_mode=False)
         return Exit.OK if result is None else int(result)
@@ -96,15 +95,15 @@ def _run(arguments: Sequence[str]) -> int:
     except click.ClickException as error:
         error.show()
         return Exit.UNUSABLE
-    except StoreError as error:
-        warn(str(error))
-        return Exit.UNUSABLE
     except OutputError:
         raise
     except ImportError as error:
         warn(f"a part of the program can't be loaded; was it built and installed? {error}")
         return Exit.FAULT
-    except Exception:
+    except Exception as error:
+        if is_store_error(error):
+            warn(str(error))
+            return Exit.UNUSABLE
         traceback.print_exc()
         warn("this is a fault of the program")
         return Exit.FAULT

@@ -11,7 +11,7 @@ import logging
 import os
 import sys
 from enum import IntEnum
-from typing import TextIO
+from typing import Any, TextIO
 
 import click
 
@@ -21,6 +21,7 @@ __all__ = [
     "escape",
     "finish_output",
     "give_up_output",
+    "is_store_error",
     "may_style",
     "set_up_logging",
     "set_up_streams",
@@ -124,10 +125,22 @@ class _Handler(logging.Handler):
             self.handleError(record)
 
 
+class _Formatter(logging.Formatter):
+    def formatException(self, ei: Any) -> str:
+        # Where in the program the database turned out to be of no use is nothing to the user.
+        return "" if is_store_error(ei[1]) else super().formatException(ei)
+
+
+def is_store_error(error: BaseException | None) -> bool:
+    """Whether the database is to blame. Where none was needed, its module isn't loaded."""
+    errors = sys.modules.get("loom.store.errors")
+    return errors is not None and isinstance(error, errors.StoreError)
+
+
 def set_up_logging(verbose: int) -> None:
     """Show warnings and worse of everything; with `verbose` 1 what goes on, with 2 all of it."""
     handler = _Handler()
-    handler.setFormatter(logging.Formatter("loom: %(levelname)s: %(message)s"))
+    handler.setFormatter(_Formatter("loom: %(levelname)s: %(message)s"))
     levels = {0: logging.WARNING, 1: logging.INFO}
     logging.basicConfig(
         level=levels.get(verbose, logging.DEBUG), handlers=[handler], force=True

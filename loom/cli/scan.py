@@ -98,6 +98,7 @@ class _Scan:
                     self._catch_signals(main_loop, session)
                     session.start()
                     main_loop.loop.run_forever()
+                session.destroy()
             finally:
                 app.destroy()  # saves
         finally:
