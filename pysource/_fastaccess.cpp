@@ -2,16 +2,117 @@
 
 #include "pysource/_fastaccess.h"
 
+#include <cctype>
+#include <cstring>
+#include <limits>
+#include <utility>
+
 #include "pysource/pyrt/module.h"
 #include "pysource/pyrt/operation.h"
 #include "pysource/pyrt/plainclass.h"
+#include "pysource/pyrt/textargs.h"
 #include "pysource/pyrt/varargs.h"
 
 namespace pysource::fastaccess {
-namespace {
 
 using pyrt::Object;
 using pyrt::Text;
+
+double DoubleValueForPyIntBits(const Object& l) {
+  const Object number = pyrt::Own(PyNumber_Index(l.get_or_none()));
+  const unsigned long long bits = PyLong_AsUnsignedLongLongMask(number.get());
+  if (bits == ~0ULL && PyErr_Occurred() != nullptr) pyrt::ThrowPending();
+  return DoubleValueForULongLongBits(bits);
+}
+
+bool StrInStr(const Object& sub, const Object& whole) {
+  if (PyBytes_CheckExact(sub.get_or_none()) == 0 || PyBytes_CheckExact(whole.get_or_none()) == 0) {
+    pyrt::Raise(PyExc_TypeError, "Both sub and whole must be strings");
+  }
+  return std::strstr(pyrt::BytesView(whole.get()).data(), pyrt::BytesView(sub.get()).data()) !=
+         nullptr;
+}
+
+bool IsAlnum(unsigned char c) { return std::isalnum(c) != 0; }
+bool IsDigit(unsigned char c) { return std::isdigit(c) != 0; }
+
+std::int64_t UpdateNestingLevel(std::int64_t level, const Object& t, bool forward) {
+  if (PyUnicode_Check(t.get_or_none()) == 0) {
+    pyrt::RaiseArgumentType("t", "str", t.get_or_none());
+  }
+  if (PyUnicode_GetLength(t.get()) != 1) return level;
+  const std::int64_t step = forward ? 1 : -1;
+  switch (PyUnicode_ReadChar(t.get(), 0)) {
+    case '(':
+    case '[':
+    case '{':
+      return level + step;
+    case ')':
+    case ']':
+    case '}':
+      return level - step;
+    default:
+      return level;
+  }
+}
+
+int CNonNestedSearch::InitWith(const Object& to_search, const Object& to_find_bytes,
+                               std::int64_t start, std::int64_t end) {
+  Object as_bytes;
+  Object as_str;
+  const char* text = nullptr;
+  std::int64_t length = 0;
+  if (PyBytes_Check(to_search.get_or_none()) != 0) {
+    if (PyBytes_CheckExact(to_search.get()) == 0) pyrt::RaiseExpected("bytes", to_search.get());
+    as_bytes = to_search;
+  } else if (PyUnicode_Check(to_search.get_or_none()) != 0) {
+    if (PyUnicode_CheckExact(to_search.get()) == 0) pyrt::RaiseExpected("str", to_search.get());
+    as_str = to_search;
+  }
+  if (as_bytes || as_str) {
+    const std::string_view view = pyrt::Utf8Text(to_search).view();
+    text = view.data();
+    length = static_cast<std::int64_t>(view.size());
+  }
+  if (PyBytes_Check(to_find_bytes.get_or_none()) == 0) {
+    PyErr_Format(PyExc_TypeError, "expected bytes, %S found",
+                 pyrt::TypeName(to_find_bytes.get_or_none()).get());
+    pyrt::ThrowPending();
+  }
+  const std::string_view to_find = pyrt::BytesView(to_find_bytes.get());
+  if (text != nullptr) {
+    if (pyrt::DebugChecks()) {
+      const auto c_length = static_cast<std::int64_t>(std::strlen(text));
+      pyrt::DebugCheck(start >= 0 && start <= c_length, "start outside of the text");
+      pyrt::DebugCheck(end >= 0 && end <= c_length, "end outside of the text");
+    }
+    if (start < 0 || end > length) {
+      pyrt::Raise(PyExc_ValueError, "position outside of the text");
+    }
+  }
+  std::swap(to_search_bytes_, as_bytes);
+  std::swap(to_search_str_, as_str);
+  const Object old_to_find = std::exchange(to_find_bytes_, to_find_bytes);
+  InitNonNestedStruct(&struct_, text, to_find.data(), static_cast<std::ptrdiff_t>(to_find.size()),
+                      start, end);
+  return 0;
+}
+
+std::int64_t CNonNestedSearch::FindNext() {
+  if (!to_search_bytes_ && !to_search_str_) return -1;
+  const std::ptrdiff_t found = FindNextNonNestedStruct(&struct_);
+  if (found == -1) Clear();
+  return found;
+}
+
+void CNonNestedSearch::Clear() {
+  struct_ = tNonNestedStruct();
+  const Object as_bytes = std::move(to_search_bytes_);
+  const Object as_str = std::move(to_search_str_);
+  const Object to_find = std::move(to_find_bytes_);
+}
+
+namespace {
 
 // A logger that is called like a function. While there is no output file a call only looks at the
 // type of its format.
@@ -21,7 +122,8 @@ class CLogger {
 
   static int Init(PyObject* self, PyObject* args, PyObject* kwargs) noexcept {
     return pyrt::Guard([&] {
-      From(self).name_ = Text(Object::Share(pyrt::BindInit<"CLogger(name)">(args, kwargs)[0]));
+      From(self).name_ =
+          Text(Object::Share(pyrt::BindInit<"CLogger(name)">(args, kwargs)[0])).object();
     });
   }
 
@@ -38,7 +140,7 @@ class CLogger {
   }
 
   Object Output() { return output_; }
-  Object LoggerName() { return name_ ? name_.object() : pyrt::ToPython(""); }
+  Object LoggerName() { return name_ ? name_ : pyrt::ToPython(""); }
 
   static int SetOutput(PyObject* self, PyObject* value, void*) noexcept {
     return pyrt::Guard([&] {
@@ -47,7 +149,7 @@ class CLogger {
     });
   }
 
-  void Traverse(pyrt::Visitor& visit) const noexcept { visit.All(name_.object(), output_); }
+  void Traverse(pyrt::Visitor& visit) const noexcept { visit.All(name_, output_); }
   void Drop() noexcept { output_ = Object(); }
 
  private:
@@ -67,7 +169,7 @@ class CLogger {
     pyrt::CallMethod(output, kWrite, line);
   }
 
-  Text name_;
+  Object name_;
   Object output_;
 };
 
@@ -102,11 +204,73 @@ void AddLogger(const Object& module) {
                 pyrt::PlainClass<CLogger>::Create(module, std::move(definition)));
 }
 
+template <pyrt::FixedText kSignature, pyrt::FixedText kDoc, auto kMember>
+PyMethodDef SearchMethod() {
+  return pyrt::Operation<kSignature, kDoc, kMember,
+                         [](CNonNestedSearch& search, auto&... args) -> decltype(auto) {
+                           return (search.*kMember)(args...);
+                         }>::Def();
+}
+
+void AddSearch(const Object& module) {
+  pyrt::PlainDefinition definition{
+      .name = "pysource._fastaccess.CNonNestedSearch",
+      .doc =
+          "CNonNestedSearch()\n--\n\nA search for bytes outside of brackets and string "
+          "literals.\n\n"
+          "Positions are byte positions, of a str in its UTF-8 form.",
+      .methods = {},
+      .fields = {pyrt::Field<"fToSearchBytes", "The text that is searched, if it is bytes.",
+                             CNonNestedSearch,
+                             [](CNonNestedSearch& s) { return s.to_search_bytes(); }>::Def(),
+                 pyrt::Field<"fToSearchStr", "The text that is searched, if it is a str.",
+                             CNonNestedSearch,
+                             [](CNonNestedSearch& s) { return s.to_search_str(); }>::Def()}};
+  definition.methods = {
+      SearchMethod<
+          "InitWith(to_search, to_find_bytes, start, end)",
+          "Starts a search in [start, end) of bytes or a str; anything else holds nothing.\n\n"
+          "Returns 0. TypeError for a subclass of bytes or str, or if to_find_bytes isn't "
+          "bytes;\nAssertionError under __debug__ for a position behind the end or the first "
+          "zero byte;\nValueError for one outside of the text.",
+          &CNonNestedSearch::InitWith>(),
+      SearchMethod<
+          "FindNext()",
+          "The position of the next match at nesting level 0, or -1, which ends the search.\n\n"
+          "A string literal is stepped over as a whole. One that a line end cuts off ends "
+          "there, one of\ntriple quotes at the end of the text; in an f-string the quotes "
+          "inside a replacement field belong to\nliterals of their own.",
+          &CNonNestedSearch::FindNext>(),
+      SearchMethod<"Clear()", "Forgets the search.", &CNonNestedSearch::Clear>()};
+  pyrt::Publish(module, "CNonNestedSearch",
+                pyrt::PlainClass<CNonNestedSearch>::Create(module, std::move(definition)));
+}
+
 void Fill(const Object& module) {
   static constinit pyrt::Name kTimeModule{"time"};
   static constinit pyrt::Name kTime{"time"};
   pyrt::Publish(module, "__TimeFunc", pyrt::ModuleAttr(kTimeModule, kTime));
   AddLogger(module);
+  AddSearch(module);
+}
+
+std::int64_t PyUpdateNestingLevel(std::int64_t level, const Object& t, bool forward) {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int32_t>::max();
+  if (level > kMax || level < -kMax) {
+    pyrt::Raise(PyExc_OverflowError, "a nesting level has 32 bits");
+  }
+  return UpdateNestingLevel(level, t, forward);
+}
+
+Object PyULongLongValueForDoubleBits(double f) {
+  return pyrt::Own(PyLong_FromUnsignedLongLong(ULongLongValueForDoubleBits(f)));
+}
+
+double PyDoubleValueForULongLongBits(const Object& l) {
+  const Object number = pyrt::Own(PyNumber_Index(l.get()));
+  const unsigned long long bits = PyLong_AsUnsignedLongLong(number.get());
+  if (bits == ~0ULL && PyErr_Occurred() != nullptr) pyrt::ThrowPending();
+  return DoubleValueForULongLongBits(bits);
 }
 
 }  // namespace
@@ -114,15 +278,35 @@ void Fill(const Object& module) {
 
 PyMODINIT_FUNC PyInit__fastaccess() {
   using namespace pysource::fastaccess;
+  using pyrt::ModuleFunction;
   static auto& module = *new pyrt::ModuleDefinition(
       "pysource._fastaccess",
       "What is needed often and must be cheap: clock, logger, text helpers.",
-      {pyrt::ModuleFunction<"GetNowTime()",
-                            "The time in seconds, from what stands at __TimeFunc at this moment.",
-                            &GetNowTime>::Def(),
-       pyrt::ModuleFunction<"OutOfTime(end_time)",
-                            "Whether GetNowTime() has come to end_time, an absolute time.",
-                            &OutOfTime>::Def()},
+      {ModuleFunction<"GetNowTime()",
+                      "The time in seconds, from what stands at __TimeFunc at this moment.",
+                      &GetNowTime>::Def(),
+       ModuleFunction<"OutOfTime(end_time)",
+                      "Whether GetNowTime() has come to end_time, an absolute time.",
+                      &OutOfTime>::Def(),
+       ModuleFunction<"ULongLongValueForDoubleBits(f)",
+                      "The unsigned 64-bit integer with the bits of a double.",
+                      &PyULongLongValueForDoubleBits>::Def(),
+       ModuleFunction<"DoubleValueForULongLongBits(l)",
+                      "The double with the bits of an unsigned 64-bit integer, else OverflowError.",
+                      &PyDoubleValueForULongLongBits>::Def(),
+       ModuleFunction<"DoubleValueForPyIntBits(l)",
+                      "The double with the low 64 bits of an integer of any size.",
+                      &DoubleValueForPyIntBits>::Def(),
+       ModuleFunction<"StrInStr(sub, whole)",
+                      "Whether sub occurs in whole, both bytes that end at their first zero byte.",
+                      &StrInStr>::Def(),
+       ModuleFunction<"IsAlnum(c)", "The C library's isalnum for a byte.", &IsAlnum>::Def(),
+       ModuleFunction<"IsDigit(c)", "The C library's isdigit for a byte.", &IsDigit>::Def(),
+       ModuleFunction<"LocationsEqual(loc1, loc2)", "Whether the two are the very same object.",
+                      &LocationsEqual>::Def(),
+       ModuleFunction<"UpdateNestingLevel(level, t, forward=True)",
+                      "The nesting level behind a token, or before it if forward is false.",
+                      &PyUpdateNestingLevel>::Def()},
       &Fill);
   return module.Init();
 }

@@ -105,11 +105,20 @@ inline StringSkip SkipStringBody(const char* p, const char* limit, const char* e
 
 // What stands before a quote as its prefix. Looks at [begin, quote) only.
 inline StringPrefix PrefixBefore(const char* begin, const char* quote) {
+  // Most literals have no prefix, and the byte before the quote says so.
+  constexpr auto kLetters = [] {
+    struct {
+      bool of[256];
+    } letters{};
+    for (const char* c = "rRbBuUfFtT"; *c != '\0'; ++c) letters.of[static_cast<int>(*c)] = true;
+    return letters;
+  }();
+  if (quote == begin || !kLetters.of[static_cast<unsigned char>(quote[-1])]) return {};
   const auto in_name = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
            static_cast<unsigned char>(c) >= 0x80;
   };
-  const char* start = quote;
+  const char* start = quote - 1;
   // A longer name is no prefix, so a third character settles it.
   while (start != begin && quote - start < 3 && in_name(start[-1])) --start;
   return ClassifyStringPrefix({start, static_cast<std::size_t>(quote - start)});
