@@ -70,9 +70,9 @@ class Result:
     def seconds(self, name: str) -> float:
         return float(self.best[name]["seconds"])
 
-    def ratio(self, name: str) -> float:
+    def ratio(self, name: str, of: str = "seconds") -> float:
         """Time of `loom scan` as a share of that of another contestant."""
-        return self.seconds("loom") / self.seconds(name)
+        return float(self.best["loom"][of] / self.best[name][of])
 
     def idle_call(self, share: float) -> float:
         """The length in seconds that this share of the idle calls doesn't exceed."""
@@ -145,17 +145,23 @@ def verdict(met: bool) -> str:
 def table(results: Sequence[Result]) -> list[str]:
     """The figures as a Markdown table."""
     lines = [
-        "| Files | Way | Seconds | MB/s | `loom scan` takes |",
-        "|---|---|---:|---:|---:|",
+        "| Files | Way | Seconds | MB/s | `loom scan` takes | Processor seconds | `loom scan` takes |",
+        "|---|---|---:|---:|---:|---:|---:|",
     ]
     for result in results:
         tree = result.tree
         what = f"{tree.name}: {len(tree.files):,} files, {tree.size / 1e6:.1f} MB"
         for name in result.best:
             seconds = result.seconds(name)
-            ratio = "" if name == "loom" else f"{result.ratio(name):.2f} of that"
-            speed = tree.size / seconds / 1e6
-            lines.append(f"| {what} | {_CONTESTANTS[name]} | {seconds:.2f} | {speed:.1f} | {ratio} |")
+            cpu = result.best[name]["cpu_seconds"]
+            ratio = cpu_ratio = ""
+            if name != "loom":
+                ratio = f"{result.ratio(name):.2f} of that"
+                cpu_ratio = f"{result.ratio(name, 'cpu_seconds'):.2f} of that"
+            lines.append(
+                f"| {what} | {_CONTESTANTS[name]} | {seconds:.2f} | {tree.size / seconds / 1e6:.1f}"
+                f" | {ratio} | {cpu:.2f} | {cpu_ratio} |"
+            )
             what = ""
     return lines
 

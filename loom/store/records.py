@@ -31,8 +31,9 @@ class FileRecord:
 
     def memory(self) -> int:
         """Roughly the bytes that the record holds on to."""
-        scopes = sum(len(row[5]) for row in self.scopes) + 300 * len(self.scopes)
-        return 500 + len(self.imports) + len(self.definitions) + scopes + 80 * len(self.names)
+        infos = sum([len(row[5]) for row in self.scopes])
+        texts = len(self.imports) + len(self.definitions) + infos
+        return 500 + texts + 300 * len(self.scopes) + 80 * len(self.names)
 
 
 class FileState(NamedTuple):

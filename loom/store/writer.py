@@ -32,7 +32,8 @@ class Writer:
     def __init__(self, connection: sqlite3.Connection) -> None:
         self._connection = connection
         self._index = NameIndex(connection)
-        self._files: dict[str, FileRecord | None] = {}  # none: delete the file
+        # With the memory that each takes; a record of none says that the file is to be deleted.
+        self._files: dict[str, tuple[FileRecord | None, int]] = {}
         self._added: dict[tuple[str, str], AddedScope] = {}
         self._memory = 0
         # The file that a transaction left half written.
@@ -71,11 +72,11 @@ class Writer:
 
     def pending_file(self, url: str) -> FileRecord | None:
         """The result of a file that waits, or none."""
-        return self._files.get(url)
+        return self._files[url][0] if url in self._files else None
 
     def pending_deletion(self, url: str) -> bool:
         """Whether the file waits to be deleted."""
-        return url in self._files and self._files[url] is None
+        return url in self._files and self._files[url][0] is None
 
     def pending_scope(self, url: str, name: str) -> AddedScope | None:
         """The added scope that waits, or none."""
@@ -84,13 +85,14 @@ class Writer:
     def put_file(self, record: FileRecord) -> None:
         """Take the result of a whole-file scan, in place of all that is known of the file."""
         self._drop(record.url)
-        self._files[record.url] = record
-        self._memory += record.memory()
+        memory = record.memory()
+        self._files[record.url] = record, memory
+        self._memory += memory
 
     def delete_file(self, url: str) -> None:
         """Forget a file."""
         self._drop(url)
-        self._files[url] = None
+        self._files[url] = None, 0
 
     def put_scope(self, added: AddedScope) -> None:
         """Take a scope by itself. One for a file that is unknown makes the file known."""
@@ -104,7 +106,7 @@ class Writer:
     def _drop(self, url: str) -> None:
         old = self._files.pop(url, None)
         if old is not None:
-            self._memory -= old.memory()
+            self._memory -= old[1]
         if self._added:
             for key in [key for key in self._added if key[0] == url]:
                 self._memory -= self._added.pop(key).memory()
@@ -123,7 +125,7 @@ class Writer:
         Raises `sqlite3.Error`; then nothing of this call is in the database, and everything is
         still waiting.
         """
-        written: list[tuple[str, FileRecord | None]] = []
+        written: list[str] = []
         scopes: list[tuple[str, str]] = []
         done = False
         if self.rows_written and self._index.empty():
@@ -143,9 +145,8 @@ class Writer:
             self._renamed.clear()
             self._index.transaction_failed()
             raise
-        for url, record in written:
-            if self._files.pop(url) is not None and record is not None:
-                self._memory -= record.memory()
+        for url in written:
+            self._memory -= self._files.pop(url)[1]
         for key in scopes:
             self._memory -= self._added.pop(key).memory()
         for file_id, old, new in self._renamed:
@@ -163,9 +164,9 @@ class Writer:
         return self._recovered
 
     def _write_files(
-        self, written: list[tuple[str, FileRecord | None]], out_of_time: Callable[[], bool]
+        self, written: list[str], out_of_time: Callable[[], bool]
     ) -> bool:
-        for url, record in self._files.items():
+        for url, (record, _) in self._files.items():
             if record is None:
                 self._delete_file(url)
             else:
@@ -178,7 +179,7 @@ class Writer:
                     if out_of_time():
                         self._half_written = (record, steps)
                         return False
-            written.append((url, record))
+            written.append(url)
             if out_of_time():
                 return False
         return True
