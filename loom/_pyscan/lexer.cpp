@@ -55,7 +55,7 @@ Lexer::Event Lexer::Run(std::size_t max_bytes) {
   const std::size_t start = position();
   const std::size_t left = static_cast<std::size_t>(end_ - p_);
   limit_ = max_bytes < left ? p_ + std::max<std::size_t>(max_bytes, 1) : end_;
-  walked_back_ = 0;
+  walked_back_ = looked_ahead_ = 0;
   Stop stop = Stop::kGo;
   while (stop == Stop::kGo) {
     if (in_comment_ && !SkipComment()) {
@@ -80,7 +80,7 @@ Lexer::Event Lexer::Run(std::size_t max_bytes) {
         break;
     }
   }
-  walked_ = position() + walked_back_ - start;
+  walked_ = position() + walked_back_ - start + looked_ahead_;
   if (stop == Stop::kLine) return Event::kLine;
   return stop == Stop::kEnd ? Event::kEnd : Event::kMore;
 }
@@ -208,7 +208,7 @@ Lexer::Stop Lexer::LexContinuation() {
 
 // Whether a keyword that no expression can hold stands at p_. Behind a backslash only "def" and
 // "class" are sure signs: "from a \ import b" is one statement.
-bool Lexer::StartsStatement() const {
+bool Lexer::StartsStatement() {
   const char* q = p_;
   while (q != end_ && q - p_ < 9 && *q >= 'a' && *q <= 'z') ++q;
   if (q != end_ && IsIdentifierByte(*q)) return false;
@@ -225,15 +225,17 @@ bool Lexer::StartsStatement() const {
 }
 
 // Whether "from", dots and names, "import" stand at p_: "from" alone may follow "yield" or "raise".
-bool Lexer::AtFromImport() const {
+bool Lexer::AtFromImport() {
   const char* q = p_ + 4;
-  for (;;) {
+  std::string_view word;
+  do {
     while (q != end_ && (*q == ' ' || *q == '\t' || *q == '.')) ++q;
-    const char* word = q;
+    const char* const begin = q;
     while (q != end_ && IsIdentifierByte(*q)) ++q;
-    if (q == word) return false;
-    if (std::string_view(word, static_cast<std::size_t>(q - word)) == "import") return true;
-  }
+    word = std::string_view(begin, static_cast<std::size_t>(q - begin));
+  } while (!word.empty() && word != "import");
+  looked_ahead_ += static_cast<std::size_t>(q - p_);
+  return !word.empty();
 }
 
 Lexer::Stop Lexer::EndOfText() {

@@ -38,6 +38,8 @@ class Lexer {
   };
 
   static constexpr std::size_t kWalkBackFactor = 2;
+  // Brackets nested more deeply are passed over, f-strings taken as plain ones. Python allows 200.
+  static constexpr std::size_t kMaxNesting = 1u << 16;
   // Longer identifiers and numbers are cut into pieces.
   static constexpr std::size_t kMaxWordLength = 1u << 16;
   // Of a logical line with more tokens, those inside of brackets are dropped, and beyond the second
@@ -52,7 +54,7 @@ class Lexer {
   Event Run(std::size_t max_bytes);
 
   const LogicalLine& line() const { return line_; }
-  // Bytes walked by the last Run, those walked twice counted twice.
+  // Bytes walked by the last Run, those walked or looked at twice counted twice.
   std::size_t walked() const { return walked_; }
   std::size_t position() const { return static_cast<std::size_t>(p_ - base_); }
 
@@ -94,7 +96,7 @@ class Lexer {
   void StartString(const char* begin, StringPrefix prefix);
   void CloseString();
   void EndString(bool opaque);
-  bool NameFollows() const;
+  bool NameFollows();
   bool WalkBackInto(const Frame& literal);
   void LexBackslash();
   void LexColon();
@@ -116,8 +118,8 @@ class Lexer {
   bool SkipComment();
   bool SkipConflictMarker();
   void PassNewline();
-  bool StartsStatement() const;
-  bool AtFromImport() const;
+  bool StartsStatement();
+  bool AtFromImport();
 
   // Returns the stored token, or null if it is not to be stored.
   [[gnu::always_inline]] Token* Emit(Tok kind, const char* begin, const char* end) {
@@ -166,7 +168,8 @@ class Lexer {
   Place candidate_{nullptr, 0};  // where Recover would go on
   std::size_t walk_back_left_;
   std::size_t walked_ = 0;
-  std::size_t walked_back_ = 0;  // in this Run
+  std::size_t looked_ahead_ = 0;  // in this Run
+  std::size_t walked_back_ = 0;   // in this Run
 };
 
 }  // namespace loom::pyscan

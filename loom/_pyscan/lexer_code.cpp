@@ -236,7 +236,8 @@ void Lexer::LexColon() {
     return;
   }
   if (Peek(1) == '=') {
-    if (last_.kind == Tok::kName && lambda_bodies_ == 0) {
+    if (last_.kind == Tok::kName && lambda_bodies_ == 0 &&
+        line_.walruses.size() < kMaxNestedTokens) {
       const std::uint32_t token = MayStore() ? line_.tokens.size() : kNoToken;
       line_.walruses.push_back({last_.begin, last_.end, last_.line, token});
     }
@@ -261,6 +262,11 @@ void Lexer::OpenBracket() {
                                       : FrameKind::kCurly;
   Frame frame{Offset(p_), line_number_, kNoToken, kind, '\0', false, false};
   if (MayStore()) frame.token = line_.tokens.size();
+  if (frames_.size() >= kMaxNesting) {
+    errors_.Add(line_number_, "too many nested brackets");
+    ++p_;
+    return;
+  }
   Emit(Tok::kOpen, p_, p_ + 1);
   ++p_;
   if (frame.token != kNoToken && line_.tokens.size() >= kMaxNestedTokens) {

@@ -21,7 +21,7 @@ void Lexer::StartString(const char* begin, StringPrefix prefix) {
   Frame frame{Offset(begin), line_number_, kNoToken,  FrameKind::kLiteral,
               quote,         triple,       prefix.raw};
   p_ += triple ? 3 : 1;
-  if (prefix.formatted) {
+  if (prefix.formatted && frames_.size() < kMaxNesting) {
     if (MayStore()) frame.token = line_.tokens.size();
     Emit(Tok::kString, begin, p_);
     if (literals_++ == 0) {
@@ -45,9 +45,10 @@ void Lexer::StartString(const char* begin, StringPrefix prefix) {
 
 // Whether a name follows, which can't be: no name stands behind a string. Then what was taken for
 // the end of a triple-quoted literal is the start of the next one.
-bool Lexer::NameFollows() const {
+bool Lexer::NameFollows() {
   const char* q = p_;
   while (q != end_ && (*q == ' ' || *q == '\t')) ++q;
+  looked_ahead_ += static_cast<std::size_t>(q - p_);
   if (q == end_ || ClassOf(*q) != ByteClass::kIdentifier) return false;
   const char* const word = q;
   while (q != end_ && q - word <= 9 && IsIdentifierByte(*q)) ++q;
@@ -58,8 +59,9 @@ bool Lexer::NameFollows() const {
 
 // Goes back to the end of the first line of a triple-quoted literal that is not what it seems.
 bool Lexer::WalkBackInto(const Frame& literal) {
-  const char* const first_line_end = FindAny(base_ + literal.begin, end_, '\n', '\r');
-  if (!literal.triple || first_line_end >= p_ || !MayWalkBack(first_line_end)) return false;
+  const char* const first_line_end = FindAny(base_ + literal.begin, p_, '\n', '\r');
+  looked_ahead_ += static_cast<std::size_t>(first_line_end - base_) - literal.begin;
+  if (!literal.triple || first_line_end == p_ || !MayWalkBack(first_line_end)) return false;
   walked_back_ += static_cast<std::size_t>(p_ - first_line_end);
   p_ = first_line_end;
   line_number_ = literal.line;
@@ -176,6 +178,11 @@ Lexer::Stop Lexer::LexFormatted() {
     if (c == '{') {
       if (!spec && Peek(1) == '{') {
         p_ += 2;
+        continue;
+      }
+      if (frames_.size() >= kMaxNesting) {
+        errors_.Add(line_number_, "too many nested brackets");
+        ++p_;
         continue;
       }
       Frame field = frame;

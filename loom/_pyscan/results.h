@@ -105,7 +105,7 @@ class Results {
   std::string_view Keep(std::string text);
 
   Scope& scope(ScopeIndex index) { return scopes_[index]; }
-  const std::vector<Scope>& scopes() const { return scopes_; }
+  const std::deque<Scope>& scopes() const { return scopes_; }
   const std::vector<Entry>& entries() const { return entries_; }
   const std::vector<Binding>& bindings() const { return bindings_; }
   const std::vector<Definition>& definitions() const { return definitions_; }
@@ -141,7 +141,7 @@ class Results {
     return std::string_view(part_text_).substr(part.begin, part.length);
   }
 
-  std::vector<Scope> scopes_;
+  std::deque<Scope> scopes_;  // stays in place when it grows
   std::vector<Entry> entries_;
   std::vector<Part> parts_;
   std::vector<Binding> bindings_;
