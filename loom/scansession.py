@@ -217,8 +217,9 @@ class ScanSession(CDestroyable):
         if self._failures >= _MOST_FAILURES:
             self._finish()
         elif not coordinator.QueuesEmpty(include_waiting=False):
-            coordinator._ScheduleIdle()  # a failure had stopped it
-            self._watch_for_end()
+            # A failure had stopped it. While scanning is suspended this does nothing, and
+            # "scheduled" brings us back when it is resumed.
+            coordinator._ScheduleIdle()
         elif self.counts.all_found and coordinator.QueuesEmpty():
             self.failure = None
             self._finish()
