@@ -321,7 +321,11 @@ def table_differences(text: str, scanned: Scanned) -> Iterator[str]:
         scope = scanned.scopes[index]
         if index and (table.get_lineno() != scope.lineno):
             yield f"{scope.name!r}: line {scope.lineno}, the symbol table has {table.get_lineno()}"
-        wanted = bound_names(table, symtable.DEF_GLOBAL if index == 0 else 0)
+        wanted = bound_names(table)
+        if index == 0:
+            # Of a module, the table also has the names that functions declare global, and has no more
+            # than that of names that ":=" binds in comprehensions.
+            wanted = (wanted & names[0]) | bound_names(table, BOUND & ~symtable.DEF_GLOBAL)
         if names[index] != wanted:
             yield (
                 f"{scope.name!r}: only scanned {sorted(names[index] - wanted)}, "
@@ -340,7 +344,7 @@ def walk(
     for child in sorted(table.get_children(), key=symtable.SymbolTable.get_lineno):
         kind = str(child.get_type())
         if "type param" in kind:
-            of_definition = bound_names(child, 0)
+            of_definition = bound_names(child)
             for inner in child.get_children():
                 if is_definition(inner) and inner.get_name() == child.get_name():
                     yield from walk(inner, of_definition)
@@ -358,12 +362,12 @@ def is_definition(table: symtable.SymbolTable) -> bool:
     return kind == "class" or (kind == "function" and not no_scope)
 
 
-def bound_names(table: symtable.SymbolTable, ignored: int) -> set[str]:
+def bound_names(table: symtable.SymbolTable, flags: int = BOUND) -> set[str]:
     """Return the names that are bound or declared in a scope, but for the compiler's own."""
     return {
         symbol.get_name()
         for symbol in table.get_symbols()
-        if symbol._Symbol__flags & BOUND & ~ignored
+        if symbol._Symbol__flags & flags
         and not symbol._Symbol__flags & COMPREHENSION_VARIABLE
         and not symbol.get_name().startswith(".")
         and symbol.get_name() != "__type_params__"
