@@ -89,7 +89,7 @@ def make_tree(name: str, folders: Sequence[Path], exclude: str | None = None) ->
 
 
 def large_folders(given: Iterable[str]) -> list[Path]:
-    """The folders of the large tree: those given, or the libraries of the interpreters beside ours."""
+    """The folders of the large tree: those given, or the libraries beside our interpreter's."""
     if folders := [Path(folder) for folder in given]:
         return folders
     ours = Path(sysconfig.get_path("stdlib"))
@@ -145,7 +145,8 @@ def verdict(met: bool) -> str:
 def table(results: Sequence[Result]) -> list[str]:
     """The figures as a Markdown table."""
     lines = [
-        "| Files | Way | Seconds | MB/s | `loom scan` takes | Processor seconds | `loom scan` takes |",
+        "| Files | Way | Seconds | MB/s | `loom scan` takes"
+        " | Processor seconds | `loom scan` takes |",
         "|---|---|---:|---:|---:|---:|---:|",
     ]
     for result in results:
@@ -230,11 +231,12 @@ _README_HEAD: Final = """\
 
 `loom scan` is timed as a whole: imports, finding the files, scanning them in slices of 50 ms, all
 rows and the index of names, closing the database. The others get the list of files. The bare loop
-runs the same scanners into the same database, file after file, with nothing in between. Each runs in
-a process of its own, in turn, under `python -O`, over files that are in the page cache.
+runs the same scanners into the same database, file after file, with nothing in between. Each runs
+in a process of its own, in turn, under `python -O`, over files that are in the page cache.
+Processor seconds are those of all threads and children; they vary less on a busy machine.
 
-An idle call is one piece of work that the main loop runs in one go: a slice of the scheduler, a step
-of looking for files, a write to the database. Nothing else can run meanwhile.
+An idle call is one piece of work that the main loop runs in one go: a slice of the scheduler, a
+step of looking for files, a write to the database. Nothing else can run meanwhile.
 
 """
 

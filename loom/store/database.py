@@ -7,7 +7,6 @@ touched.
 
 import contextlib
 import logging
-import os
 import sqlite3
 from collections.abc import Iterator
 from pathlib import Path
@@ -109,15 +108,19 @@ def set_aside(path: Path, suffix: str, reason: str) -> str:
 
 
 @contextlib.contextmanager
-def told(path: Path) -> Iterator[None]:
-    """Turn failures of the file system and of SQLite into a `StoreError` that names the database."""
+def told(path: Path, waited: float | None = None) -> Iterator[None]:
+    """Turn failures of the file system and of SQLite into a `StoreError` that names the database.
+
+    `waited` is how long a lock was waited for, if it isn't `kLockWaitSeconds`.
+    """
     try:
         yield
     except sqlite3.Error as error:
         if is_lock(error):
+            seconds = kLockWaitSeconds if waited is None else waited
+            after = f" (waited {seconds:g} s)" if seconds else ""
             raise StoreLockedError(
-                f"database {path} is locked by another process"
-                f" (waited {kLockWaitSeconds:g} second)"
+                f"database {path} is locked by another process{after}"
             ) from error
         raise StoreError(f"database {path} can't be used: {error}") from error
     except OSError as error:

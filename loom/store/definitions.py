@@ -3,8 +3,8 @@
     scope index TAB kind TAB line number TAB name NEWLINE
 
 UTF-8. The scope index counts the scopes of the file from 0, the module; the kind is a number. Names
-hold no tab or newline. One text a file rather than one row a definition, since there are some ten thousand of
-them in a megabyte of source, and most are never asked for.
+hold no tab or newline. One text a file rather than one row a definition, since there are thousands
+of them in a megabyte of source, and most are never asked for.
 """
 
 from collections.abc import Iterable, Iterator

@@ -5,10 +5,10 @@ is a new step at the end of `kMigrations`; a step that was released is never edi
 
 files         One row a file. `scans` holds the names of the scans whose results are valid for
               `mtime_ns` and `size`, each between blanks; it is empty while the file's other rows
-              are being written. `digest` is that of the file's bytes, empty if they
-              weren't read; nothing depends on it yet. `imports` holds import equivalents, joined by ";". `error` says
-              what was wrong with the file, and `error_lineno` where, or 0 if it couldn't be
-              scanned at all. `indexed` is 1 when all its names stand in `names`.
+              are being written. `digest` is that of the file's bytes, empty if they weren't read;
+              nothing depends on it yet. `imports` holds import equivalents, joined by ";".
+              `error` says what was wrong with the file, and `error_lineno` where, or 0 if it
+              couldn't be scanned at all. `indexed` is 1 when all its names stand in `names`.
 scopes        What each scope of a file defines. `id` is the file's id times `kScopesPerFile` plus
               the index of the scope in its file, so that the scopes of a file lie together and
               need no index of their own.

@@ -113,9 +113,7 @@ class Writer:
 
     # --- writing
 
-    def write(
-        self, out_of_time: Callable[[], bool], wait_seconds: float, index_all: bool
-    ) -> bool:
+    def write(self, out_of_time: Callable[[], bool], wait_seconds: float, index_all: bool) -> bool:
         """Write what waits, in one transaction that ends soon after `out_of_time()` is true.
 
         Merges into the index of names if enough is staged, or, with `index_all`, whatever is
@@ -163,9 +161,7 @@ class Writer:
             self._recovered = not self._index.stage_unindexed(_kRecoverFiles)
         return self._recovered
 
-    def _write_files(
-        self, written: list[str], out_of_time: Callable[[], bool]
-    ) -> bool:
+    def _write_files(self, written: list[str], out_of_time: Callable[[], bool]) -> bool:
         for url, (record, _) in self._files.items():
             if record is None:
                 self._delete_file(url)
@@ -226,8 +222,9 @@ class Writer:
             file_id, indexed = row
             self._forget_scopes(file_id, bool(indexed), record.names)
             execute(
-                "UPDATE files SET mtime_ns = ?, size = ?, digest = ?, scans = ?, error = ?, error_lineno = ?,"
-                " line_count = ?, definition_count = ?, imports = ?, indexed = ? WHERE id = ?",
+                "UPDATE files SET mtime_ns = ?, size = ?, digest = ?, scans = ?, error = ?,"
+                " error_lineno = ?, line_count = ?, definition_count = ?, imports = ?, indexed = ?"
+                " WHERE id = ?",
                 (
                     record.mtime_ns,
                     record.size,
@@ -248,9 +245,7 @@ class Writer:
             self._insert_scopes(file_id, 0, record.scopes)
             return
         for start in range(0, len(record.scopes), _kScopesPerCheck):
-            self._insert_scopes(
-                file_id, start, record.scopes[start : start + _kScopesPerCheck]
-            )
+            self._insert_scopes(file_id, start, record.scopes[start : start + _kScopesPerCheck])
             yield
         execute("UPDATE files SET scans = ? WHERE id = ?", (record.scans, file_id))
 

@@ -1,7 +1,7 @@
 """The info cache: what is known of every scope of every file, kept in a database.
 
-Results of scans wait in memory until there are enough of them for a transaction, and are found there
-by every question just as if they were written. The cache never scans.
+Results of scans wait in memory until there are enough of them for a transaction, and are found
+there by every question just as if they were written. The cache never scans.
 """
 
 from __future__ import annotations
@@ -11,7 +11,7 @@ import os
 import sqlite3
 from collections import OrderedDict
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
-from functools import cached_property
+from functools import cached_property, partial
 from pathlib import Path
 from typing import Final, NamedTuple, TypeVar
 
@@ -104,7 +104,7 @@ class CScopeInfo:
 
     @cached_property
     def type_equivs(self) -> dict[str, bytes]:
-        """Information by name, in order of first definition. Unpacked when it is first asked for."""
+        """Information by name, in order of first definition; unpacked when it is asked for."""
         return unpack_info(self.packed) if self.packed else {}
 
     def GetInfoBytes(
@@ -238,7 +238,7 @@ class CInfoCache(CDestroyable):
         return result
 
     def GetAllImports(self, locs: Sequence[CLocation]) -> list[tuple[CLocation, None, bytes]]:
-        """For each file that imports anything: (file, none, its import equivalents joined by ";")."""
+        """(file, none, its import equivalents joined by ";") of each file that imports anything."""
         found: dict[str, bytes] = {}
         to_ask: list[str] = []
         for loc in locs:
@@ -282,9 +282,7 @@ class CInfoCache(CDestroyable):
             for row in record.scopes:
                 if row[0] == scope_name:
                     scan_name = record.scans.split()[0]
-                    return StoredScope(
-                        scan_name, _Seconds(record.mtime_ns), False, False, row[5]
-                    )
+                    return StoredScope(scan_name, _Seconds(record.mtime_ns), False, False, row[5])
             return None
         if self._fWriter.pending_deletion(url):
             return None
@@ -332,9 +330,8 @@ class CInfoCache(CDestroyable):
         """
         after = ""
         while True:
-            last = after
             urls = self._Ask(
-                lambda: self._fLookup.urls_below(folder.fUrl, last, _kVanishedStep), list[str]()
+                partial(self._fLookup.urls_below, folder.fUrl, after, _kVanishedStep), list[str]()
             )
             for url in urls:
                 self.GetDiskMTime(LocationFromUrl(url))
@@ -448,7 +445,7 @@ class CInfoCache(CDestroyable):
         def out_of_time() -> bool:
             return _fastaccess.GetNowTime() >= end_time
 
-        with told(self.fPath):
+        with told(self.fPath, wait_seconds):
             try:
                 done = self._fWriter.write(out_of_time, wait_seconds, index_all)
             except sqlite3.DatabaseError as error:

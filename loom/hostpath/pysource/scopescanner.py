@@ -230,9 +230,7 @@ def ScopesOfLines(scopes: Sequence[ScopeRow], lines: Sequence[int]) -> set[int]:
     return found
 
 
-def _FirstError(
-    errors: Sequence[tuple[int, str]], text: SourceText
-) -> tuple[str | None, int]:
+def _FirstError(errors: Sequence[tuple[int, str]], text: SourceText) -> tuple[str | None, int]:
     """The reason to store with a file that was scanned, and its line; none if all is well."""
     problems = sorted(errors)
     if text.warning:

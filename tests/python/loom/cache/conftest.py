@@ -2,6 +2,7 @@
 
 import os
 import sqlite3
+import sys
 from collections.abc import Callable, Iterator
 from pathlib import Path
 from types import SimpleNamespace
@@ -12,6 +13,7 @@ import pytest
 from loom.bootstrap import ensure_host_path
 
 ensure_host_path()
+sys.path.insert(0, str(Path(__file__).parent))  # for `cache_samples`
 
 import singleton  # noqa: E402
 from guiutils import lgtk  # noqa: E402

@@ -7,6 +7,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
+from cache_samples import kSource
 from loombase.destroyable import CDestroyable
 from loombase.location import CLocalFileLocation, CLocation
 
@@ -28,15 +29,6 @@ from pysource.scopescanner import (
 MakeFile = Callable[..., CLocalFileLocation]
 Scan = Callable[..., Any]
 Rows = Callable[..., list[tuple[Any, ...]]]
-
-kSource = """\
-import os
-class Walker:
-    def walk(self):
-        step = 1
-def main():
-    pass
-"""
 
 
 def file_row(rows: Rows, loc: CLocalFileLocation) -> tuple[Any, ...]:
@@ -165,8 +157,13 @@ def test_each_call_does_a_step_however_late_it_is(
 @pytest.mark.parametrize("step_bytes", [1, 7, 100, 64 * 1024])
 @pytest.mark.parametrize("looks", [1, 3, 1_000_000])
 def test_result_is_the_same_whatever_the_slices(
-    cache: CInfoCache, make_file: MakeFile, new_scanner: Scan, clock: Any, step_bytes: int,
-    looks: int, monkeypatch: pytest.MonkeyPatch,
+    cache: CInfoCache,
+    make_file: MakeFile,
+    new_scanner: Scan,
+    clock: Any,
+    step_bytes: int,
+    looks: int,
+    monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     stored: list[Any] = []
     cache.connect("file-stored", lambda cache, loc, record: stored.append(record))
@@ -226,13 +223,18 @@ def test_warning_of_the_encoding_is_stored_with_the_result(
     assert scan(loc) is kFinishedScanning
     cache.WriteEverything()
     assert file_row(rows, loc)[:3] == (
-        " primary ", "not valid utf-8 in line 2; bytes were replaced", 2
+        " primary ",
+        "not valid utf-8 in line 2; bytes were replaced",
+        2,
     )
     assert cache.GetScopeInfo(loc, "").type_equivs.keys() == {"x", "name"}  # type: ignore[union-attr]
 
 
 def test_several_errors_are_counted(
-    cache: CInfoCache, make_file: MakeFile, scan: Scan, rows: Rows,
+    cache: CInfoCache,
+    make_file: MakeFile,
+    scan: Scan,
+    rows: Rows,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     class Scanner:
@@ -319,7 +321,10 @@ def test_100_mb_of_garbage(cache: CInfoCache, scan: Scan, rows: Rows, tmp_path: 
 
 
 def test_unreadable_file_is_tried_again(
-    cache: CInfoCache, make_file: MakeFile, scan: Scan, rows: Rows,
+    cache: CInfoCache,
+    make_file: MakeFile,
+    scan: Scan,
+    rows: Rows,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     def refuse(path: str, flags: int) -> int:
@@ -380,8 +385,12 @@ def test_thing_that_is_no_file(
 
 
 def test_fault_of_the_scanner_itself_ends_this_scan_only(
-    cache: CInfoCache, make_file: MakeFile, scan: Scan, rows: Rows,
-    monkeypatch: pytest.MonkeyPatch, caplog: pytest.LogCaptureFixture,
+    cache: CInfoCache,
+    make_file: MakeFile,
+    scan: Scan,
+    rows: Rows,
+    monkeypatch: pytest.MonkeyPatch,
+    caplog: pytest.LogCaptureFixture,
 ) -> None:
     class Scanner:
         def __init__(self, source: bytes) -> None:
@@ -396,9 +405,7 @@ def test_fault_of_the_scanner_itself_ends_this_scan_only(
         assert scan(loc) is kScanAbandoned
     assert "a fault of ours" in caplog.text
     cache.WriteEverything()
-    assert file_row(rows, loc)[:2] == (
-        " primary ", "scanner failed: ValueError: a fault of ours"
-    )
+    assert file_row(rows, loc)[:2] == (" primary ", "scanner failed: ValueError: a fault of ours")
 
 
 def test_failure_to_store_reaches_the_caller(
@@ -435,6 +442,8 @@ def test_real_files_of_the_standard_library(
     cache.WriteEverything()
     reader = open_read_only(db_path)
     found = queries.find_name(reader, "ArgumentParser.parse_args")
-    assert [queries.path_of(definition.url) for definition in found] == [str(folder / "argparse.py")]
+    assert [queries.path_of(definition.url) for definition in found] == [
+        str(folder / "argparse.py")
+    ]
     assert queries.stats(reader).errors == 0
     reader.close()

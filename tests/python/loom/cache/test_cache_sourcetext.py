@@ -54,12 +54,32 @@ def test_byte_order_mark_is_left_out(read_bytes: ReadBytes) -> None:
 
 @pytest.mark.parametrize(
     "codec",
-    ["latin-1", "iso-8859-15", "cp1252", "koi8-r", "mac-roman", "shift_jis", "euc-jp", "gb18030",
-     "big5", "euc-kr", "iso2022_jp", "cp437", "utf-7"],
+    [
+        "latin-1",
+        "iso-8859-15",
+        "cp1252",
+        "koi8-r",
+        "mac-roman",
+        "shift_jis",
+        "euc-jp",
+        "gb18030",
+        "big5",
+        "euc-kr",
+        "iso2022_jp",
+        "cp437",
+        "utf-7",
+    ],
 )
 def test_declared_encoding_is_turned_into_utf8(read_bytes: ReadBytes, codec: str) -> None:
-    sample = {"koi8-r": "привет", "shift_jis": "日本", "euc-jp": "日本", "gb18030": "中文",
-              "big5": "中文", "euc-kr": "한국", "iso2022_jp": "日本"}.get(codec, "äöü")
+    sample = {
+        "koi8-r": "привет",
+        "shift_jis": "日本",
+        "euc-jp": "日本",
+        "gb18030": "中文",
+        "big5": "中文",
+        "euc-kr": "한국",
+        "iso2022_jp": "日本",
+    }.get(codec, "äöü")
     source = f"# -*- coding: {codec} -*-\nname = '{sample}'\n"
     text = read_bytes(source.encode(codec))
     assert (text.data.decode(), text.warning) == (source, "")
@@ -268,9 +288,7 @@ def test_file_that_grows_while_it_is_read(
     assert text.size == 100  # so that the next check sees that it has changed
 
 
-def test_file_that_grows_without_end(
-    make_file: MakeFile, monkeypatch: pytest.MonkeyPatch
-) -> None:
+def test_file_that_grows_without_end(make_file: MakeFile, monkeypatch: pytest.MonkeyPatch) -> None:
     loc = make_file("a.py", b"#")
     monkeypatch.setattr(os, "read", lambda descriptor, count: b"#" * count)
     assert "too big" in str(failure(loc))

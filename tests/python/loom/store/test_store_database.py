@@ -148,7 +148,7 @@ def test_locked_database_is_a_clear_error(path: Path, monkeypatch: pytest.Monkey
     path.parent.mkdir()
     holder = sqlite3.connect(path, isolation_level=None)
     holder.execute("BEGIN EXCLUSIVE")
-    with pytest.raises(StoreLockedError, match=r"locked by another process .*waited 0\.01 second"):
+    with pytest.raises(StoreLockedError, match=r"locked by another process .*waited 0\.01 s\)"):
         database.open_for_writing(path)
     holder.execute("ROLLBACK")
     holder.close()

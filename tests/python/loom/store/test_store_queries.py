@@ -17,16 +17,26 @@ WriteAll = Callable[[Writer], None]
 
 @pytest.fixture(params=["indexed", "unindexed"])
 def filled(
-    request: pytest.FixtureRequest, opened: sqlite3.Connection, writer: Writer,
-    make_record: MakeRecord, write_all: WriteAll,
+    request: pytest.FixtureRequest,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
+    write_all: WriteAll,
 ) -> sqlite3.Connection:
     """Three files, before and after their names were indexed: the answers are the same."""
     writer.put_file(make_record("file:///b.py", ("walk", "walk_far", "Walk", "run")))
     writer.put_file(make_record("file:///a.py", ("walk", "run_100%", "[x]")))
     writer.put_file(
         make_record(
-            "file:///bad.py", (), scans="", error="not text", scopes=(), definitions=b"",
-            names=(), definition_count=0, line_count=0,
+            "file:///bad.py",
+            (),
+            scans="",
+            error="not text",
+            scopes=(),
+            definitions=b"",
+            names=(),
+            definition_count=0,
+            line_count=0,
         )
     )
     if request.param == "indexed":
@@ -56,7 +66,9 @@ def test_find_exact_takes_a_dotted_name(filled: sqlite3.Connection) -> None:
 def test_find_prefix(filled: sqlite3.Connection) -> None:
     found = queries.find_name(filled, "walk", "prefix")
     assert [(d.url, d.name) for d in found] == [
-        ("file:///a.py", "walk"), ("file:///b.py", "walk"), ("file:///b.py", "walk_far")
+        ("file:///a.py", "walk"),
+        ("file:///b.py", "walk"),
+        ("file:///b.py", "walk_far"),
     ]
     assert [d.name for d in queries.find_name(filled, "run_100%", "prefix")] == ["run_100%"]
     assert len(queries.find_name(filled, "", "prefix")) == 9
@@ -80,7 +92,9 @@ def test_scopes_of_file(filled: sqlite3.Connection) -> None:
     scopes = queries.scopes_of_file(filled, "file:///a.py")
     assert scopes is not None
     assert scopes[:3] == [
-        ("", -1, "O", 1, 100), ("Some", 0, "C", 2, 90), ("Some.walk", 1, "M", 3, 3)
+        ("", -1, "O", 1, 100),
+        ("Some", 0, "C", 2, 90),
+        ("Some.walk", 1, "M", 3, 3),
     ]
     assert queries.scopes_of_file(filled, "file:///unknown.py") is None
     assert queries.scopes_of_file(filled, "file:///bad.py") == []
@@ -90,7 +104,10 @@ def test_definitions_of_file(filled: sqlite3.Connection) -> None:
     found = queries.definitions_of_file(filled, "file:///a.py")
     assert found is not None
     assert [(d.qualified_name, d.kind, d.lineno) for d in found] == [
-        ("Some", "C", 2), ("Some.walk", "M", 3), ("Some.run_100%", "M", 4), ("Some.[x]", "M", 5)
+        ("Some", "C", 2),
+        ("Some.walk", "M", 3),
+        ("Some.run_100%", "M", 4),
+        ("Some.[x]", "M", 5),
     ]
     assert queries.definitions_of_file(filled, "file:///unknown.py") is None
     assert queries.definitions_of_file(filled, "file:///bad.py") == []
@@ -115,8 +132,12 @@ def test_name_that_the_index_has_too_many_of(filled: sqlite3.Connection) -> None
 
 
 def test_answer_is_of_one_state_while_others_write(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
-    write_all: WriteAll, monkeypatch: pytest.MonkeyPatch,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
+    write_all: WriteAll,
+    monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     writer.put_file(make_record("file:///a.py", tuple(f"f{n}" for n in range(9))))
     write_all(writer)

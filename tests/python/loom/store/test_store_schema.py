@@ -29,8 +29,11 @@ def test_migrate_makes_all_tables_strict(empty: sqlite3.Connection) -> None:
     assert schema.migrate(empty) == 0
     assert version(empty) == schema.kSchemaVersion == len(schema.kMigrations)
     assert tables(empty) == {"files", "scopes", "added_scopes", "definitions", "names"}
-    assert all(strict for *_, strict in empty.execute("PRAGMA table_list").fetchall()
-               if not _[1].startswith("sqlite_"))
+    assert all(
+        strict
+        for *_, strict in empty.execute("PRAGMA table_list").fetchall()
+        if not _[1].startswith("sqlite_")
+    )
     with pytest.raises(sqlite3.IntegrityError):
         empty.execute("INSERT INTO names VALUES(1.5, 'no number')")
 

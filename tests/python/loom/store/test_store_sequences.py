@@ -48,9 +48,11 @@ def content(connection: sqlite3.Connection) -> list[object]:
         [queries.scopes_of_file(connection, url) for url in kUrls],
         [queries.definitions_of_file(connection, url) for url in kUrls],
         [queries.find_name(connection, name) for name in kNames],
-        sorted(connection.execute(
-            "SELECT url, name, info FROM added_scopes JOIN files ON id = file_id"
-        )),
+        sorted(
+            connection.execute(
+                "SELECT url, name, info FROM added_scopes JOIN files ON id = file_id"
+            )
+        ),
     ]
 
 

@@ -30,7 +30,7 @@ def content(connection: sqlite3.Connection) -> list[list[tuple[object, ...]]]:
     return [
         sorted(connection.execute(query))
         for query in (
-            "SELECT url, mtime_ns, size, digest, scans, error, line_count, imports, indexed FROM files",
+            "SELECT url, mtime_ns, size, digest, scans, error, imports, indexed FROM files",
             "SELECT url, scopes.id % 16777216, name, parent, kind, lineno, end_lineno, info"
             " FROM scopes JOIN files ON files.id = scopes.id / 16777216",
             "SELECT url, packed FROM definitions JOIN files ON id = file_id",
@@ -43,8 +43,9 @@ def content(connection: sqlite3.Connection) -> list[list[tuple[object, ...]]]:
 def orphans(connection: sqlite3.Connection) -> int:
     """Rows that belong to no file."""
     return sum(
-        connection.execute(f"SELECT count(*) FROM {table} WHERE {key} NOT IN (SELECT id FROM files)")
-        .fetchone()[0]
+        connection.execute(
+            f"SELECT count(*) FROM {table} WHERE {key} NOT IN (SELECT id FROM files)"
+        ).fetchone()[0]
         for table, key in (
             ("scopes", "id / 16777216"),
             ("definitions", "file_id"),
@@ -79,14 +80,15 @@ def test_written_file_is_found(
         "file:///a.py": (1_000, 10, " primary ")
     }
     assert lookup.imports(["file:///a.py"]) == {"file:///a.py": b":ios"}
-    assert lookup.scope("file:///a.py", "Some.second") == (
-        "primary", 1e-6, False, False, b"second"
-    )
+    assert lookup.scope("file:///a.py", "Some.second") == ("primary", 1e-6, False, False, b"second")
     assert lookup.scope("file:///a.py", "") == ("primary", 1e-6, False, False, b"module")
     assert lookup.scope("file:///a.py", "Some.third") is None
     assert lookup.scope("file:///no.py", "") is None
     assert lookup.scope_lines("file:///a.py") == [
-        ("", 1, 100), ("Some", 2, 90), ("Some.first", 3, 3), ("Some.second", 4, 4)
+        ("", 1, 100),
+        ("Some", 2, 90),
+        ("Some.first", 3, 3),
+        ("Some.second", 4, 4),
     ]
     assert lookup.scope_lines("file:///no.py") == []
     assert names_by_file(opened) == {"file:///a.py": {"Some", "first", "second"}}
@@ -178,8 +180,12 @@ def test_unindexed_file_is_found_by_name(
 
 
 def test_index_is_finished_by_the_next_process(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
-    write_all: WriteAll, monkeypatch: pytest.MonkeyPatch,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
+    write_all: WriteAll,
+    monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     for number in range(7):
         writer.put_file(make_record(f"file:///{number}.py", (f"f{number}",)))
@@ -197,7 +203,10 @@ def test_index_is_finished_by_the_next_process(
 
 
 def test_scanned_again_before_the_index_is_finished(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
     write_all: WriteAll,
 ) -> None:
     writer.put_file(make_record("file:///a.py", ("kept", "gone")))
@@ -212,8 +221,13 @@ def test_scanned_again_before_the_index_is_finished(
 
 @pytest.mark.parametrize("steps", [0, 1, 2, 3, 7])
 def test_whatever_the_steps_the_result_is_the_same(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
-    write_all: WriteAll, steps: int, monkeypatch: pytest.MonkeyPatch,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
+    write_all: WriteAll,
+    steps: int,
+    monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.setattr(writer_module, "_kScopesPerCheck", 4)
     monkeypatch.setattr(nameindex, "_kPairsPerCheck", 3)
@@ -234,8 +248,12 @@ def test_whatever_the_steps_the_result_is_the_same(
 
 
 def test_half_written_file_counts_as_not_scanned(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
-    write_all: WriteAll, monkeypatch: pytest.MonkeyPatch,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
+    write_all: WriteAll,
+    monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.setattr(writer_module, "_kScopesPerCheck", 4)
     writer.put_file(make_record("file:///a.py", tuple(f"f{n}" for n in range(20))))
@@ -253,7 +271,10 @@ def test_half_written_file_counts_as_not_scanned(
 
 
 def test_half_written_file_is_begun_again_when_it_changes(
-    opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord, write_all: WriteAll,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
+    write_all: WriteAll,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.setattr(writer_module, "_kScopesPerCheck", 4)
@@ -268,8 +289,13 @@ def test_half_written_file_is_begun_again_when_it_changes(
 
 @pytest.mark.parametrize("looks", range(1, 12))
 def test_file_that_is_written_anew_in_mid_merge_is_not_indexed_yet(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
-    write_all: WriteAll, looks: int, monkeypatch: pytest.MonkeyPatch,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
+    write_all: WriteAll,
+    looks: int,
+    monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.setattr(nameindex, "_kPairsPerCheck", 2)
     urls = ["file:///a.py", "file:///b.py", "file:///c.py"]
@@ -340,7 +366,10 @@ class FailingConnection:
 
 
 def test_failure_at_any_statement_loses_nothing(
-    path: Path, opened: sqlite3.Connection, make_record: MakeRecord, write_all: WriteAll,
+    path: Path,
+    opened: sqlite3.Connection,
+    make_record: MakeRecord,
+    write_all: WriteAll,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.setattr(writer_module, "_kScopesPerCheck", 4)
@@ -388,7 +417,10 @@ def test_failure_at_any_statement_loses_nothing(
 
 
 def test_locked_database_keeps_results_waiting(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
     write_all: WriteAll,
 ) -> None:
     writer.put_file(make_record("file:///a.py"))
@@ -406,7 +438,10 @@ def test_locked_database_keeps_results_waiting(
 
 
 def test_two_writers_share_a_database(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
     write_all: WriteAll,
 ) -> None:
     connection = database.open_for_writing(path).connection
@@ -463,7 +498,9 @@ def test_waiting_scope_goes_with_its_file(writer: Writer, make_record: MakeRecor
 
 
 def test_merge_is_due_when_much_is_staged(
-    opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.setattr(nameindex, "kMergeAtPairs", 10)
@@ -480,7 +517,9 @@ def test_merge_keeps_names_in_order(
     functions = ("zeta", "alpha", "_private", "Élan", "beta", "alpha2", "数")
     writer.put_file(make_record("file:///a.py", functions))
     write_all(writer)
-    assert [name for (name,) in opened.execute("SELECT name FROM names")] == sorted((*functions, "Some"))
+    assert [name for (name,) in opened.execute("SELECT name FROM names")] == sorted(
+        (*functions, "Some")
+    )
 
 
 def test_lookup_asks_for_many_files_at_once(
@@ -509,7 +548,10 @@ def test_imports_leave_out_files_that_import_nothing(
 
 
 def test_data_version_tells_of_other_writers(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
     write_all: WriteAll,
 ) -> None:
     lookup = Lookup(opened)
@@ -554,8 +596,13 @@ def checkpointer(path: Path) -> Iterator[checkpoint.Checkpointer]:
 
 
 def test_checkpoint_waits_until_the_log_is_long(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
-    write_all: WriteAll, checkpointer: checkpoint.Checkpointer, monkeypatch: pytest.MonkeyPatch,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
+    write_all: WriteAll,
+    checkpointer: checkpoint.Checkpointer,
+    monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     writer.put_file(make_record("file:///a.py"))
     write_all(writer)
@@ -578,8 +625,13 @@ def test_checkpoint_without_a_log(checkpointer: checkpoint.Checkpointer) -> None
 
 
 def test_checkpoint_that_fails_is_told_and_harms_nothing(
-    path: Path, opened: sqlite3.Connection, writer: Writer, make_record: MakeRecord,
-    write_all: WriteAll, checkpointer: checkpoint.Checkpointer, monkeypatch: pytest.MonkeyPatch,
+    path: Path,
+    opened: sqlite3.Connection,
+    writer: Writer,
+    make_record: MakeRecord,
+    write_all: WriteAll,
+    checkpointer: checkpoint.Checkpointer,
+    monkeypatch: pytest.MonkeyPatch,
     caplog: pytest.LogCaptureFixture,
 ) -> None:
     def fail(*args: object, **kwargs: object) -> object:
