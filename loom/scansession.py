@@ -81,7 +81,9 @@ class ScanSession(CDestroyable):
     Signals: "finished" (session), once.
     """
 
-    def __init__(self, app: App, paths: Sequence[str], exclude: GitIgnoreSpec | None = None) -> None:
+    def __init__(
+        self, app: App, paths: Sequence[str], exclude: GitIgnoreSpec | None = None
+    ) -> None:
         super().__init__(("finished",))
         self.app = app
         self.counts = ScanCounts()

@@ -72,7 +72,7 @@ def _loom() -> None:
 
 
 def run(arguments: Sequence[str]) -> int:
-    """Run the command line `arguments`. Returns the exit code; raises nothing for a user's error."""
+    """Run the command line `arguments` and return the exit code. A user's error isn't raised."""
     set_up_streams()
     try:
         code = _run(arguments)

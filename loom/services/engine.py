@@ -1,4 +1,4 @@
-"""The engine's parts around the scheduler: configuration, module resolution, the analysis manager."""
+"""The engine's parts around the scheduler: configuration, modules, the analysis manager."""
 
 from __future__ import annotations
 

@@ -60,7 +60,8 @@ def project(tmp_path):
     top = tmp_path / "project"
     (top / "pkg").mkdir(parents=True)
     (top / "pkg/shapes.py").write_text(
-        "class Shape:\n    sides = 0\n\n    def area(self):\n        return 0\n\n\ndef make():\n    pass\n"
+        "class Shape:\n    sides = 0\n\n    def area(self):\n        return 0\n\n\n"
+        "def make():\n    pass\n"
     )
     (top / "main.py").write_text("from pkg.shapes import make\n\nresult = make()\n")
     return top
@@ -492,7 +493,8 @@ def test_without_a_database_there_is_one_clear_line(loom_run, tmp_path):
     for command in (["find", "make"], ["symbols", "main.py"]):
         result = loom_run(*command)
         assert result.returncode == 2
-        assert result.stderr == f"loom: there is no database at {tmp_path}/cache/loom/info.sqlite3\n"
+        database = tmp_path / "cache/loom/info.sqlite3"
+        assert result.stderr == f"loom: there is no database at {database}\n"
 
 
 def test_a_damaged_database_is_set_aside_and_rebuilt(loom_run, project):

@@ -1,7 +1,9 @@
 """A scan session inside of one process, step by step in virtual time of the main loop."""
 
+import gc
 import io
 import os
+import weakref
 from pathlib import Path
 
 import pytest
@@ -85,6 +87,17 @@ def test_a_database_of_no_use_leaves_no_half_host(main_loop, tmp_path):
     with pytest.raises(StoreError):
         App(tmp_path / "file" / "info.sqlite3", main_loop)
     assert GetSingletons().fPrefMgr is None
+
+
+def test_a_destroyed_host_is_garbage(main_loop, db_path, top):
+    app = App(db_path, main_loop)
+    session = run(app, main_loop, top)
+    gone = [weakref.ref(thing) for thing in (app, app.coordinator, app.info_cache, session)]
+    session.destroy()
+    app.destroy()
+    del app, session
+    gc.collect()
+    assert [ref() for ref in gone] == [None] * 4
 
 
 def test_neither_scan_name_occurs_inside_the_other(app):
