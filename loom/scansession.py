@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import logging
 from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
 from time import perf_counter
@@ -22,6 +23,8 @@ from loom.walk import Found, Problem, walk
 from pysource.scancoordinator import kBackgroundPriority
 
 __all__ = ["FileError", "ScanCounts", "ScanSession"]
+
+_log = logging.getLogger(__name__)
 
 # How long one idle call looks for files. Finding takes turns with scanning.
 _WALK_SECONDS: Final = 0.010
@@ -49,7 +52,8 @@ class ScanCounts:
     """Where a run stands. Files are counted once each.
 
     `found` files were queued, `left` of them are still to be looked at. `scanned` were parsed,
-    `failed` couldn't be. What remains, `unchanged`, had valid results or is gone meanwhile.
+    `failed` couldn't be, `vanished` were gone when their turn came. What remains, `unchanged`,
+    had valid results. `errors` are of files and of folders that couldn't be walked.
     """
 
     found: int = 0
@@ -156,6 +160,7 @@ class ScanSession(CDestroyable):
             self.counts.found += len(pairs)
             self.app.coordinator.AddPairsToPrimaryQueue(pairs, False, kBackgroundPriority)
         if not more:
+            _log.info("found %d files", self.counts.found)
             self.counts.all_found = True
             self._walk_idle = None
             self._watch_for_end()
@@ -182,6 +187,7 @@ class ScanSession(CDestroyable):
                 self._add_error(FileError(loc.path, "file is gone or can't be reached"))
 
     def _add_error(self, error: FileError) -> None:
+        _log.info("%s:%d: %s", error.path, error.lineno, error.reason)
         self.counts.errors.append(error)
 
     def _note_failure(self, failure: BaseException) -> None:
