@@ -276,6 +276,11 @@ void Lexer::Recover(const char* line_start, std::uint32_t line_number) {
 void Lexer::CutLine(const char* at) {
   const std::uint32_t cut = Offset(at);
   TokenList& tokens = line_.tokens;
+  for (const Frame& frame : frames_) {
+    if (frame.kind == FrameKind::kLiteral && frame.token != kNoToken) {
+      tokens[frame.token].flags |= kOpaqueToken;
+    }
+  }
   std::uint32_t size = tokens.size();
   while (tokens[size - 1].begin >= cut) --size;
   tokens.Resize(size);

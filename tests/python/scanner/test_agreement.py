@@ -162,7 +162,7 @@ SNIPPETS = {
     "second definitions": "def f():\n  def g(): pass\ndef f():\n  def g(): pass\nclass f: pass\n",
     "private names": "class _A:\n  __x = 1\n  def __f(self, __y):\n    self.__z = __w = 1\n  def g[__T](s): pass\n",
     "unicode": "\N{LATIN SMALL LETTER E WITH ACUTE} = 1\n\N{LATIN SMALL LIGATURE FI} = 2\nx\u0301 = 3\n",
-    "numbers": "x = 1if a else 2\ny = 0x1for b\nz = [1for w in 1.,]\nv = 1_000.5e-3j\n",
+    "numbers": "x = 1if a else 2\ny = 0x1for b\nz = [1for w in (1.,)]\nv = 1_000.5e-3j\n",
     "ellipsis": "x = ...; y = a[..., 1]\ndef f(): ...\n",
     "walruses": "if (a := 1) and (b := 2): pass\nwhile c := d: e = (f := 3)\n",
     "empty": "",
