@@ -3,7 +3,8 @@
 from __future__ import annotations
 
 import logging
-from collections.abc import Mapping, Sequence
+import os
+from collections.abc import Iterator, Mapping, Sequence
 from dataclasses import dataclass, field
 from time import perf_counter
 from typing import Final
@@ -97,6 +98,9 @@ class ScanSession(CDestroyable):
         self._start = perf_counter()
         self._is_over = False
         self._walk = walk(paths, exclude)
+        self._folders = [os.path.abspath(path) for path in paths if os.path.isdir(path)]
+        self._unwalkable: set[str] = set()
+        self._forgetting = self._forget_steps()
         self._walk_idle: int | None = None
         self._last_idle: int | None = None
         self._failures = 0
@@ -155,6 +159,7 @@ class ScanSession(CDestroyable):
                     self.app.attribs.DeclareMimeType(loc, kPythonMimeType)
                 pairs.append((loc, _kWholeFile))
             elif isinstance(step, Problem):
+                self._unwalkable.add(step.path)
                 self._add_error(FileError(step.path, step.reason))
         if pairs:
             self.counts.found += len(pairs)
@@ -162,9 +167,31 @@ class ScanSession(CDestroyable):
         if not more:
             _log.info("found %d files", self.counts.found)
             self.counts.all_found = True
-            self._walk_idle = None
+            self._walk_idle = lgtk.idle_add_while_alive(
+                self._forget_some, self, priority=LOW_IDLE_PRIORITY
+            )
             self._watch_for_end()
         return more
+
+    def _forget_some(self) -> bool:
+        """Drop what the database has of files that are gone, in steps like those of the walk."""
+        end = perf_counter() + _WALK_SECONDS
+        try:
+            for _ in self._forgetting:
+                if perf_counter() >= end:
+                    return True
+            if self.app.info_cache.HasUnwritten():
+                self.app.info_cache.WriteToDatabase()
+        except Exception as error:
+            self._give_up(error)
+        self._walk_idle = None
+        return False
+
+    def _forget_steps(self) -> Iterator[None]:
+        for folder in self._folders:
+            # One that couldn't be looked at may be back tomorrow, with all that is in it.
+            if folder not in self._unwalkable:
+                yield from self.app.info_cache.ForgetVanishedBelow(CLocalFileLocation(folder))
 
     # --- following the run
 

@@ -178,6 +178,35 @@ def test_only_the_changed_file_is_scanned_again(app, main_loop, db_path, top):
     assert names_in(db_path, "in_b") == []
 
 
+def test_files_that_are_gone_leave_the_database(app, main_loop, db_path, top):
+    run(app, main_loop, top)
+    (top / "sub/c.py").unlink()
+    (top / "sub").rmdir()
+    run(app, main_loop, top / "a.py")  # which says nothing of the other files
+    assert names_in(db_path, "in_c") == ["c.py"]
+    counts = run(app, main_loop, top).counts
+    assert (counts.found, counts.errors) == (2, [])
+    assert names_in(db_path, "in_c") == []
+    assert names_in(db_path, "in_a") == ["a.py"]
+
+
+def test_a_folder_that_cannot_be_looked_at_keeps_what_is_known_of_it(
+    app, main_loop, db_path, top, monkeypatch
+):
+    run(app, main_loop, top)
+    scandir = os.scandir
+
+    def refuse(path):
+        if path == str(top):
+            raise OSError(5, "Input/output error")
+        return scandir(path)
+
+    (top / "b.py").unlink()
+    monkeypatch.setattr(os, "scandir", refuse)
+    run(app, main_loop, top)
+    assert names_in(db_path, "in_b") == ["b.py"]
+
+
 def test_nothing_to_scan_comes_to_an_end(app, main_loop, tmp_path):
     (tmp_path / "empty").mkdir()
     counts = run(app, main_loop, tmp_path / "empty").counts
