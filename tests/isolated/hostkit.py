@@ -31,10 +31,11 @@ def use_base(name: str) -> None:
 
 def new_world() -> Any:
     """The collaborators of a coordinator, in their first state."""
-    import hostclock
     import hostreset
     from pysource import _fastaccess
     from world import World
+
+    import hostclock
 
     hostreset.reset()
     setattr(_fastaccess, "__TimeFunc", hostclock.now)

@@ -15,7 +15,7 @@ from pathlib import Path
 kHere = Path(__file__).resolve().parent
 kCore = kHere.parent / "python" / "core"
 kLastLine = "came to the end"
-kTimeLimit = 300  # seconds; only a script that hangs gets there
+kTimeLimit = 120  # seconds; only a script that hangs gets there
 
 
 @cache
@@ -62,6 +62,7 @@ def start(
         [python, "-P", *optimize, *flags, "-c", "\n".join(lines)],
         capture_output=True,
         text=True,
+        errors="backslashreplace",
         timeout=kTimeLimit,
         env={**os.environ, **(env or {})},
         check=False,

@@ -354,8 +354,7 @@ def life(cls):
 
 dies(lambda: life(CFirst))
 dies(lambda: life(CThird))
-"""
-        .replace("class CSecond(CSlotted, CScanCoordinator, threading.local):\n    pass\n\n", "")
+""".replace("class CSecond(CSlotted, CScanCoordinator, threading.local):\n    pass\n\n", "")
         .replace("import threading\n", "")
         .replace("    if cls is not CFirst.__mro__[2]:\n        check", "    check")
     )

@@ -5,8 +5,9 @@ Each notes its calls in `hostlog` and answers from public attributes that a test
 
 from typing import Any
 
-import hostlog
 from loombase.destroyable import CDestroyable
+
+import hostlog
 
 kPrimary = "primary"
 kDerived = "derived"

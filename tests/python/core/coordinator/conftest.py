@@ -12,10 +12,11 @@ import pytest
 # The modules that the tests share stand beside them.
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
-import hostclock
-import hostlog
 from pysource import _fastaccess
 from world import World
+
+import hostclock
+import hostlog
 
 
 @pytest.fixture

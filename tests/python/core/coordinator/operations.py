@@ -5,8 +5,9 @@ import inspect
 from collections.abc import Callable, Iterator
 from typing import Any
 
-import hostlog
 from pysource.scancoordinator import CScanCoordinator, kBackgroundPriority
+
+import hostlog
 
 kRequired = inspect.Parameter.empty
 kItem = (("scan_item", kRequired), ("end_time", kRequired))

@@ -96,7 +96,6 @@ def test_sources_are_those_of_the_singletons_and_the_manager_now(world):
 
 def test_classes_are_looked_up_at_construction(world, monkeypatch):
     from cache import textcache
-
     from pysource import analysis
 
     class CMyTextCache(CTextCache):

@@ -4,7 +4,7 @@ import pytest
 from operations import private
 from pysource import _fastaccess, scopeinfo
 from pysource.scancoordinator import CScanCoordinator, _CScanQueue
-from world import forget, kPrimary, pending, pass_time, scripted, told
+from world import forget, kPrimary, pass_time, pending, scripted, told
 
 kNoneFields = (
     "__fActiveLoc",

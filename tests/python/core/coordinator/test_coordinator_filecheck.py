@@ -362,9 +362,7 @@ def test_an_overridden_modtime_dict_is_used(world):
 # Failures.
 
 
-@pytest.mark.parametrize(
-    "name", ["GetScansDoneForMultipleFiles", "GetAllImports", "GetDiskMTime"]
-)
+@pytest.mark.parametrize("name", ["GetScansDoneForMultipleFiles", "GetAllImports", "GetDiskMTime"])
 def test_a_failure_loses_the_check_but_not_the_scan(world, coordinator, name):
     failure = RuntimeError(name)
 

@@ -80,9 +80,7 @@ def test_a_false_buffer_is_no_buffer(world, coordinator, loc):
     forget()
 
 
-def test_the_class_of_local_files_is_looked_up_at_each_use(
-    world, coordinator, loc, monkeypatch
-):
+def test_the_class_of_local_files_is_looked_up_at_each_use(world, coordinator, loc, monkeypatch):
     monkeypatch.setattr(location, "CLocalFileLocation", type("COther", (), {}))
     assert coordinator._CanSendToHelperProcess(loc, "*") is False
     assert told() == []

@@ -274,9 +274,7 @@ def test_a_file_that_is_queued_is_added_only_at_a_better_priority(
     world.queue(coordinator, a, priority=queued)
     follow(coordinator, [kImport + "a"], dirloc, asked)
     expected = [(a, "*")] if added else []
-    assert told("AddPairsToPrimaryQueue") == [
-        ("AddPairsToPrimaryQueue", expected, False, asked)
-    ]
+    assert told("AddPairsToPrimaryQueue") == [("AddPairsToPrimaryQueue", expected, False, asked)]
     assert pending(coordinator) == {(a, "*", kPrimary): min(queued, asked)}
     forget()
 

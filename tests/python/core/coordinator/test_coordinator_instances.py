@@ -271,9 +271,7 @@ def test_engine_out_of_time_among_the_methods_gives_a_part_that_is_not_stored(
     forget()
 
 
-def test_engine_out_of_time_after_the_last_method_is_a_part_all_the_same(
-    world, coordinator, loc
-):
+def test_engine_out_of_time_after_the_last_method_is_a_part_all_the_same(world, coordinator, loc):
     info = world.engine.infos[loc, "C"] = Info({"a": definition("kMethodPrefix", "C.a")})
     a = world.engine.infos[loc, "C.a"] = Info()
     world.engine.deadlines = [False, True]
@@ -428,9 +426,7 @@ def test_cache_looks_for_the_leaf_without_its_suffixes(world, loc, monkeypatch):
     )
     world.info_cache.infos[loc, "P"] = Info({"C": definition("kClassPrefix", "P.C")})
     assert build(coordinator, loc) is None
-    assert told("AddPairsToPrimaryQueue") == [
-        ("AddPairsToPrimaryQueue", [(loc, "C")], True, None)
-    ]
+    assert told("AddPairsToPrimaryQueue") == [("AddPairsToPrimaryQueue", [(loc, "C")], True, None)]
     forget()
 
 

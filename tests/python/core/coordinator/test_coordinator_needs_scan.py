@@ -235,9 +235,7 @@ def test_a_failing_filter_adds_nothing(world, coordinator, loc, monkeypatch):
 
 def test_the_signal_may_arrive_in_the_middle_of_a_scan(world, coordinator, loc):
     def emit():
-        world.info_cache.emit(
-            "needs-scan-added", world.info_cache, [(loc, "f", kPrimary)], None
-        )
+        world.info_cache.emit("needs-scan-added", world.info_cache, [(loc, "f", kPrimary)], None)
 
     running_secondary(world, coordinator, world.loc("/p/b.py"), emit, priority=0)
     assert pending(coordinator) == {(loc, "f", kPrimary): 0}
@@ -249,9 +247,7 @@ def test_the_signal_may_arrive_in_the_middle_of_a_scan(world, coordinator, loc):
 
 
 def test_secondary_pairs_go_first(world, loc):
-    coordinator = world.make(
-        watched(AddPairsToPrimaryQueue=None, AddPairsToSecondaryQueue=None)
-    )
+    coordinator = world.make(watched(AddPairsToPrimaryQueue=None, AddPairsToSecondaryQueue=None))
     other = world.loc("/p/b.py")
     world.cache_mgr.buffers[other] = Buffer(False)
     coordinator.AddNeedsScanSetToQueues(
@@ -281,9 +277,7 @@ def test_secondary_pairs_go_first(world, loc):
     ],
 )
 def test_empty_lists_are_not_added(world, triples, operations):
-    coordinator = world.make(
-        watched(AddPairsToPrimaryQueue=None, AddPairsToSecondaryQueue=None)
-    )
+    coordinator = world.make(watched(AddPairsToPrimaryQueue=None, AddPairsToSecondaryQueue=None))
     assert coordinator.AddNeedsScanSetToQueues(triples) is None
     assert [call[0] for call in told() if call[0] != "DoesCacheBufferExist"] == operations
 
@@ -370,9 +364,7 @@ def scanned(world, coordinator, loc):
     world.loc_cache.derived_wanted[loc] = False
     world.queue(coordinator, loc, priority=kBackgroundPriority)
     private(coordinator, "__DoScans")(2e6)
-    assert coordinator._fLastScanCompleted == {
-        loc: {("*", kPrimary): hostclock.kStartTime}
-    }
+    assert coordinator._fLastScanCompleted == {loc: {("*", kPrimary): hostclock.kStartTime}}
     forget()
 
 

@@ -303,9 +303,7 @@ def test_scope_scan_that_fails_leaves_its_scanner(world, coordinator, loc):
     forget()
 
 
-@pytest.mark.parametrize(
-    "name", ["CWholeFileSecondaryScanner", "CSingleScopeSecondaryScanner"]
-)
+@pytest.mark.parametrize("name", ["CWholeFileSecondaryScanner", "CSingleScopeSecondaryScanner"])
 def test_scanner_classes_are_looked_up_at_each_use(world, coordinator, loc, monkeypatch, name):
     class COther(getattr(scopescanner, name)):
         pass

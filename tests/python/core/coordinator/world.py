@@ -4,14 +4,15 @@ from collections.abc import Callable, Iterable
 from typing import Any
 
 import collaborators
-import hostclock
-import hostlog
 import singleton
 from collaborators import kDerived, kPrimary
 from loombase.location import CFileLocation, CLocalFileLocation, CRemoteFileLocation
 from operations import unwatched
 from pysource import scopeinfo, scopescanner
 from pysource.scancoordinator import CScanCoordinator, CScanItem, kBackgroundPriority
+
+import hostclock
+import hostlog
 
 kIdlePriority = 300
 kWholeFile = "*"
