@@ -65,7 +65,7 @@ Object Call(const Object& callable, const Args&... args) {
   for (std::size_t i = 0; i < owned.size(); ++i) stack[i + 1] = owned[i].get_or_none();
   const Object names = internal::KeywordNames(args...);
   return Own(PyObject_Vectorcall(
-      callable.get(), stack.data() + 1,
+      callable.get_or_none(), stack.data() + 1,
       (sizeof...(Args) - keywords) | static_cast<std::size_t>(PY_VECTORCALL_ARGUMENTS_OFFSET),
       names.get()));
 }

@@ -2,7 +2,8 @@
 //
 // The classes wrap a container without hiding what it is: a key's `__hash__` and `__eq__` are the
 // host's, may run anything, and may raise. No reference into a container is ever handed out; what
-// is read is a strong reference of its own.
+// is read is a strong reference of its own. An operation holds the container: what it runs may make
+// the owner let go of it.
 
 #ifndef PYSOURCE_PYRT_CONTAINERS_H_
 #define PYSOURCE_PYRT_CONTAINERS_H_
@@ -76,6 +77,11 @@ class Dict {
   Dict() : object_(Own(PyDict_New())) {}
   // Requires: `object` is a dict or of a class derived from it.
   explicit Dict(Object object) : object_(std::move(object)) {}
+  // TypeError for anything else.
+  static Dict Checked(const Object& object) {
+    if (PyDict_Check(object.get_or_none()) == 0) Raise(PyExc_TypeError, "expected a dict");
+    return Dict(object);
+  }
 
   const Object& object() const noexcept { return object_; }
   std::size_t size() const { return static_cast<std::size_t>(PyDict_Size(object_.get())); }
@@ -83,31 +89,28 @@ class Dict {
 
   // The value, or empty; never creates one, also for a dict with defaults.
   Object Get(const Object& key) const {
-    PyObject* value = PyDict_GetItemWithError(object_.get(), key.get_or_none());
+    PyObject* value = PyDict_GetItemWithError(Object(object_).get(), key.get_or_none());
     if (value == nullptr && PyErr_Occurred() != nullptr) ThrowPending();
     return Object::Share(value);
   }
   bool Contains(const Object& key) const {
-    return Check(PyDict_Contains(object_.get(), key.get_or_none())) != 0;
+    return Check(PyDict_Contains(Object(object_).get(), key.get_or_none())) != 0;
   }
   // mapping[key], with the defaults of the mapping's class.
   Object At(const Object& key) const {
-    return Own(PyObject_GetItem(object_.get(), key.get_or_none()));
+    return Own(PyObject_GetItem(Object(object_).get(), key.get_or_none()));
   }
   void Set(const Object& key, const Object& value) {
-    Check(PyDict_SetItem(object_.get(), key.get_or_none(), value.get_or_none()));
+    Check(PyDict_SetItem(Object(object_).get(), key.get_or_none(), value.get_or_none()));
   }
-  // Removes the entry, if there is one, and returns its value or empty.
+  // Removes the entry, if there is one, and returns its value or none.
   Object Pop(const Object& key) {
-    Object value = Get(key);
-    // Getting it may have run the host's code; the entry may have gone meanwhile.
-    if (value && PyDict_DelItem(object_.get(), key.get_or_none()) != 0) {
-      if (PyErr_ExceptionMatches(PyExc_KeyError) == 0) ThrowPending();
-      PyErr_Clear();
-    }
-    return value;
+    static constinit Name kPop{"pop"};
+    return CallMethod(Object(object_), kPop, key, Object::None());
   }
-  void Discard(const Object& key) { Pop(key); }
+  void Discard(const Object& key) {
+    if (!empty()) Pop(key);
+  }
   void Clear() { PyDict_Clear(object_.get()); }
   List Keys() const { return List::Of(object_); }
 
@@ -138,10 +141,12 @@ class Set {
   std::size_t size() const { return static_cast<std::size_t>(PySet_Size(object_.get())); }
   bool empty() const { return size() == 0; }
   bool Contains(const Object& value) const {
-    return Check(PySet_Contains(object_.get(), value.get_or_none())) != 0;
+    return Check(PySet_Contains(Object(object_).get(), value.get_or_none())) != 0;
   }
-  void Add(const Object& value) { Check(PySet_Add(object_.get(), value.get_or_none())); }
-  void Discard(const Object& value) { Check(PySet_Discard(object_.get(), value.get_or_none())); }
+  void Add(const Object& value) { Check(PySet_Add(Object(object_).get(), value.get_or_none())); }
+  void Discard(const Object& value) {
+    Check(PySet_Discard(Object(object_).get(), value.get_or_none()));
+  }
   void Clear() { Check(PySet_Clear(object_.get())); }
 
  private:

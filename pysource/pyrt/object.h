@@ -111,25 +111,34 @@ class Name {
 
 // A Python text. Requires at construction: the object is a str (else TypeError).
 // Texts compare by content, code point by code point; identical objects are not looked into.
+// The one exception is OrNone, for fields that may be none: it equals only itself.
 class Text {
  public:
   Text() noexcept = default;
   explicit Text(Object object);
+  static Text OrNone(Object object) {
+    if (!object.is_none()) return Text(std::move(object));
+    Text none;
+    none.object_ = Object::None();
+    return none;
+  }
   static Text FromUtf8(std::string_view utf8);
 
   const Object& object() const noexcept { return object_; }
   PyObject* get() const noexcept { return object_.get(); }
-  explicit operator bool() const noexcept { return static_cast<bool>(object_); }
+  bool is_none() const noexcept { return object_.is_none(); }
 
   friend bool operator==(const Text& a, const Text& b) {
-    return a.get() == b.get() || PyUnicode_Compare(a.get(), b.get()) == 0;
+    if (a.get() == b.get()) return true;
+    return !a.is_none() && !b.is_none() && PyUnicode_Compare(a.get(), b.get()) == 0;
   }
+  // Requires: neither is none.
   friend bool operator<(const Text& a, const Text& b) {
     return a.get() != b.get() && PyUnicode_Compare(a.get(), b.get()) < 0;
   }
   // Compares with ASCII text.
   bool equals(const char* ascii) const {
-    return PyUnicode_CompareWithASCIIString(get(), ascii) == 0;
+    return !is_none() && PyUnicode_CompareWithASCIIString(get(), ascii) == 0;
   }
 
  private:

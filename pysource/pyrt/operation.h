@@ -234,10 +234,9 @@ struct Closure {
   }
 
   static Object New(const Object& held) {
-    static PyMethodDef definition{
-        internal::Signature<kFixed>::kNameStorage.data(),
-        reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Run)),
-        METH_FASTCALL | METH_KEYWORDS, nullptr};
+    static PyMethodDef definition{internal::Signature<kFixed>::kNameStorage.data(),
+                                  reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Run)),
+                                  METH_FASTCALL | METH_KEYWORDS, nullptr};
     return Own(PyCFunction_NewEx(&definition, held.get(), nullptr));
   }
 };

@@ -20,7 +20,7 @@ _CScanQueue& CScanCoordinator::queue() const {
 
 void CScanCoordinator::Init(std::int32_t idle_priority, const Object& ana_mgr) {
   static constinit pyrt::Name kQueueLocationsAdded{"_CB_QueueLocationsAdded"};
-  if (std::exchange(initialized_, true)) {
+  if (initialized_) {
     pyrt::Raise(PyExc_RuntimeError, "CScanCoordinator.__init__() was called already");
   }
   fAnaMgr = host::AnalysisManager(ana_mgr);
@@ -42,6 +42,7 @@ void CScanCoordinator::Init(std::int32_t idle_priority, const Object& ana_mgr) {
   fIdlePriority = idle_priority;
   fLog = host::Logger("IdleAnalysis");
   ConnectSignals();
+  initialized_ = true;
 }
 
 void CScanCoordinator::ConnectSignals() {

@@ -44,7 +44,7 @@ void CScanCoordinator::CheckBatch(const Object& batch) {
     priorities.Set(loc, priority);
   });
   fLog("Checking whole files: %r", batch);
-  const pyrt::Dict modtimes{__GetModtimeDict(priorities.Keys().object())};
+  const pyrt::Dict modtimes = pyrt::Dict::Checked(__GetModtimeDict(priorities.Keys().object()));
 
   pyrt::List up_to_date;
   pyrt::List to_remove;

@@ -79,7 +79,7 @@ void CScanCoordinator::__AddImportEquivsToQueue(const Object& imported_equivs, c
       if (host::location::IsReady(loc)) ready_loc_list.Append(loc);
     });
   }
-  const pyrt::Dict mtimes{__GetModtimeDict(ready_loc_list.object())};
+  const pyrt::Dict mtimes = pyrt::Dict::Checked(__GetModtimeDict(ready_loc_list.object()));
 
   // A location that isn't ready is kept, and its check left to the whole-file check.
   pyrt::List changed;

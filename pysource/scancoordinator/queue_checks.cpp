@@ -15,7 +15,7 @@ Object _CScanQueue::PopWholeFilesToCheck(std::int64_t max_files) {
     const LocationRecord& record = (*store_)[id];
     popped.emplace_back(record.location, store_->priority(record.check_priority));
     store_->RemoveCheck(id);
-    const Location released = store_->ForgetIfUnused(id);
+    const Location released = store_->ForgetIfUnused(id);  // `popped` still holds the object
   }
   pyrt::List result;
   for (const auto& [loc, priority] : popped) {

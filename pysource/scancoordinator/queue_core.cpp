@@ -34,23 +34,13 @@ void _CScanQueue::Init(const Object& location_data_cache) {
   static constinit pyrt::Name kCleared{"_CB_LocReadyCleared"};
   static constinit pyrt::Name kSingletonChanged{"_CB_SingletonChanged"};
 
-  fAnyAsyncInspectLocation = false;
-  _fScansToOrder = pyrt::Dict().object();
-  _fOrderedQueues.clear();
-  store_ = std::make_shared<ScanStore>();
-  _fSignalEmitIdle = nullptr;
+  // The other fields have their initial values from the start.
   _fLocationDataCache = location_data_cache;
 
   host::ConnectWhileAlive(_fLocationDataCache, "now-tree-branch-ready", Bound(kBranchesReady),
                           self());
   host::ConnectWhileAlive(_fLocationDataCache, "inspect-failed", Bound(kInspectFailed), self());
   host::ConnectWhileAlive(_fLocationDataCache, "cleared", Bound(kCleared), self());
-
-  _fActiveDocLoc = nullptr;
-  _fVisibleDocLocs = pyrt::Set();
-  _fWaitingForInspectByLoc = pyrt::Dict();
-  _fScanItemsWaitingForData = pyrt::Set();
-  _fGuiMgr = nullptr;
 
   host::ConnectWhileAlive(host::Singletons::Get().object(), "changed",
                           host::lgtk::NoArgCallback(Bound(kSingletonChanged)), self());
@@ -90,7 +80,7 @@ std::int64_t _CScanQueue::OrderOf(const Text& scan_name) const {
 Object _CScanQueue::_GetSingleQueue(const Text& scan_name, Priority priority) {
   if (pyrt::DebugChecks() &&
       pyrt::Check(PySequence_Contains(_fScansToOrder.get(), scan_name.get())) == 0) {
-    pyrt::Print("Scan without order: ", scan_name);
+    pyrt::Print(pyrt::Own(PyUnicode_FromFormat("Scan without order: %U", scan_name.get())));
   }
   const std::int64_t order = OrderOf(scan_name);
   if (const auto found = PositionOf(priority, order); IsAt(found, priority, order)) return *found;
@@ -123,39 +113,39 @@ bool _CScanQueue::IsAt(std::vector<Object>::const_iterator position, Priority pr
 
 void _CScanQueue::_AddScanToPerLocationMap(const Location& loc, const Text& scope_name,
                                            const Text& scan_name, Priority priority) {
-  const LocId id = store_->Intern(loc);
+  const LocationPin pin(*store_, loc);
   const NameId name = store_->InternName(scan_name);
-  const bool is_new_location = (*store_)[id].scans.empty();
-  if (QueuedScan* queued = store_->FindScan(id, scope_name, name); queued != nullptr) {
+  const bool is_new_location = pin.record().scans.empty();
+  if (QueuedScan* queued = store_->FindScan(pin.id(), scope_name, name); queued != nullptr) {
     pyrt::DebugCheck(false, "the scan is in the queue already");
     queued->priority = store_->InternPriority(priority);
+    ++store_->totals(name).scan_count;
     return;
   }
-  store_->AddScan(id, scope_name, name, priority);
+  store_->AddScan(pin.id(), scope_name, name, priority);
   ScanNameTotals& totals = store_->totals(name);
   ++totals.scan_count;
-  if (store_->CountScans(id, name) == 1) ++totals.file_count;
+  if (store_->CountScans(pin.id(), name) == 1) ++totals.file_count;
   pyrt::DebugCheck(totals.scan_count >= totals.file_count);
   // Last, when the map is whole: this leads out to the host.
-  if (is_new_location) _UpdatePendingSets(LocationSet::Of(loc), LocationSet::Empty());
+  if (is_new_location) _UpdatePendingSets(LocationSet::Of(pin.location()), LocationSet::Empty());
 }
 
 bool _CScanQueue::_RemoveScanFromPerLocationMap(const Location& loc, const Text& scope_name,
                                                 const Text& scan_name, Priority priority) {
-  const LocId id = store_->Find(loc);
-  if (id == kNoIndex) return false;
+  const LocationPin pin(*store_, loc);
   const NameId name = store_->FindName(scan_name);
-  const QueuedScan* queued = store_->FindScan(id, scope_name, name);
+  const QueuedScan* queued = store_->FindScan(pin.id(), scope_name, name);
   if (queued == nullptr || store_->priority(queued->priority) != priority) return false;
 
-  const QueuedScan removed = store_->TakeScan(id, queued);
+  const QueuedScan removed = store_->TakeScan(pin.id(), queued);
   ScanNameTotals& totals = store_->totals(name);
   --totals.scan_count;
-  if (store_->CountScans(id, name) == 0) --totals.file_count;
+  if (store_->CountScans(pin.id(), name) == 0) --totals.file_count;
   pyrt::DebugCheck(totals.scan_count >= totals.file_count && totals.file_count >= 0);
   // Last, when the map is whole: this leads out to the host.
-  if ((*store_)[id].scans.empty()) {
-    _UpdatePendingSets(LocationSet::None(), LocationSet::Of(loc));
+  if (pin.record().scans.empty()) {
+    _UpdatePendingSets(LocationSet::None(), LocationSet::Of(pin.location()));
   }
   return true;
 }
@@ -181,11 +171,9 @@ MaybePriority _CScanQueue::_FindScanPriority(const Location& loc, const Text& sc
   return CScanItem::FromRecord(items[0]).priority();
 }
 
-bool _CScanQueue::IsQueuedAt(const ScanTriple& scan_triple, Priority priority) const {
-  const LocId id = store_->Find(scan_triple.loc);
-  if (id == kNoIndex) return false;
-  const QueuedScan* queued =
-      store_->FindScan(id, scan_triple.scope_name, store_->FindName(scan_triple.scan_name));
+bool _CScanQueue::IsQueuedAt(LocId id, const Text& scope_name, const Text& scan_name,
+                             Priority priority) const {
+  const QueuedScan* queued = store_->FindScan(id, scope_name, store_->FindName(scan_name));
   return queued != nullptr && store_->priority(queued->priority) == priority;
 }
 
@@ -215,7 +203,7 @@ void _CScanQueue::AddScanPairs(const Object& pair_seq, const Text& scan_name,
       fAnyAsyncInspectLocation = true;
     }
     if (IsTreeBranchReady(pair.loc)) {
-      ready.push_back(std::move(pair));
+      ready.pairs.push_back(std::move(pair));
       return;
     }
     pyrt::List items;
@@ -223,26 +211,31 @@ void _CScanQueue::AddScanPairs(const Object& pair_seq, const Text& scan_name,
     _AddItemsWaitingForInspect(pair.loc, items.object());
     if (add_to_check) _SetWholeFileCheckWaitingForInspect(pair.loc, at);
   });
-  if (!ready.empty()) _AddReadyScanPairs(ready, scan_name, at, add_to_check);
+  if (!ready.pairs.empty()) _AddReadyScanPairs(ready, scan_name, at, add_to_check);
 }
 
 void _CScanQueue::_AddReadyScanPairs(const ScanPairs& ready_pair_list, const Text& scan_name,
                                      Priority priority, bool add_to_check) {
-  const Object target = _GetSingleQueue(scan_name, priority);
-  OrderedScopes& ordered = _CSingleScanQueue::Checked(target).fOrderedDict();
+  Object target = _GetSingleQueue(scan_name, priority);
   const Text wildcard = host::symbols::WildcardScope();
-  for (const ScanPair& pair : ready_pair_list) {
-    if (!AddReadyPair(pair, scan_name, priority, wildcard, ordered)) continue;
+  for (const ScanPair& pair : ready_pair_list.pairs) {
+    if (!AddReadyPair(pair, scan_name, priority, wildcard, target)) continue;
     if (add_to_check) store_->SetCheck(store_->Intern(pair.loc), priority);
   }
+  ready_pair_list.ThrowFailure();
 }
 
 // Adds one pair, unless it is covered already; tells whether it was added.
 bool _CScanQueue::AddReadyPair(const ScanPair& pair, const Text& scan_name, Priority priority,
-                               const Text& wildcard, OrderedScopes& target) {
-  const auto& [loc, scope_name] = pair;
+                               const Text& wildcard, Object& target) {
+  LocationPin pin(*store_, pair.loc);
+  const Location released = pin.RenewIfNotQueued(pair.loc);
+  const Location& loc = pin.location();
+  const Text& scope_name = pair.scope_name;
   const MaybePriority existing = _FindScanPriority(loc, scope_name, scan_name);
   if (existing && *existing <= priority) return false;  // early enough as it is
+  // Asked first, since it may fail: what is taken out below must go in again.
+  const bool visible = !_fVisibleDocLocs.empty() && _fVisibleDocLocs.Contains(loc.object());
   if (existing) RemoveScanTriple({loc, scope_name, scan_name}, existing);
 
   if (!(scope_name == wildcard)) {
@@ -250,16 +243,16 @@ bool _CScanQueue::AddReadyPair(const ScanPair& pair, const Text& scan_name, Prio
     if (whole_file && *whole_file <= priority) return false;
   }
 
-  const bool visible = !_fVisibleDocLocs.empty() && _fVisibleDocLocs.Contains(loc.object());
-  const LocId id = store_->Intern(loc);
-  Scopes* scopes = target.Get(id, visible);
+  // From here to the placing nothing of the host runs.
+  OrderedScopes& ordered = TargetInUse(scan_name, priority, target);
+  Scopes* scopes = ordered.Get(pin.id(), visible);
   pyrt::AllSteps steps;
   if (scopes == nullptr) {
-    target.Set(id, One(scope_name), visible);
+    ordered.Set(pin.id(), One(scope_name), visible);
   } else if ((*scopes)[0] == wildcard) {
     return false;
   } else if (scope_name == wildcard) {
-    Absorb(pair, scan_name, priority, target, steps);
+    Absorb(pin, scope_name, scan_name, priority, target, steps);
   } else {
     const Text* place = LowerBound(*scopes, scope_name);
     if (place != scopes->end() && *place == scope_name) return false;
@@ -267,29 +260,50 @@ bool _CScanQueue::AddReadyPair(const ScanPair& pair, const Text& scan_name, Prio
   }
   steps.Run([&] { _AddScanToPerLocationMap(loc, scope_name, scan_name, priority); });
   // A failure before the map has changed must not leave the scope behind.
-  if (steps.failed() && !IsQueuedAt({loc, scope_name, scan_name}, priority)) {
-    RemoveScope(target, loc, scope_name);
+  if (steps.failed() && !IsQueuedAt(pin.id(), scope_name, scan_name, priority)) {
+    RemoveScope(Own(target).fOrderedDict(), pin.id(), scope_name);
   }
   steps.Finish();
   return true;
 }
 
 // Lets the whole-file scan take the place of the location's scopes in one single queue.
-void _CScanQueue::Absorb(const ScanPair& pair, const Text& scan_name, Priority priority,
-                         OrderedScopes& target, pyrt::AllSteps& steps) {
-  const Scopes& present = target.At(store_->Find(pair.loc));
+void _CScanQueue::Absorb(const LocationPin& pin, const Text& wildcard, const Text& scan_name,
+                         Priority priority, Object& target, pyrt::AllSteps& steps) {
+  const Scopes& present = *Own(target).fOrderedDict().Get(pin.id());
   const std::vector<Text> old(present.begin(), present.end());
   for (const Text& scope_name : old) {
-    steps.Run([&] { _RemoveScanFromPerLocationMap(pair.loc, scope_name, scan_name, priority); });
+    steps.Run(
+        [&] { _RemoveScanFromPerLocationMap(pin.location(), scope_name, scan_name, priority); });
   }
   // The host was called meanwhile: look again.
-  const LocId id = store_->Intern(pair.loc);
-  Scopes* scopes = target.Get(id);
-  if (scopes == nullptr) {
-    target.Set(id, One(pair.scope_name), false);
-    return;
+  OrderedScopes& ordered = TargetInUse(scan_name, priority, target);
+  if (Scopes* scopes = ordered.Get(pin.id()); scopes != nullptr) {
+    const Scopes released = std::exchange(*scopes, One(wildcard));
+  } else {
+    ordered.Set(pin.id(), One(wildcard), false);
   }
-  const Scopes released = std::exchange(*scopes, One(pair.scope_name));
+}
+
+// A single queue of this very queue. TypeError or ValueError for anything else, such as an override
+// or a caller may bring.
+_CSingleScanQueue& _CScanQueue::Own(const Object& queue) const {
+  _CSingleScanQueue& single = _CSingleScanQueue::Checked(queue);
+  if (&single.store() != store_.get()) {
+    pyrt::Raise(PyExc_ValueError, "the _CSingleScanQueue belongs to another queue");
+  }
+  return single;
+}
+
+bool _CScanQueue::IsInUse(const Object& queue) const {
+  return std::any_of(_fOrderedQueues.begin(), _fOrderedQueues.end(),
+                     [&](const Object& used) { return used.is(queue); });
+}
+
+// The entries of `target`, which is fetched anew if a Clear has dropped it meanwhile.
+OrderedScopes& _CScanQueue::TargetInUse(const Text& scan_name, Priority priority, Object& target) {
+  if (!IsInUse(target)) target = _GetSingleQueue(scan_name, priority);
+  return Own(target).fOrderedDict();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -306,15 +320,14 @@ Object _CScanQueue::_FirstOrNone() {
   OrderedScopes& ordered = single.fOrderedDict();
 
   const LocId first = ordered.first();
-  const Location loc = (*store_)[first].location;
+  const LocationPin pin(*store_, (*store_)[first].location);
   const Text scope_name = ordered.At(first)[0];
-  if (!IsTreeBranchReady(loc)) {
-    _MoveScansForLocToWaitingForInspect(loc, std::nullopt);
-    pyrt::DebugCheck(ordered.empty() || ordered.first() != first ||
-                     !(*store_)[first].location.is(loc));
+  if (!IsTreeBranchReady(pin.location())) {
+    _MoveScansForLocToWaitingForInspect(pin.location(), std::nullopt);
+    pyrt::DebugCheck(ordered.first() != first);
     return Object();
   }
-  return CScanItem(loc, scope_name, single.fScanName, single.fPriority).record();
+  return CScanItem(pin.location(), scope_name, single.fScanName, single.fPriority).record();
 }
 
 Object _CScanQueue::First() {
@@ -328,9 +341,11 @@ Object _CScanQueue::First() {
 // Leaving
 
 void _CScanQueue::ScanCompleted(const CScanItem& scan_item) {
-  const LocId id = store_->Intern(scan_item.loc());
-  store_->CountCompleted(id, scan_item.scope_name(), store_->InternName(scan_item.scan_name()));
-  RemoveScanTriple(scan_item.triple(), scan_item.priority());
+  const LocationPin pin(*store_, scan_item.loc());
+  store_->CountCompleted(pin.id(), scan_item.scope_name(),
+                         store_->InternName(scan_item.scan_name()));
+  RemoveScanTriple({pin.location(), scan_item.scope_name(), scan_item.scan_name()},
+                   scan_item.priority());
 }
 
 bool _CScanQueue::RemoveScanTriple(const ScanTriple& scan_triple, MaybePriority priority,
@@ -343,37 +358,53 @@ bool _CScanQueue::RemoveScanTriple(const ScanTriple& scan_triple, MaybePriority 
   if (!priority) priority = _FindScanPriority(loc, scope_name, scan_name);
   if (!priority) return false;
 
+  const LocationPin pin(*store_, loc);
+  const auto is_queued = [&] { return IsQueuedAt(pin.id(), scope_name, scan_name, *priority); };
   pyrt::AllSteps steps;
-  const bool was_queued = IsQueuedAt(scan_triple, *priority);
+  const bool was_queued = is_queued();
   bool removed = false;
-  steps.Run(
-      [&] { removed = _RemoveScanFromPerLocationMap(loc, scope_name, scan_name, *priority); });
+  steps.Run([&] {
+    removed = _RemoveScanFromPerLocationMap(pin.location(), scope_name, scan_name, *priority);
+  });
   // A failure that comes when the map has changed already must not leave the scope behind.
-  if (!removed && !(was_queued && !IsQueuedAt(scan_triple, *priority))) {
+  if (!removed && !(was_queued && !is_queued())) {
     steps.Finish();
     return false;
   }
   bool found = false;
+  Object queue;
+  steps.Run([&] { queue = _GetSingleQueue(scan_name, *priority); });
   steps.Run([&] {
-    const Object queue = _GetSingleQueue(scan_name, *priority);
-    found = RemoveScope(_CSingleScanQueue::Checked(queue).fOrderedDict(), loc, scope_name);
+    if (!queue) queue = QueueThatHolds(pin.id(), scan_name, *priority);
+    if (queue) {
+      found = RemoveScope(Own(queue).fOrderedDict(), pin.id(), scope_name);
+    }
   });
   steps.Finish();
   return found;
 }
 
+// The single queue that holds the location for a name and priority, or empty. For a failure of
+// _GetSingleQueue, which asks the host for the order of the name.
+Object _CScanQueue::QueueThatHolds(LocId id, const Text& scan_name, Priority priority) const {
+  for (const Object& queue : _fOrderedQueues) {
+    auto& single = _CSingleScanQueue::From(queue.get());
+    if (single.fPriority == priority && single.fScanName == scan_name &&
+        single.fOrderedDict().Get(id) != nullptr) {
+      return queue;
+    }
+  }
+  return Object();
+}
+
 // Removes a scope from the location's list in a single queue, and with the last one the location.
-bool _CScanQueue::RemoveScope(OrderedScopes& ordered, const Location& loc, const Text& scope_name) {
-  const LocId id = store_->Find(loc);
-  if (id == kNoIndex) return false;
+bool _CScanQueue::RemoveScope(OrderedScopes& ordered, LocId id, const Text& scope_name) {
   Scopes* scopes = ordered.Get(id);
   if (scopes == nullptr) return false;
   const Text* place = LowerBound(*scopes, scope_name);
   if (place == scopes->end() || !(*place == scope_name)) return false;
   const Text released = scopes->Take(static_cast<std::size_t>(place - scopes->begin()));
-  if (!scopes->empty()) return true;
-  const Scopes emptied = ordered.Take(id);
-  const Location forgotten = store_->ForgetIfUnused(id);
+  if (scopes->empty()) const Scopes emptied = ordered.Take(id);
   return true;
 }
 

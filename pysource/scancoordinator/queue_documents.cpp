@@ -36,21 +36,21 @@ void _CScanQueue::UpdateForVisibleDocuments(const Object& active_loc, const Obje
       pyrt::Equal(visible.object(), _fVisibleDocLocs.object())) {
     return;
   }
+  // The active location is handled last, and so ends up in front of the others. Made before
+  // anything is stored: asking the locations for their hash and equality may fail.
+  std::vector<Location> locations{Location(active_loc)};
+  pyrt::ForEach(pyrt::List::Of(visible.object()).object(), [&](const Object& loc) {
+    if (!pyrt::Equal(loc, active_loc)) locations.emplace_back(loc);
+  });
   _fActiveDocLoc = active_loc;
   _fVisibleDocLocs = visible;
 
-  // The active location is handled last, and so ends up in front of the others.
-  pyrt::List locations;
-  locations.Append(active_loc);
-  pyrt::ForEach(pyrt::List::Of(visible.object()).object(), [&](const Object& loc) {
-    if (!pyrt::Equal(loc, active_loc)) locations.Append(loc);
-  });
   // One set for the whole call, not one for each location: of all these only the first one handled
   // is promoted for a scan name and priority.
   std::vector<std::pair<Text, Priority>> done;
   for (std::size_t i = locations.size(); i-- > 0;) {
-    const Location loc(locations[i]);
-    for (const QueuedScan& scan : SnapshotOf(loc)) {
+    const LocationPin pin(*store_, locations[i]);
+    for (const QueuedScan& scan : SnapshotOf(pin.location())) {
       const Text scan_name = store_->name(scan.scan_name);
       const Priority priority = store_->priority(scan.priority);
       if (std::find(done.begin(), done.end(), std::pair(scan_name, priority)) != done.end()) {
@@ -60,12 +60,11 @@ void _CScanQueue::UpdateForVisibleDocuments(const Object& active_loc, const Obje
       const Object from_queue = _GetSingleQueue(scan_name, priority);
       pyrt::DebugCheck(!from_queue.is_none());
       if (priority <= kInteractivePriority) {
-        const LocId id = store_->Find(loc);
-        if (id != kNoIndex) _CSingleScanQueue::Checked(from_queue).fOrderedDict().Get(id, true);
+        Own(from_queue).fOrderedDict().Get(pin.id(), true);
       } else {
         const Object to_queue = _GetSingleQueue(scan_name, kInteractivePriority);
         pyrt::DebugCheck(!to_queue.is_none());
-        _MoveScansBetweenQueues(loc, Object(), from_queue, to_queue);
+        _MoveScansBetweenQueues(pin.location(), Object(), from_queue, to_queue);
       }
     }
   }
@@ -73,11 +72,13 @@ void _CScanQueue::UpdateForVisibleDocuments(const Object& active_loc, const Obje
 
 void _CScanQueue::_MoveScansBetweenQueues(const Location& loc, const Object& names_to_move,
                                           const Object& from_queue, const Object& to_queue) {
-  auto& from = _CSingleScanQueue::Checked(from_queue);
-  auto& to = _CSingleScanQueue::Checked(to_queue);
-  pyrt::DebugCheck(from.fScanName == to.fScanName);
-  LocId id = store_->Find(loc);
-  if (id == kNoIndex || (*store_)[id].scans.empty()) return;
+  pyrt::DebugCheck(_CSingleScanQueue::Checked(from_queue).fScanName ==
+                   _CSingleScanQueue::Checked(to_queue).fScanName);
+  const LocationPin pin(*store_, loc);
+  const LocId id = pin.id();
+  if (pin.record().scans.empty()) return;
+  auto& from = Own(from_queue);
+  auto& to = Own(to_queue);
 
   if (!names_to_move.is_none()) {
     // The selective form moves nothing from a location that has scopes, and without any there is
@@ -96,7 +97,9 @@ void _CScanQueue::_MoveScansBetweenQueues(const Location& loc, const Object& nam
   pyrt::AllSteps steps;
   const auto remove = [&](const std::vector<Text>& names, Priority priority) {
     for (const Text& scope_name : names) {
-      steps.Run([&] { _RemoveScanFromPerLocationMap(loc, scope_name, to.fScanName, priority); });
+      steps.Run([&] {
+        _RemoveScanFromPerLocationMap(pin.location(), scope_name, to.fScanName, priority);
+      });
     }
   };
   Scopes* target = to.fOrderedDict().Get(id, true);
@@ -111,7 +114,11 @@ void _CScanQueue::_MoveScansBetweenQueues(const Location& loc, const Object& nam
   } else if (moves_whole_file) {
     const std::vector<Text> covered(target->begin(), target->end());
     remove(covered, to.fPriority);
-    id = store_->Intern(loc);
+    // The host was called meanwhile: look again.
+    if (!IsInUse(to_queue) || store_->FindScan(id, to_move.front(), name) == nullptr) {
+      steps.Finish();
+      return;
+    }
     Scopes whole_file;
     whole_file.Append(to_move.front());
     if (Scopes* left = to.fOrderedDict().Get(id); left != nullptr) {
@@ -128,6 +135,8 @@ void _CScanQueue::_MoveScansBetweenQueues(const Location& loc, const Object& nam
   for (const Text& scope_name : to_move) {
     if (QueuedScan* scan = store_->FindScan(id, scope_name, name); scan != nullptr) {
       scan->priority = store_->InternPriority(to.fPriority);
+    } else {
+      store_->AddScan(id, scope_name, name, to.fPriority);  // between queues for different names
     }
   }
   steps.Finish();

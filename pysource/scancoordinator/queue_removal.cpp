@@ -1,5 +1,7 @@
 // Bulk removal: all scans of some locations, or everything.
 
+#include <deque>
+
 #include "host/destroyable.h"
 #include "pysource/scancoordinator/scan_queue.h"
 
@@ -26,10 +28,16 @@ void _CScanQueue::RemoveAllForLocations(const Object& loc_seq, const Object& sca
 }
 
 void _CScanQueue::Clear() {
-  std::vector<Location> queued;
+  std::vector<LocId> ids;
   store_->ForEachRecord([&](LocId id) {
-    if (!(*store_)[id].scans.empty()) queued.push_back((*store_)[id].location);
+    if (!(*store_)[id].scans.empty()) ids.push_back(id);
   });
+  std::deque<LocationPin> pins;  // so that reporting them below runs no code of the host
+  std::vector<Location> queued;
+  for (const LocId id : ids) {
+    pins.emplace_back(*store_, (*store_)[id].location);
+    queued.push_back(pins.back().location());
+  }
 
   pyrt::AllSteps steps;
   const std::vector<Object> destroyed = _fOrderedQueues;

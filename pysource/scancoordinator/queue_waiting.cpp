@@ -21,14 +21,14 @@ Waiting Read(const Object& record) {
 
 void _CScanQueue::_AddItemsWaitingForInspect(const Location& loc, const Object& item_seq) {
   const pyrt::List items = pyrt::List::Of(item_seq);
-  pyrt::ForEach(items.object(), [](const Object& item) { CScanItem::FromRecord(item); });
-  Object record = _fWaitingForInspectByLoc.Get(loc.object());
-  if (!record) {
-    record = records::WaitingForInspect(pyrt::Set().object(), Object::None());
-    _fWaitingForInspectByLoc.Set(loc.object(), record);
-  }
-  Waiting waiting = Read(record);
-  pyrt::ForEach(items.object(), [&](const Object& item) { waiting.item_set.Add(item); });
+  pyrt::ForEach(items.object(),
+                [](const Object& item) { CScanItem::FromRecord(item).RequireScan(); });
+  const Object record = _fWaitingForInspectByLoc.Get(loc.object());
+  pyrt::Set item_set = record ? Read(record).item_set : pyrt::Set();
+  pyrt::ForEach(items.object(), [&](const Object& item) { item_set.Add(item); });
+  if (record) return;
+  _fWaitingForInspectByLoc.Set(loc.object(),
+                               records::WaitingForInspect(item_set.object(), Object::None()));
 }
 
 void _CScanQueue::_SetWholeFileCheckWaitingForInspect(const Location& loc,
@@ -45,7 +45,7 @@ void _CScanQueue::_MoveScansForLocToWaitingForInspect(const Location& loc,
   const Object pending = GetPendingDictForLoc(loc);
   if (pending.is_none()) return;
   pyrt::List items;
-  pyrt::Dict(pending).ForEachItem([&](const Object& key, const Object& priority) {
+  pyrt::Dict::Checked(pending).ForEachItem([&](const Object& key, const Object& priority) {
     const auto [scope_name, scan_name] = pyrt::Unpack<2>(key);
     items.Append(CScanItem(loc, Text(scope_name), Text(scan_name),
                            pyrt::FromPython<Priority>(priority.get()))
@@ -81,28 +81,33 @@ void _CScanQueue::_CB_TreeBranchesNowReady(const Object&, const Object& ready_se
     ScanPairs pairs;
   };
   std::vector<Group> groups;  // few, in the order of appearance
+  const auto group_of = [&](const CScanItem& item, bool add_to_check) -> Group& {
+    const Priority priority = item.priority().value_or(kBackgroundPriority);
+    for (Group& group : groups) {
+      if (group.scan_name == item.scan_name() && group.priority == priority &&
+          group.add_to_check == add_to_check) {
+        return group;
+      }
+    }
+    return groups.emplace_back(Group{item.scan_name(), priority, add_to_check, {}});
+  };
+  pyrt::AllSteps steps;  // what has left the waiting area must be added, whatever fails
   pyrt::ForEach(locs.object(), [&](const Object& loc) {
-    const Object record = _fWaitingForInspectByLoc.Pop(loc);
-    if (!record) return;
-    const Waiting waiting = Read(record);
-    // A due check is entered with the priority of the scan, not with the stored one.
-    const bool add_to_check = !waiting.check_whole_file_priority.is_none();
-    pyrt::ForEach(pyrt::List::Of(waiting.item_set.object()).object(), [&](const Object& element) {
-      const CScanItem item = CScanItem::FromRecord(element);
-      const Priority priority = item.priority().value_or(kBackgroundPriority);
-      auto group = groups.begin();
-      while (group != groups.end() &&
-             !(group->scan_name == item.scan_name() && group->priority == priority &&
-               group->add_to_check == add_to_check)) {
-        ++group;
+    steps.Run([&] {
+      const Object record = _fWaitingForInspectByLoc.Get(loc);
+      if (!record) return;
+      const Waiting waiting = Read(record);
+      std::vector<CScanItem> items;
+      pyrt::ForEach(pyrt::List::Of(waiting.item_set.object()).object(),
+                    [&](const Object& item) { items.push_back(CScanItem::FromRecord(item)); });
+      _fWaitingForInspectByLoc.Discard(loc);
+      // A due check is entered with the priority of the scan, not with the stored one.
+      const bool add_to_check = !waiting.check_whole_file_priority.is_none();
+      for (const CScanItem& item : items) {
+        group_of(item, add_to_check).pairs.pairs.push_back({item.loc(), item.scope_name()});
       }
-      if (group == groups.end()) {
-        group = groups.insert(group, {item.scan_name(), priority, add_to_check, {}});
-      }
-      group->pairs.push_back({item.loc(), item.scope_name()});
     });
   });
-  pyrt::AllSteps steps;  // the records are gone: every group must be added
   for (const Group& group : groups) {
     steps.Run([&] {
       _AddReadyScanPairs(group.pairs, group.scan_name, group.priority, group.add_to_check);
@@ -115,25 +120,21 @@ void _CScanQueue::_CB_InspectFailed(const Object&, const Object&) {}
 
 void _CScanQueue::_CB_LocReadyCleared(const Object&) {}
 
+// In both, a scan is in its new place before it leaves the old one, so that no failure loses it.
+
 void _CScanQueue::StartWaitingForData(const CScanItem& scan_item) {
+  scan_item.RequireScan();
   if (_fScanItemsWaitingForData.Contains(scan_item.record())) return;
-  pyrt::AllSteps steps;  // what has left the queue must be parked
-  steps.Run([&] { RemoveScanTriple(scan_item.triple(), scan_item.priority()); });
-  steps.Run([&] { _fScanItemsWaitingForData.Add(scan_item.record()); });
-  steps.Finish();
+  _fScanItemsWaitingForData.Add(scan_item.record());
+  RemoveScanTriple(scan_item.triple(), scan_item.priority());
 }
 
 void _CScanQueue::FinishedWaitingForData(const CScanItem& scan_item) {
   if (!_fScanItemsWaitingForData.Contains(scan_item.record())) return;
-  _fScanItemsWaitingForData.Discard(scan_item.record());
   pyrt::List pairs;
   pairs.Append(pyrt::MakeTuple(scan_item.loc().object(), scan_item.scope_name()));
-  try {
-    AddScanPairs(pairs.object(), scan_item.scan_name(), scan_item.priority());
-  } catch (...) {
-    _fScanItemsWaitingForData.Add(scan_item.record());  // not lost: it waits on
-    throw;
-  }
+  AddScanPairs(pairs.object(), scan_item.scan_name(), scan_item.priority());
+  _fScanItemsWaitingForData.Discard(scan_item.record());
 }
 
 }  // namespace pysource

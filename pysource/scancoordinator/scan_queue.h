@@ -152,11 +152,15 @@ class _CScanQueue : public pyrt::Body {
 
  private:
   bool AddReadyPair(const ScanPair& pair, const Text& scan_name, Priority priority,
-                    const Text& wildcard, OrderedScopes& target);
-  void Absorb(const ScanPair& pair, const Text& scan_name, Priority priority, OrderedScopes& target,
-              pyrt::AllSteps& steps);
-  bool IsQueuedAt(const ScanTriple& scan_triple, Priority priority) const;
-  bool RemoveScope(OrderedScopes& ordered, const Location& loc, const Text& scope_name);
+                    const Text& wildcard, Object& target);
+  void Absorb(const LocationPin& pin, const Text& wildcard, const Text& scan_name,
+              Priority priority, Object& target, pyrt::AllSteps& steps);
+  _CSingleScanQueue& Own(const Object& queue) const;
+  bool IsInUse(const Object& queue) const;
+  OrderedScopes& TargetInUse(const Text& scan_name, Priority priority, Object& target);
+  bool IsQueuedAt(LocId id, const Text& scope_name, const Text& scan_name, Priority priority) const;
+  bool RemoveScope(OrderedScopes& ordered, LocId id, const Text& scope_name);
+  Object QueueThatHolds(LocId id, const Text& scan_name, Priority priority) const;
   std::vector<Object>::const_iterator PositionOf(Priority priority, std::int64_t order) const;
   bool IsAt(std::vector<Object>::const_iterator position, Priority priority,
             std::int64_t order) const;

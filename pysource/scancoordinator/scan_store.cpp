@@ -22,24 +22,34 @@ std::size_t ScanStore::HomeOf(Py_hash_t hash) const noexcept {
   return static_cast<std::size_t>(Mix(hash) >> shift_);
 }
 
-LocId ScanStore::Find(const Location& location) const {
+LocId ScanStore::FindIdentical(const Location& location, bool& same_hash_seen) const {
   const std::uint32_t short_hash = Short(location.hash());
+  const std::size_t mask = table_.size() - 1;
+  for (std::size_t i = HomeOf(location.hash()); table_[i].id != kNoIndex; i = (i + 1) & mask) {
+    if (table_[i].hash != short_hash) continue;
+    const Location& candidate = records_[table_[i].id].location;
+    if (candidate.is(location)) return table_[i].id;
+    same_hash_seen = same_hash_seen || candidate.hash() == location.hash();
+  }
+  return kNoIndex;
+}
+
+LocId ScanStore::Find(const Location& location) const {
   for (;;) {  // again whenever `__eq__` has changed the table
+    bool same_hash_seen = false;
+    const LocId identical = FindIdentical(location, same_hash_seen);
+    if (identical != kNoIndex || !same_hash_seen) return identical;
+
     const std::uint64_t version = version_;
-    bool changed = false;
     const std::size_t mask = table_.size() - 1;
     for (std::size_t i = HomeOf(location.hash());; i = (i + 1) & mask) {
-      const Slot slot = table_[i];
-      if (slot.id == kNoIndex) return kNoIndex;
-      if (slot.hash != short_hash) continue;
-      const Location& candidate = records_[slot.id].location;
-      if (candidate.is(location)) return slot.id;
-      if (candidate.hash() != location.hash()) continue;
-      const Object held = candidate.object();
+      const LocId id = table_[i].id;
+      if (id == kNoIndex) return kNoIndex;
+      if (records_[id].location.hash() != location.hash()) continue;
+      const Object held = records_[id].location.object();
       const bool equal = pyrt::Equal(held, location.object());
-      changed = version_ != version;
-      if (changed) break;
-      if (equal) return slot.id;
+      if (version_ != version) break;
+      if (equal) return id;
     }
   }
 }
@@ -92,7 +102,7 @@ void ScanStore::RemoveSlot(LocId id) {
 
 bool ScanStore::IsUnused(const LocationRecord& record) const noexcept {
   return record.scans.empty() && record.completed.empty() && record.first_place == kNoIndex &&
-         record.check_priority == kNoIndex && !record.in_pending_list;
+         record.check_priority == kNoIndex && !record.in_pending_list && record.pins == 0;
 }
 
 Location ScanStore::ForgetIfUnused(LocId id) {
@@ -227,7 +237,7 @@ std::vector<Location> ScanStore::ClearPending() {
   for (const LocId id : pending_) {
     LocationRecord& record = records_[id];
     record.pending_added = record.pending_removed = record.in_pending_list = false;
-    released.push_back(ForgetIfUnused(id));
+    if (IsUnused(record)) released.push_back(ForgetIfUnused(id));
   }
   pending_.clear();
   return released;

@@ -55,6 +55,7 @@ struct LocationRecord {
   bool pending_added = false;
   bool pending_removed = false;
   bool in_pending_list = false;
+  std::uint32_t pins = 0;
 };
 
 // Totals of one scan name over the whole queue.
@@ -80,8 +81,8 @@ class ScanStore {
   ScanStore(const ScanStore&) = delete;
   ScanStore& operator=(const ScanStore&) = delete;
 
-  // The record's number, or kNoIndex. May run the host's `__eq__`; starts again if that changed
-  // the table.
+  // The record's number, or kNoIndex. Runs the host's `__eq__` only if no record has this very
+  // object and one has its hash; starts again if that changed the table.
   LocId Find(const Location& location) const;
   // Finds or creates the record.
   LocId Intern(const Location& location);
@@ -147,6 +148,7 @@ class ScanStore {
   void Traverse(pyrt::Visitor& visit) const noexcept;
 
  private:
+  friend class LocationPin;
   friend class OrderedScopes;
 
   struct Slot {
@@ -155,6 +157,8 @@ class ScanStore {
   };
 
   std::size_t HomeOf(Py_hash_t hash) const noexcept;
+  // Looks for the very object; tells whether another one has its hash.
+  LocId FindIdentical(const Location& location, bool& same_hash_seen) const;
   void Grow();
   void RemoveSlot(LocId id);
   bool IsUnused(const LocationRecord& record) const noexcept;
@@ -172,6 +176,40 @@ class ScanStore {
   LocId newest_check_ = kNoIndex;
   std::vector<LocId> pending_;
   std::uint32_t next_queue_ = 0;
+};
+
+// Holds a location's record for the length of an operation, creating it if need be: its number
+// stays good across calls into Python, and finding location() again runs no code of the host.
+class LocationPin {
+ public:
+  // Requires: the store outlives the pin. May run the host's `__eq__`.
+  LocationPin(ScanStore& store, const Location& location)
+      : store_(store), id_(store.Intern(location)), location_(store[id_].location) {
+    ++store_[id_].pins;
+  }
+  LocationPin(const LocationPin&) = delete;
+  LocationPin& operator=(const LocationPin&) = delete;
+  ~LocationPin() {
+    --store_[id_].pins;
+    const Location released = store_.ForgetIfUnused(id_);
+  }
+
+  LocId id() const noexcept { return id_; }
+  // The object by which the store knows the location.
+  const Location& location() const noexcept { return location_; }
+  LocationRecord& record() const noexcept { return store_[id_]; }
+  // Lets a location that isn't queued be known by an equal object from now on, as a mapping does
+  // with a key that comes back. The result is the old object, to be released by the caller.
+  [[nodiscard]] Location RenewIfNotQueued(const Location& location) {
+    if (!record().scans.empty() || record().first_place != kNoIndex) return Location();
+    location_ = location;
+    return std::exchange(record().location, location);
+  }
+
+ private:
+  ScanStore& store_;
+  LocId id_;
+  Location location_;
 };
 
 // The locations of one single queue from first to last, each with its sorted list of scopes.

@@ -48,12 +48,19 @@ CScanItem CScanItem::FromRecord(const Object& record) {
     pyrt::Raise(PyExc_TypeError, "expected a CScanItem");
   }
   auto [loc, scope_name, scan_name, priority] = pyrt::Unpack<4>(record);
-  CScanItem item(Location(std::move(loc)), Text(std::move(scope_name)), Text(std::move(scan_name)),
+  CScanItem item(Location(std::move(loc)), Text::OrNone(std::move(scope_name)),
+                 Text::OrNone(std::move(scan_name)),
                  pyrt::FromPython<MaybePriority>(priority.get()));
   if (Py_TYPE(record.get()) == reinterpret_cast<PyTypeObject*>(Classes().scan_item.get())) {
     item.record_ = record;
   }
   return item;
+}
+
+void CScanItem::RequireScan() const {
+  if (scope_name_.is_none() || scan_name_.is_none()) {
+    pyrt::Raise(PyExc_TypeError, "expected a CScanItem with a scope name and a scan name");
+  }
 }
 
 Object CScanItem::NoScan() { return Classes().no_scan; }
@@ -132,15 +139,21 @@ ScanPair Converter<ScanPair>::From(PyObject* value) {
 }
 
 ScanPairs Converter<ScanPairs>::From(PyObject* value) {
-  ScanPairs pairs;
-  ForEach(Object::Share(value),
-          [&](const Object& pair) { pairs.push_back(FromPython<ScanPair>(pair.get())); });
-  return pairs;
+  ScanPairs result;
+  const auto read = [&](const Object& pair) {
+    result.pairs.push_back(FromPython<ScanPair>(pair.get()));
+  };
+  try {
+    ForEach(Object::Share(value), read);
+  } catch (const PythonError&) {
+    result.failure = std::current_exception();
+  }
+  return result;
 }
 
 Object Converter<ScanPairs>::To(const ScanPairs& value) {
   List list;
-  for (const ScanPair& pair : value) list.Append(ToPython(pair));
+  for (const ScanPair& pair : value.pairs) list.Append(ToPython(pair));
   return list.object();
 }
 

@@ -4,6 +4,7 @@
 #define PYSOURCE_SCANCOORDINATOR_VOCABULARY_H_
 
 #include <cstdint>
+#include <exception>
 #include <optional>
 #include <span>
 #include <utility>
@@ -55,7 +56,17 @@ struct ScanPair {
   Location loc;
   Text scope_name;
 };
-using ScanPairs = std::vector<ScanPair>;
+
+// Pairs for one call. Those read from Python end at the first that is no pair; its failure is
+// thrown when the pairs before it have been processed.
+struct ScanPairs {
+  std::vector<ScanPair> pairs;
+  std::exception_ptr failure;
+
+  void ThrowFailure() const {
+    if (failure) std::rethrow_exception(failure);
+  }
+};
 
 // One scan, apart from its priority.
 struct ScanTriple {
@@ -78,6 +89,8 @@ class CScanItem {
   static CScanItem FromRecord(const Object& record);
   // The record of four nones, which stands for "no scan".
   static Object NoScan();
+  // TypeError if scope name or scan name is none.
+  void RequireScan() const;
 
   const Location& loc() const noexcept { return loc_; }
   const Text& scope_name() const noexcept { return scope_name_; }
