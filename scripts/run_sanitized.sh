@@ -13,7 +13,8 @@ failed=0
 
 section "Building with ASan and UBSan"
 .venv/bin/python -m pip install -q --disable-pip-version-check --no-build-isolation --no-deps \
-  --upgrade --target $build/site -C build-dir=$build -C cmake.define.LOOM_SANITIZE=ON . || exit 1
+  --upgrade --target $build/site -C build-dir=$build -C cmake.define.LOOM_SANITIZE=ON \
+  -C install.strip=false . || exit 1
 
 section "C++ unit tests under ASan and UBSan"
 run_unit_tests $build || failed=1
