@@ -7,7 +7,9 @@ files are merged at once in order of name, in steps as short as the caller likes
 """
 
 import sqlite3
+from collections import defaultdict
 from collections.abc import Callable, Collection, Iterator
+from dataclasses import dataclass, field
 from typing import Final
 
 from loom.store import definitions
@@ -20,9 +22,45 @@ kMergeAtPairs: Final = 100_000
 # Pairs between two looks at the clock, well under a millisecond's worth.
 _kPairsPerCheck: Final = 400
 
-# Names by their first character, so that a merge sorts a part at a time. A file id says that the
-# name is to be added, its negative that it is to be taken out; the last one for a file holds.
-_Staged = dict[str, dict[str, list[int]]]
+# A pair can be there already: from a merge that failed or that a crash cut short.
+_kInsert: Final = "INSERT OR IGNORE INTO names VALUES(?, ?)"
+
+_Pair = tuple[str, int]
+
+
+@dataclass(slots=True)
+class _Staged:
+    """Pairs of a name and a file's id, and the ids of all their files.
+
+    The pairs stand under the first characters of the name, so that a merge sorts a small part at a
+    time. A negative id says that the name is to be taken out (`removals` is then true); the last
+    pair of a name and a file holds. Pairs are tuples of text and number, which the garbage
+    collector doesn't walk: it would take longer than a slice.
+    """
+
+    pairs: defaultdict[str, list[_Pair]] = field(default_factory=lambda: defaultdict(list))
+    files: set[int] = field(default_factory=set)
+    count: int = 0
+    removals: bool = False
+
+    def add(self, names: Collection[str], signed_id: int) -> None:
+        pairs = self.pairs
+        for name in names:
+            pairs[name[:2]].append((name, signed_id))
+        self.count += len(names)
+
+    def in_order(self) -> Iterator[tuple[list[_Pair], list[_Pair]]]:
+        """The pairs to be taken out and those to be added, sorted, a part at a time."""
+        for start in sorted(self.pairs):
+            pairs = self.pairs[start]
+            if not self.removals:
+                yield [], sorted(pairs)
+                continue
+            last = {(name, abs(signed_id)): signed_id for name, signed_id in pairs}
+            yield (
+                sorted(pair for pair, signed_id in last.items() if signed_id < 0),
+                sorted(pair for pair, signed_id in last.items() if signed_id > 0),
+            )
 
 
 class NameIndex:
@@ -30,45 +68,31 @@ class NameIndex:
 
     def __init__(self, connection: sqlite3.Connection) -> None:
         self._connection = connection
-        self._staged: _Staged = {}
-        self._staged_files: set[int] = set()
-        self._staged_pairs = 0
+        self._staged = _Staged()
         self._changed: Collection[int] = ()
         # What is being merged, kept whole until it is done, so that a merge can begin again.
-        self._merging: tuple[_Staged, set[int]] | None = None
+        self._merging: _Staged | None = None
         self._merge: Iterator[None] | None = None
 
     def merge_due(self) -> bool:
         """Whether a merge is under way or enough is staged for one."""
-        return self._merging is not None or self._staged_pairs >= kMergeAtPairs
+        return self._merging is not None or self._staged.count >= kMergeAtPairs
 
     def empty(self) -> bool:
         """Whether there is nothing to merge."""
-        return self._merging is None and not self._staged_files
+        return self._merging is None and not self._staged.files
 
     def stage(self, file_id: int, old: Collection[str], new: Collection[str]) -> None:
         """Note that the names of a file were `old` and are `new`."""
         if old:
             before = set(old)
             after = set(new)
-            self._stage(sorted(before - after), -file_id)
-            self._stage(sorted(after - before), file_id)
+            self._staged.removals = True
+            self._staged.add(before - after, -file_id)
+            self._staged.add(after - before, file_id)
         else:
-            self._stage(new, file_id)
-        self._staged_files.add(file_id)
-
-    def _stage(self, names: Collection[str], signed_id: int) -> None:
-        buckets = self._staged
-        for name in names:
-            bucket = buckets.get(name[:1])
-            if bucket is None:
-                bucket = buckets[name[:1]] = {}
-            ids = bucket.get(name)
-            if ids is None:
-                bucket[name] = [signed_id]
-            else:
-                ids.append(signed_id)
-        self._staged_pairs += len(names)
+            self._staged.add(new, file_id)
+        self._staged.files.add(file_id)
 
     def merge(self, out_of_time: Callable[[], bool], changed: Collection[int]) -> bool:
         """Write some of what is staged; true when nothing is left of it.
@@ -78,12 +102,11 @@ class NameIndex:
         self._changed = changed
         while True:
             if self._merging is None:
-                if not self._staged_files:
+                if not self._staged.files:
                     return True
-                self._merging = self._staged, self._staged_files
-                self._staged, self._staged_files, self._staged_pairs = {}, set(), 0
+                self._merging, self._staged = self._staged, _Staged()
             if self._merge is None:
-                self._merge = self._merge_steps(*self._merging)
+                self._merge = self._merge_steps(self._merging)
             for _ in self._merge:
                 if out_of_time():
                     return False
@@ -93,41 +116,34 @@ class NameIndex:
         """What was merged in this transaction is undone: begin the merge again."""
         self._merge = None
 
-    def _merge_steps(self, staged: _Staged, file_ids: set[int]) -> Iterator[None]:
-        add: list[tuple[str, int]] = []
-        for first in sorted(staged):
-            bucket = staged[first]
-            for name in sorted(bucket):
-                ids = bucket[name]
-                if min(ids) > 0:
-                    add.extend([(name, file_id) for file_id in ids])
-                else:
-                    last = {abs(signed_id): signed_id for signed_id in ids}
-                    add.extend([(name, file_id) for file_id in last.values() if file_id > 0])
-                    self._connection.executemany(
-                        "DELETE FROM names WHERE name = ? AND file_id = ?",
-                        [(name, -file_id) for file_id in last.values() if file_id < 0],
-                    )
-                if len(add) >= _kPairsPerCheck:
-                    self._insert(add)
-                    add = []
-                    yield
-        self._insert(add)
-        merged = sorted(file_ids)
+    def _merge_steps(self, staged: _Staged) -> Iterator[None]:
+        add: list[_Pair] = []
+        for taken_out, added in staged.in_order():
+            if taken_out:
+                yield from self._in_parts(
+                    "DELETE FROM names WHERE name = ? AND file_id = ?", taken_out
+                )
+            add += added
+            if len(add) >= _kPairsPerCheck:
+                yield from self._in_parts(_kInsert, add)
+                add = []
+        yield from self._in_parts(_kInsert, add)
+        merged = sorted(staged.files)
         for start in range(0, len(merged), _kPairsPerCheck):
             # A file that was written anew in the meantime isn't done, nor is one that has the id
             # of a deleted file.
             done = [
                 (file_id,)
                 for file_id in merged[start : start + _kPairsPerCheck]
-                if file_id not in self._staged_files and file_id not in self._changed
+                if file_id not in self._staged.files and file_id not in self._changed
             ]
             self._connection.executemany("UPDATE files SET indexed = 1 WHERE id = ?", done)
             yield
 
-    def _insert(self, pairs: list[tuple[str, int]]) -> None:
-        # A pair can be there already: from a merge that failed or that a crash cut short.
-        self._connection.executemany("INSERT OR IGNORE INTO names VALUES(?, ?)", pairs)
+    def _in_parts(self, statement: str, pairs: list[_Pair]) -> Iterator[None]:
+        for start in range(0, len(pairs), _kPairsPerCheck):
+            self._connection.executemany(statement, pairs[start : start + _kPairsPerCheck])
+            yield
 
     def stage_unindexed(self, limit: int) -> bool:
         """Stage files that an earlier process wrote and didn't index; true if it found any.
