@@ -55,7 +55,6 @@ PyTypeObject* HolderType() {
 // What stands behind the base's memory.
 struct ShellData {
   PyObject* holder;
-  PyObject* weak_references;  // only used if the base has no room for weak references
 };
 
 PyTypeObject* AsType(const Object& type) { return reinterpret_cast<PyTypeObject*>(type.get()); }
@@ -70,23 +69,29 @@ bool HasGenericTraverse(const Object& type) {
   return PyType_GetSlot(AsType(type), Py_tp_traverse) == generic;
 }
 
-// A compiled base brings a traverse function of its own, which knows nothing of our reference. A
-// class in Python between it and us brings the generic one back.
-Object WithGenericTraverse(const Object& base, const Object& module_name) {
-  if (HasGenericTraverse(base)) return base;
-  const bool collected = (PyType_GetFlags(AsType(base)) & Py_TPFLAGS_HAVE_GC) != 0;
-  static constinit Name kName{"__name__"};
-  Dict body;
-  body.Set(ToPython("__module__"), module_name);
-  // A slot makes the class garbage-collected where its base is not.
-  body.Set(ToPython("__slots__"), collected ? MakeTuple() : MakeTuple("_collected"));
-  const Object metaclass = Object::Share(reinterpret_cast<PyObject*>(Py_TYPE(base.get())));
-  return Call(metaclass, GetAttr(base, kName), MakeTuple(base), body);
-}
-
 bool HasWeakReferences(const Object& type) {
   static constinit Name kOffset{"__weakrefoffset__"};
   return FromPython<std::int64_t>(GetAttr(type, kOffset).get()) != 0;
+}
+
+// The base itself, or a class in Python between it and us, where one is needed: a compiled base
+// brings a traverse function of its own, which knows nothing of our reference, and a base may have
+// no room for weak references. (A "__weaklistoffset__" member of our own would do for the latter,
+// but 3.12.1 takes its relative offset for an absolute one.)
+Object LayoutBase(const Object& base, const Object& module_name) {
+  static constinit Name kName{"__name__"};
+  const bool weak = HasWeakReferences(base);
+  if (HasGenericTraverse(base) && weak) return base;
+  const bool collected = (PyType_GetFlags(AsType(base)) & Py_TPFLAGS_HAVE_GC) != 0;
+  List class_slots;
+  if (!weak) class_slots.Append(ToPython("__weakref__"));
+  // A slot makes the class garbage-collected where its base is not.
+  if (!collected) class_slots.Append(ToPython("_collected"));
+  Dict body;
+  body.Set(ToPython("__module__"), module_name);
+  body.Set(ToPython("__slots__"), class_slots.object());
+  const Object metaclass = Object::Share(reinterpret_cast<PyObject*>(Py_TYPE(base.get())));
+  return Call(metaclass, GetAttr(base, kName), MakeTuple(base), body);
 }
 
 }  // namespace
@@ -97,20 +102,16 @@ void ShellClass::Create(const Object& module, const Object& base, Definition def
   definition_.methods.push_back({nullptr, nullptr, 0, nullptr});
   definition_.fields.push_back({nullptr, nullptr, nullptr, nullptr, nullptr});
   base_ = base;
-  const Object below = WithGenericTraverse(base, GetAttr(module, kName));
+  const Object below = LayoutBase(base, GetAttr(module, kName));
 
-  std::vector<PyMemberDef> members{
-      {"_body", Py_T_OBJECT_EX, offsetof(ShellData, holder), Py_RELATIVE_OFFSET, nullptr}};
-  if (!HasWeakReferences(below)) {
-    members.push_back({"__weaklistoffset__", Py_T_PYSSIZET, offsetof(ShellData, weak_references),
-                       Py_READONLY | Py_RELATIVE_OFFSET, nullptr});
-  }
-  members.push_back({nullptr, 0, 0, 0, nullptr});
+  PyMemberDef members[] = {
+      {"_body", Py_T_OBJECT_EX, offsetof(ShellData, holder), Py_RELATIVE_OFFSET, nullptr},
+      {nullptr, 0, 0, 0, nullptr}};
   PyType_Slot slots[] = {{Py_tp_doc, const_cast<char*>(definition_.doc)},
                          {Py_tp_init, reinterpret_cast<void*>(definition_.init)},
                          {Py_tp_methods, definition_.methods.data()},
                          {Py_tp_getset, definition_.fields.data()},
-                         {Py_tp_members, members.data()},
+                         {Py_tp_members, members},
                          {0, nullptr}};
   // No Py_TPFLAGS_HAVE_GC: it is inherited together with the generic functions.
   PyType_Spec spec{definition_.name, -static_cast<int>(sizeof(ShellData)), 0,

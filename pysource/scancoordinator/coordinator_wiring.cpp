@@ -90,7 +90,7 @@ void CScanCoordinator::Quitting() { __fQuitting = true; }
 void CScanCoordinator::_destroy_impl() {
   _CancelIdle();
   if (!__fStatusTimeout.is_none()) host::lgtk::timeout_remove(__fStatusTimeout);
-  host::Destroy(_fScanQueue);
+  if (!_fScanQueue.is_none()) host::Destroy(_fScanQueue);  // none if the constructor was skipped
 }
 
 // ---------------------------------------------------------------------------------------------
