@@ -19,8 +19,9 @@ __all__ = ["NameIndex"]
 # Staged pairs of name and file from which on a merge is due: some 10 MB of memory.
 kMergeAtPairs: Final = 100_000
 
-# Pairs between two looks at the clock, well under a millisecond's worth.
+# Pairs, and files to be marked, between two looks at the clock: a millisecond's worth at most.
 _kPairsPerCheck: Final = 400
+_kFilesPerCheck: Final = 40
 
 # A pair can be there already: from a merge that failed or that a crash cut short.
 _kInsert: Final = "INSERT OR IGNORE INTO names VALUES(?, ?)"
@@ -129,12 +130,12 @@ class NameIndex:
                 add = []
         yield from self._in_parts(_kInsert, add)
         merged = sorted(staged.files)
-        for start in range(0, len(merged), _kPairsPerCheck):
+        for start in range(0, len(merged), _kFilesPerCheck):
             # A file that was written anew in the meantime isn't done, nor is one that has the id
             # of a deleted file.
             done = [
                 (file_id,)
-                for file_id in merged[start : start + _kPairsPerCheck]
+                for file_id in merged[start : start + _kFilesPerCheck]
                 if file_id not in self._staged.files and file_id not in self._changed
             ]
             self._connection.executemany("UPDATE files SET indexed = 1 WHERE id = ?", done)
