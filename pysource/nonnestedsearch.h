@@ -95,6 +95,14 @@ inline BlockMasks LookAtBlock(const char* block, char first_char) {
 
 #endif
 
+// std::popcount is a call where the processor needn't have an instruction for it.
+constexpr std::int32_t CountBits(std::uint64_t bits) {
+  bits -= (bits >> 1) & 0x5555555555555555u;
+  bits = (bits & 0x3333333333333333u) + ((bits >> 2) & 0x3333333333333333u);
+  bits = (bits + (bits >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
+  return static_cast<std::int32_t>((bits * 0x0101010101010101u) >> 56);
+}
+
 // The bits from `index` on.
 constexpr std::uint64_t From(std::ptrdiff_t index) {
   return index < kBlockSize ? ~std::uint64_t{0} << index : 0;
@@ -150,8 +158,8 @@ inline std::ptrdiff_t FindNextNonNestedStruct(tNonNestedStruct* search) {
     // What hasn't been passed yet.
     std::uint64_t rest = ~std::uint64_t{0};
     const auto count_below = [&](std::uint64_t above) {
-      level += std::popcount(masks.openers & rest & ~above) -
-               std::popcount(masks.closers & rest & ~above);
+      level += internal::CountBits(masks.openers & rest & ~above) -
+               internal::CountBits(masks.closers & rest & ~above);
       rest &= above;
     };
     while (const std::uint64_t stops = (masks.quotes | masks.first) & rest) {

@@ -15,6 +15,7 @@
 #ifndef PYSOURCE_STRINGLITERAL_H_
 #define PYSOURCE_STRINGLITERAL_H_
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -103,17 +104,25 @@ inline StringSkip SkipStringBody(const char* p, const char* limit, const char* e
   }
 }
 
+namespace internal {
+
+// Letters of prefixes.
+inline constexpr std::array<bool, 256> kPrefixLetters = [] {
+  std::array<bool, 256> letters{};
+  for (const char c : {'r', 'R', 'b', 'B', 'u', 'U', 'f', 'F', 't', 'T'}) {
+    letters[static_cast<unsigned char>(c)] = true;
+  }
+  return letters;
+}();
+
+}  // namespace internal
+
 // What stands before a quote as its prefix. Looks at [begin, quote) only.
 inline StringPrefix PrefixBefore(const char* begin, const char* quote) {
   // Most literals have no prefix, and the byte before the quote says so.
-  constexpr auto kLetters = [] {
-    struct {
-      bool of[256];
-    } letters{};
-    for (const char* c = "rRbBuUfFtT"; *c != '\0'; ++c) letters.of[static_cast<int>(*c)] = true;
-    return letters;
-  }();
-  if (quote == begin || !kLetters.of[static_cast<unsigned char>(quote[-1])]) return {};
+  if (quote == begin || !internal::kPrefixLetters[static_cast<unsigned char>(quote[-1])]) {
+    return {};
+  }
   const auto in_name = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
            static_cast<unsigned char>(c) >= 0x80;

@@ -13,6 +13,7 @@
 #ifndef PYSOURCE_STRUTILS_H_
 #define PYSOURCE_STRUTILS_H_
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -36,15 +37,13 @@ enum CharacterClass : std::uint8_t {
 };
 
 // As the C library's functions see them in the "C" locale; identifiers are letters and "_".
-inline constexpr auto kAsciiClasses = [] {
-  struct {
-    std::uint8_t of[128];
-  } table{};
-  for (int c = 0; c < 128; ++c) {
+inline constexpr std::array<std::uint8_t, 128> kAsciiClasses = [] {
+  std::array<std::uint8_t, 128> table{};
+  for (std::size_t c = 0; c < table.size(); ++c) {
     const bool digit = c >= '0' && c <= '9';
     const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
     const bool space = c == ' ' || (c >= '\t' && c <= '\r');
-    table.of[c] = static_cast<std::uint8_t>(
+    table[c] = static_cast<std::uint8_t>(
         (space ? kSpaceCharacter : 0) | (digit ? kDigitCharacter : 0) |
         (digit || letter ? kAlnumCharacter : 0) | (letter || c == '_' ? kIdentifierCharacter : 0));
   }
@@ -116,7 +115,7 @@ inline bool IsClassAtUtf8Pos(const char* utf8_ptr, std::ptrdiff_t pos,
                              std::ptrdiff_t end_pos) noexcept {
   if (pos >= end_pos) return false;
   const auto byte = static_cast<unsigned char>(utf8_ptr[pos]);
-  if (byte < 128) return (kAsciiClasses.of[byte] & kClass) != 0;
+  if (byte < 128) return (kAsciiClasses[byte] & kClass) != 0;
   const int classes = NonAsciiClassesAtUtf8Pos(utf8_ptr, pos, end_pos);
   return classes > 0 && (classes & kClass) != 0;
 }
@@ -137,7 +136,7 @@ inline bool IsAlnumAtUtf8Pos(const char* utf8_ptr, std::ptrdiff_t pos,
 // don't count. 1 or 0, or -2 with a pending failure.
 inline int IsIdentifierChar(Py_UCS4 u, bool initial) noexcept {
   const int wanted = initial ? kIdentifierCharacter : kIdentifierCharacter | kDigitCharacter;
-  if (u < 128) return (kAsciiClasses.of[u] & wanted) != 0 ? 1 : 0;
+  if (u < 128) return (kAsciiClasses[u] & wanted) != 0 ? 1 : 0;
   const int classes = NonAsciiClasses(u);
   if (classes < 0) return classes;
   return (classes & wanted) != 0 ? 1 : 0;

@@ -4,130 +4,14 @@
 #include "pysource/symbolinfo.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include "pysource/pyrt/containers.h"
 #include "pysource/pyrt/module.h"
 #include "pysource/pyrt/operation.h"
 #include "pysource/pyrt/plainclass.h"
 #include "pysource/pyrt/textargs.h"
-#include "pysource/stringliteral.h"
 
 namespace pysource {
-
-std::ptrdiff_t NonInlineNextNonNestedUtf8PtrIndex(const char* utf8_ptr, std::ptrdiff_t pos,
-                                                  std::ptrdiff_t end_pos) {
-  const char* const end = utf8_ptr + end_pos;
-  std::ptrdiff_t level = 0;
-  for (const char* p = utf8_ptr + pos; p < end;) {
-    switch (*p) {
-      case '"':
-      case '\'':
-        p = FindStringEnd(utf8_ptr, p, end);
-        break;
-      case '(':
-      case '[':
-      case '{':
-        ++level;
-        ++p;
-        break;
-      case ')':
-      case ']':
-      case '}':
-        --level;
-        ++p;
-        break;
-      default:
-        ++p;
-        break;
-    }
-    if (level == 0) return p - utf8_ptr;
-  }
-  return end_pos;
-}
-
-bool InfoContains(std::string_view information, std::string_view prefix) {
-  bool found = false;
-  ForEachNonNestedPart(information, ";", [&](std::string_view part) {
-    const bool plain = part.size() < kPrefixLen || part[0] != ':' || part[1] == '\0';
-    found = found || part.starts_with(prefix) || (plain && prefix == kPlainEquivSpec);
-  });
-  return found;
-}
-
-std::pair<std::string_view, std::string_view> ParentAndLeafScopeNames(std::string_view scope_name) {
-  std::size_t last_dot = std::string_view::npos;
-  if (scope_name.find_first_of("\"'([{") == std::string_view::npos) {
-    last_dot = scope_name.rfind('.');
-  } else {
-    const auto end = static_cast<std::ptrdiff_t>(scope_name.size());
-    for (std::ptrdiff_t pos = 0; pos >= 0 && pos < end;
-         pos = NextNonNestedUtf8PtrIndex(scope_name.data(), pos, end)) {
-      if (scope_name[static_cast<std::size_t>(pos)] == '.')
-        last_dot = static_cast<std::size_t>(pos);
-    }
-  }
-  if (last_dot == std::string_view::npos) return {scope_name.substr(0, 0), scope_name};
-  const std::string_view leaf = scope_name.substr(last_dot + 1);
-  const std::size_t dots = std::min(scope_name.find_first_not_of('.'), scope_name.size());
-  if (dots == scope_name.size()) return {scope_name.substr(0, 0), scope_name};
-  return {scope_name.substr(0, std::max(last_dot, dots)), leaf};
-}
-
-std::pair<std::string_view, std::string_view> SplitScopeNameFromSuffixes(std::string_view leaf) {
-  const std::size_t begin = leaf.size() - ParentAndLeafScopeNames(leaf).second.size();
-  const std::size_t suffixes = std::min(leaf.find_first_of("#([", begin), leaf.size());
-  return {leaf.substr(0, suffixes), leaf.substr(suffixes)};
-}
-
-std::string RemoveAllScopeNameSubscripts(std::string_view scope_name) {
-  std::string result;
-  const auto end = static_cast<std::ptrdiff_t>(scope_name.size());
-  for (std::ptrdiff_t pos = 0; pos >= 0 && pos < end;) {
-    const std::ptrdiff_t next = NextNonNestedUtf8PtrIndex(scope_name.data(), pos, end);
-    const auto here = static_cast<std::size_t>(pos);
-    if (scope_name[here] != '[') {
-      result += scope_name.substr(here, static_cast<std::size_t>(next) - here);
-    }
-    pos = next;
-  }
-  return result;
-}
-
-std::optional<std::string> GetInstanceNameForClass(std::string_view class_name) {
-  if (class_name.empty()) return std::nullopt;
-  return std::string(class_name).append(kClassInstanceSuffix);
-}
-
-std::optional<DefInfo> UnpackDefInfo(std::string_view part) {
-  if (part.size() <= kPrefixLen || part[0] != ':') return std::nullopt;
-  DefInfo info{static_cast<unsigned char>(part[1]), {}, {}, {}};
-  if (!IsDefOrClassKind(info.kind)) return std::nullopt;
-  const std::string_view text = part.substr(kPrefixLen);
-
-  std::size_t blank = text.size();
-  const auto end = static_cast<std::ptrdiff_t>(text.size());
-  for (std::ptrdiff_t pos = 0; pos >= 0 && pos < end;
-       pos = NextNonNestedUtf8PtrIndex(text.data(), pos, end)) {
-    if (text[static_cast<std::size_t>(pos)] != ' ') continue;
-    blank = static_cast<std::size_t>(pos);
-    break;
-  }
-  info.scope_name = text.substr(0, blank);
-  if (info.scope_name.empty()) return std::nullopt;
-  if (blank == text.size()) return info;
-
-  std::int64_t line = 0;
-  const char* const last = text.data() + text.size();
-  const auto [behind, error] = std::from_chars(text.data() + blank + 1, last, line);
-  if (error != std::errc() || line < 1) return std::nullopt;
-  info.line = line;
-  if (behind == last) return info;
-  if (*behind != ' ' || behind + 1 == last || info.kind != kClassKind) return std::nullopt;
-  info.bases = text.substr(static_cast<std::size_t>(behind + 1 - text.data()));
-  return info;
-}
-
 namespace {
 
 using pyrt::Object;
