@@ -1,131 +1,173 @@
-// The UTF-8 helpers from C++: the pointers, and the special results with a pending failure.
+// The UTF-8 helpers that C++ callers use without an object in hand.
 
 #include "pysource/strutils.h"
 
 #include <gtest/gtest.h>
 
-#include <random>
+#include <cstddef>
+#include <cstring>
 #include <string>
-#include <vector>
+#include <string_view>
 
 namespace pysource {
 namespace {
 
-class StrUtils : public testing::Test {
+constexpr std::ptrdiff_t Length(std::string_view text) {
+  return static_cast<std::ptrdiff_t>(text.size());
+}
+
+std::string EncodeUtf8(char32_t u) {
+  std::string bytes;
+  const auto add = [&](char32_t byte) {
+    bytes += static_cast<char>(static_cast<unsigned char>(byte));
+  };
+  if (u < 0x80) {
+    add(u);
+  } else if (u < 0x800) {
+    add(0xC0 | (u >> 6));
+    add(0x80 | (u & 0x3F));
+  } else if (u < 0x10000) {
+    add(0xE0 | (u >> 12));
+    add(0x80 | ((u >> 6) & 0x3F));
+    add(0x80 | (u & 0x3F));
+  } else {
+    add(0xF0 | (u >> 18));
+    add(0x80 | ((u >> 12) & 0x3F));
+    add(0x80 | ((u >> 6) & 0x3F));
+    add(0x80 | (u & 0x3F));
+  }
+  return bytes;
+}
+
+TEST(DecodeUtf8, GivesBackEveryCodePoint) {
+  for (char32_t u = 0; u <= 0x10FFFF; ++u) {
+    if (u >= 0xD800 && u <= 0xDFFF) continue;
+    const std::string bytes = EncodeUtf8(u);
+    const DecodedCharacter decoded = DecodeUtf8(bytes.data(), 0, Length(bytes));
+    ASSERT_EQ(decoded.error, nullptr) << static_cast<std::uint32_t>(u);
+    ASSERT_EQ(decoded.u, static_cast<Py_UCS4>(u));
+  }
+}
+
+TEST(DecodeUtf8, SaysWhatIsMalformed) {
+  const auto error_of = [](std::string_view bytes) {
+    return DecodeUtf8(bytes.data(), 0, Length(bytes)).error;
+  };
+  EXPECT_STREQ(error_of("\x80"), "stray continuation byte");
+  EXPECT_STREQ(error_of("\xC0\x80"), "overlong form");
+  EXPECT_STREQ(error_of("\xE0\x9F\xBF"), "overlong form");
+  EXPECT_STREQ(error_of("\xF0\x8F\xBF\xBF"), "overlong form");
+  EXPECT_STREQ(error_of("\xED\xA0\x80"), "surrogate");
+  EXPECT_STREQ(error_of("\xF4\x90\x80\x80"), "beyond U+10FFFF");
+  EXPECT_STREQ(error_of("\xFF"), "beyond U+10FFFF");
+  EXPECT_STREQ(error_of("\xE2\x82"), "truncated sequence");
+  EXPECT_STREQ(error_of("\xC3("), "truncated sequence");
+}
+
+TEST(DecodeUtf8, ReadsNoByteAtTheEnd) {
+  // On the heap and exactly as long as the text, so that a byte more is a report of the sanitizer.
+  const std::string whole = "\xF0\x9F\x90\x8D";
+  for (std::size_t length = 1; length < whole.size(); ++length) {
+    const auto bytes = std::make_unique<char[]>(length);
+    std::memcpy(bytes.get(), whole.data(), length);
+    EXPECT_STREQ(DecodeUtf8(bytes.get(), 0, static_cast<std::ptrdiff_t>(length)).error,
+                 "truncated sequence");
+  }
+}
+
+constexpr std::string_view kMixed = "a\xC3\xA9\xE2\x82\xACz";  // positions 0, 1, 3, 6
+
+TEST(AdjustUtf8Pos, MovesByWholeCharacters) {
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 0, 1, Length(kMixed)), 1);
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 0, 3, Length(kMixed)), 6);
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 6, -1, Length(kMixed)), 3);
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 6, -3, Length(kMixed)), 0);
+}
+
+TEST(AdjustUtf8Pos, StartsFromTheFirstByteOfACharacter) {
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 4, 0, Length(kMixed)), 3);
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 5, 1, Length(kMixed)), 6);
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 2, -1, Length(kMixed)), 0);
+}
+
+TEST(AdjustUtf8Pos, StopsAtBothEnds) {
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 6, 5, Length(kMixed)), Length(kMixed));
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 0, -1, Length(kMixed)), -1);
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), -1, -1, Length(kMixed)), -1);
+  EXPECT_EQ(AdjustUtf8Pos(kMixed.data(), 9, 1, Length(kMixed)), 9);
+}
+
+TEST(AdjustPosArg, CountsAsASliceDoes) {
+  EXPECT_EQ(AdjustPosArg(2, 5), 2);
+  EXPECT_EQ(AdjustPosArg(7, 5), 5);
+  EXPECT_EQ(AdjustPosArg(-2, 5), 3);
+  EXPECT_EQ(AdjustPosArg(-7, 5), 0);
+  EXPECT_EQ(AdjustPosArg(-1, 0), 0);
+}
+
+TEST(Classes, OfAsciiNeedNoInterpreter) {
+  const std::string_view text = " 7_k";
+  EXPECT_TRUE(IsSpaceAtUtf8Pos(text.data(), 0, 4));
+  EXPECT_TRUE(IsDigitAtUtf8Pos(text.data(), 1, 4));
+  EXPECT_FALSE(IsAlnumAtUtf8Pos(text.data(), 2, 4));
+  EXPECT_TRUE(IsAlnumAtUtf8Pos(text.data(), 3, 4));
+  EXPECT_FALSE(IsIdentifierCharAtUtf8Pos(text.data(), 1, 4, true));
+  EXPECT_TRUE(IsIdentifierCharAtUtf8Pos(text.data(), 1, 4, false));
+  EXPECT_TRUE(IsIdentifierCharAtUtf8Pos(text.data(), 2, 4, true));
+  EXPECT_FALSE(IsAlnumAtUtf8Pos(text.data(), 4, 4));
+}
+
+TEST(PtrFindByte, CountsFromThePointer) {
+  EXPECT_EQ(PtrFindByte("abcabc", 6, 'b', 0), 1);
+  EXPECT_EQ(PtrFindByte("abcabc", 6, 'b', 2), 4);
+  EXPECT_EQ(PtrFindByte("abcabc", 4, 'b', 2), -1);
+}
+
+class WithInterpreter : public testing::Test {
  protected:
   static void SetUpTestSuite() { Py_Initialize(); }
+  static void TearDownTestSuite() { Py_Finalize(); }
 
-  // Whether that failure is pending; it is cleared.
-  static bool Failed(PyObject* type) {
-    const bool matches = PyErr_Occurred() != nullptr && PyErr_ExceptionMatches(type) != 0;
-    PyErr_Clear();
-    return matches;
+  // The type of the pending failure, which is cleared.
+  static PyObject* TakeFailure() {
+    PyObject* exception = PyErr_GetRaisedException();
+    if (exception == nullptr) return nullptr;
+    PyObject* type = PyObject_Type(exception);
+    Py_DECREF(exception);
+    Py_DECREF(type);  // A class of the builtins lives on.
+    return type;
   }
-  void TearDown() override { EXPECT_EQ(PyErr_Occurred(), nullptr); }
 };
 
-TEST_F(StrUtils, LeadBytes) {
-  for (int byte = 0; byte < 256; ++byte) {
-    EXPECT_EQ(IsUtf8LeadByte(static_cast<unsigned char>(byte)), byte < 128 || byte >= 192);
-  }
+TEST_F(WithInterpreter, StartBehindTheTextIsAFailure) {
+  EXPECT_EQ(PtrFindByte("abc", 3, 'a', 3), -2);
+  EXPECT_EQ(TakeFailure(), PyExc_ValueError);
+  EXPECT_EQ(PtrFindByte("abc", 3, 'a', -1), -2);
+  EXPECT_EQ(TakeFailure(), PyExc_ValueError);
 }
 
-TEST_F(StrUtils, AdjustingPositions) {
-  const char* const text = "a\xC3\xA9\xE4\xB8\xAD";  // 1, 2 and 3 bytes
-  EXPECT_EQ(AdjustUtf8Pos(text, 4, 0, 6), 3);
-  EXPECT_EQ(AdjustUtf8Pos(text, 3, 1, 6), 6);
-  EXPECT_EQ(AdjustUtf8Pos(text, 0, -1, 6), -1);
-  EXPECT_EQ(AdjustUtf8Pos(text, 6, -3, 6), 0);
-  EXPECT_EQ(AdjustUtf8Pos(text, 0, 2, 2), 2);
-  EXPECT_EQ(AdjustUtf8Pos(nullptr, 0, 5, 0), 0);
+TEST_F(WithInterpreter, MalformedTextIsAFailure) {
+  EXPECT_EQ(Ucs4CharAtUtf8Pos("\xED\xA0\x80", 0, 3), kNoCharacter);
+  EXPECT_EQ(TakeFailure(), PyExc_UnicodeDecodeError);
+  EXPECT_FALSE(IsAlnumAtUtf8Pos("\x80", 0, 1));
+  EXPECT_EQ(TakeFailure(), PyExc_UnicodeDecodeError);
 }
 
-TEST_F(StrUtils, DecodesWhatPythonEncodes) {
-  for (Py_UCS4 u = 0; u < 0x110000; u += u < 0x800 ? 1 : 31) {
-    if (u >= 0xD800 && u < 0xE000) continue;
-    PyObject* text = PyUnicode_FromOrdinal(static_cast<int>(u));
-    const char* const utf8 = GetUtf8Ptr(text);
-    ASSERT_NE(utf8, nullptr);
-    const std::ptrdiff_t size = u < 0x80 ? 1 : u < 0x800 ? 2 : u < 0x10000 ? 3 : 4;
-    EXPECT_EQ(Ucs4CharAtUtf8Pos(utf8, 0, size), u);
-    Py_DECREF(text);
-  }
+TEST_F(WithInterpreter, ClassesAreThoseOfPython) {
+  EXPECT_EQ(IsIdentifierChar(0xE9, true), 1);       // e with an acute accent
+  EXPECT_EQ(IsIdentifierChar(0x20AC, false), 0);    // euro sign
+  EXPECT_TRUE(IsSpaceAtUtf8Pos("\xC2\xA0", 0, 2));  // no-break space
+  EXPECT_EQ(IsIdentifierChar(0x110000, false), -2);
+  EXPECT_EQ(TakeFailure(), PyExc_ValueError);
 }
 
-TEST_F(StrUtils, AtTheEndPositionNothingIsRead) {
-  EXPECT_EQ(Ucs4CharAtUtf8Pos(nullptr, 0, 0), 0u);
-  EXPECT_FALSE(IsSpaceAtUtf8Pos(nullptr, 3, 3));
-  EXPECT_FALSE(IsIdentifierCharAtUtf8Pos(nullptr, 3, 2, false));
-}
-
-TEST_F(StrUtils, MalformedTextIsAPendingFailure) {
-  const std::vector<std::string> sequences = {
-      "\x80", "\xC0\x80", "\xC3", "\xE4\xB8", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF"};
-  for (const std::string& sequence : sequences) {
-    const std::vector<char> exact(sequence.begin(), sequence.end());
-    const auto size = static_cast<std::ptrdiff_t>(exact.size());
-    EXPECT_EQ(Ucs4CharAtUtf8Pos(exact.data(), 0, size), kNoCharacter);
-    EXPECT_TRUE(Failed(PyExc_UnicodeDecodeError));
-    EXPECT_FALSE(IsSpaceAtUtf8Pos(exact.data(), 0, size));
-    EXPECT_TRUE(Failed(PyExc_UnicodeDecodeError));
-    EXPECT_FALSE(IsIdentifierCharAtUtf8Pos(exact.data(), 0, size, true));
-    EXPECT_TRUE(Failed(PyExc_UnicodeDecodeError));
-  }
-}
-
-TEST_F(StrUtils, AnyBytesAreDecodedAsPythonDoes) {
-  std::mt19937 random(5);
-  for (int round = 0; round < 20'000; ++round) {
-    std::vector<char> bytes(1 + random() % 4);
-    for (char& byte : bytes) byte = static_cast<char>(0x70 + random() % 0x90);
-    const auto size = static_cast<std::ptrdiff_t>(bytes.size());
-    const Py_UCS4 u = Ucs4CharAtUtf8Pos(bytes.data(), 0, size);
-    const bool failed = Failed(PyExc_UnicodeDecodeError);
-    EXPECT_EQ(failed, u == kNoCharacter);
-    // Python reads as much of a sequence as is valid.
-    PyObject* text = PyUnicode_DecodeUTF8(bytes.data(), size, "replace");
-    ASSERT_NE(text, nullptr);
-    constexpr Py_UCS4 kReplacement = 0xFFFD;
-    EXPECT_EQ(PyUnicode_ReadChar(text, 0), failed ? kReplacement : u);
-    Py_DECREF(text);
-  }
-}
-
-TEST_F(StrUtils, IdentifierCharacters) {
-  EXPECT_EQ(IsIdentifierChar('7', false), 1);
-  EXPECT_EQ(IsIdentifierChar('7', true), 0);
-  EXPECT_EQ(IsIdentifierChar('_', true), 1);
-  EXPECT_EQ(IsIdentifierChar(0xE9, true), 1);
-  EXPECT_EQ(IsIdentifierChar(0x110000, true), -2);
-  EXPECT_TRUE(Failed(PyExc_ValueError));
-}
-
-TEST_F(StrUtils, FindingBytes) {
-  EXPECT_EQ(PtrFindByte("abc", 3, 'c', 0), 2);
-  EXPECT_EQ(PtrFindByte("abc", 2, 'c', 0), -1);
-  EXPECT_EQ(PtrFindByte("abc", 3, 'c', 3), -2);
-  EXPECT_TRUE(Failed(PyExc_ValueError));
-  EXPECT_EQ(PtrFindByte(nullptr, 0, 'c', 0), -2);
-  EXPECT_TRUE(Failed(PyExc_ValueError));
-  EXPECT_EQ(BytesFindByte(Py_None, 'c'), -2);
-  EXPECT_TRUE(Failed(PyExc_TypeError));
-}
-
-TEST_F(StrUtils, PositionsOfSlices) {
-  static_assert(AdjustPosArg(-7, 7) == 0);
-  static_assert(AdjustPosArg(-8, 7) == 0);
-  static_assert(AdjustPosArg(-1, 7) == 6);
-  static_assert(AdjustPosArg(8, 7) == 7);
-  static_assert(AdjustPosArg(PTRDIFF_MIN, PTRDIFF_MIN) == 0);
-}
-
-TEST_F(StrUtils, ObjectsThatAreNoText) {
-  EXPECT_EQ(OrdAt(Py_None, 0), kNoCharacter);
-  EXPECT_TRUE(Failed(PyExc_TypeError));
-  EXPECT_EQ(GetUtf8Ptr(Py_None), nullptr);
-  EXPECT_TRUE(Failed(PyExc_TypeError));
-  EXPECT_EQ(Utf8Concat2(Py_True, Py_None), nullptr);
-  EXPECT_TRUE(Failed(PyExc_TypeError));
+TEST_F(WithInterpreter, ConcatenationLeavesOutNone) {
+  PyObject* a = PyUnicode_FromString("a");
+  PyObject* joined = Utf8Concat5(a, Py_None, a, Py_None, Py_None);
+  ASSERT_NE(joined, nullptr);
+  EXPECT_EQ(PyUnicode_CompareWithASCIIString(joined, "aa"), 0);
+  Py_DECREF(joined);
+  Py_DECREF(a);
 }
 
 }  // namespace
