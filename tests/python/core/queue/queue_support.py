@@ -193,6 +193,14 @@ def state(queue: Any) -> dict[str, Any]:
     }
 
 
+def complete_first(queue: Any) -> Any:
+    """Take the next scan out as a finished one; returns its item, with loc none if there was none."""
+    item = queue.First()
+    if item.loc is not None:
+        queue.ScanCompleted(item)
+    return item
+
+
 def check_invariants(queue: Any) -> None:
     """What holds between operations while each scan name has an order of its own that never changes."""
     infos = dict(queue._fPerLocationInfo)
@@ -269,12 +277,14 @@ kDefaults: dict[str, dict[str, Any]] = {
 
 
 def plain(value: Any) -> Any:
-    """A value to compare: single queues by (priority, order), containers copied.
+    """A value to compare: single queues by (priority, order), caches by kind, containers copied.
 
     A list of scan items, whose order nobody promises, becomes a set.
     """
     if hasattr(value, "fOrderedDict"):
         return ("single queue", int(value.fPriority), int(value.fOrder))
+    if isinstance(value, FakeLocationDataCache):
+        return "location data cache"
     if isinstance(value, list) and value and hasattr(value[0], "scope_name"):
         return {plain(v) for v in value}
     if isinstance(value, tuple):

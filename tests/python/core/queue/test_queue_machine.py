@@ -16,6 +16,7 @@ from hypothesis.stateful import RuleBasedStateMachine, initialize, invariant, pr
 from queue_support import (
     FakeLocationDataCache,
     check_invariants,
+    complete_first,
     implementation,
     kDerived,
     kOrders,
@@ -63,11 +64,48 @@ def plans(sizes):
 
 
 def outcome(operation):
-    """("result", value) or ("failure", type, text)."""
+    """("result", value) or ("failure", type, text), of a failed debug check without its text."""
     try:
         return "result", plain(operation())
-    except (ValueError, TypeError, KeyError, AssertionError) as failure:
+    except AssertionError:
+        return kFailedCheck
+    except (ValueError, TypeError, KeyError) as failure:
         return "failure", type(failure), str(failure)
+
+
+kFailedCheck = ("failure", AssertionError)
+
+
+def noting(cls):
+    """A twin that notes what leads out of the invariants, or out of them for good.
+
+    `doubled`: a scan is entered that the map holds already. That happens to a location that is queued
+    and waits as well: the removal of the later scan deals with the waiting entry alone. A debug check
+    fails then, or without checks the invariants do.
+
+    `endless`: after a late change of orders a location can stay at the head of a single queue while
+    the map has lost it. If it isn't ready, `First` can't take it away: a debug check fails then, or
+    without checks it would go on for ever.
+    """
+
+    class Noting(cls):
+        doubled = False
+        endless = False
+
+        def First(self):
+            for _ in range(20):
+                item = self._FirstOrNone()
+                if item is not None:
+                    return item
+            self.endless = True
+            raise AssertionError("no end")
+
+        def _AddScanToPerLocationMap(self, loc, scope_name, scan_name, priority):
+            if (scope_name, scan_name) in (self.GetPendingDictForLoc(loc) or ()):
+                self.doubled = True
+            super()._AddScanToPerLocationMap(loc, scope_name, scan_name, priority)
+
+    return Noting
 
 
 class Side:
@@ -78,7 +116,8 @@ class Side:
         self.cache = FakeLocationDataCache()
         self.walks = Walks()
         self.heard = []
-        self.queue = self.module._CScanQueue(self.cache)
+        cls = self.module._CScanQueue
+        self.queue = (noting(cls) if name == "twin" else cls)(self.cache)
         if name == "twin":
             self.queue._Walk = self.walks
         for signal in ("locations-added", "locations-removed"):
@@ -149,26 +188,32 @@ class QueueMachine(RuleBasedStateMachine):
         self.both(lambda side: side.queue.SetScansToOrder(dict(self.orders)))
 
     def both(self, operation):
-        """Do it on both sides; results and states must agree."""
+        """Do it on both sides; results and states must agree. Starts anew after a failed check."""
         twin, cpp = self.twin, self.cpp
         hostlog.calls.clear()
         before = saved(twin)
         twin.walks.plan.clear()
         twin.walks.sizes.clear()
         expected = outcome(lambda: operation(twin)), twin.visible_state()
+        if twin.queue.endless:
+            self.start()
+            return
         sizes = list(twin.walks.sizes)
         actual = outcome(lambda: operation(cpp)), cpp.visible_state()
+        if twin.queue.doubled:
+            assert actual[0] == expected[0]
+            self.start()
+            return
         if actual == expected:
-            return actual[0]
+            return
         after = saved(twin)
         for plan in plans(sizes):
             restore(twin, before)
             twin.walks.plan = deque(plan)
             if (outcome(lambda: operation(twin)), twin.visible_state()) == actual:
-                return actual[0]
+                return
         restore(twin, after)
         assert actual == expected, "no order of the twin's walks leads here"
-        return actual[0]
 
     @rule(pairs=pair_lists, scan=st.data(), priority=st.none() | priorities, check=flags)
     def add(self, pairs, scan, priority, check):
@@ -182,7 +227,7 @@ class QueueMachine(RuleBasedStateMachine):
 
     @rule()
     def first_and_complete(self):
-        self.both(lambda side: side.queue.ScanCompleted(side.queue.First()))
+        self.both(lambda side: complete_first(side.queue))
 
     @rule()
     def first(self):
@@ -250,7 +295,12 @@ class QueueMachine(RuleBasedStateMachine):
     @precondition(lambda self: not self.twin.queue.Empty(False))
     @rule()
     def park_first(self):
-        self.both(lambda s: s.queue.StartWaitingForData(s.queue.First()))
+        def park(side):
+            item = side.queue.First()
+            if item.loc is not None:
+                side.queue.StartWaitingForData(item)
+
+        self.both(park)
 
     @precondition(lambda self: self.twin.queue._fScanItemsWaitingForData)
     @rule(data=st.data())

@@ -19,8 +19,6 @@ from queue_support import (
     state,
 )
 
-import hostreset
-
 
 class Buffer:
     def __init__(self, loc):
@@ -29,6 +27,8 @@ class Buffer:
 
 def session(impl, cls, log):
     """A session that reaches every virtual operation; the state after each step is logged too."""
+    lgtk.reset()
+    singleton.reset()
     cache = FakeLocationDataCache()
     queue = cls(cache)
     queue.SetScansToOrder(dict(kOrders))
@@ -85,14 +85,13 @@ def session(impl, cls, log):
     for number, step in enumerate(steps):
         log.append((f"step {number}", ()))
         log.append(("result", (plain(step()),)))
-        log.append(("state", (state(queue),)))
+        log.append(("state", ({**state(queue), "gui": queue._fGuiMgr is not None},)))
 
 
 def test_overrides_are_called_as_in_the_twin():
     """Same calls, same arguments, same order, same results, same state."""
     logs = []
     for name in ("twin", "cpp"):
-        hostreset.reset()
         log = []
         module = implementation(name)
         session(module, spying(module._CScanQueue, log), log)
@@ -106,7 +105,6 @@ def test_overrides_are_called_as_in_the_twin():
 def test_session_without_overrides_ends_in_the_same_states():
     logs = []
     for name in ("twin", "cpp"):
-        hostreset.reset()
         log = []
         module = implementation(name)
         session(module, module._CScanQueue, log)

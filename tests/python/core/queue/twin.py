@@ -467,7 +467,7 @@ class _CScanQueue(CDestroyable):
         if not self._RemoveScanFromPerLocationMap(loc, scope_name, scan_name, priority):
             return False
         queue = self._GetSingleQueue(scan_name, priority)
-        scopes = queue.fOrderedDict.get(loc)
+        scopes = queue.fOrderedDict.get(loc) or []
         i = bisect_left(scopes, scope_name)
         if i < len(scopes) and scopes[i] == scope_name:
             del scopes[i]
