@@ -77,11 +77,12 @@ kFailedCheck = ("failure", AssertionError)
 
 
 def noting(cls):
-    """A twin that notes what leads out of the invariants, or out of them for good.
+    """A twin that notes what leads out of the invariants for good; the session starts anew then.
 
-    `doubled`: a scan is entered that the map holds already. That happens to a location that is queued
-    and waits as well: the removal of the later scan deals with the waiting entry alone. A debug check
-    fails then, or without checks the invariants do.
+    `strayed`: the map and the scope lists come apart, and a debug check fails or would have to. Either
+    a scan is entered that the map holds already, for a location that is queued and waits as well: the
+    removal of the later scan deals with the waiting entry alone. Or scopes are moved between single
+    queues under another scan name than the map has them, since two names share a single queue.
 
     `endless`: after a late change of orders a location can stay at the head of a single queue while
     the map has lost it. If it isn't ready, `First` can't take it away: a debug check fails then, or
@@ -89,7 +90,7 @@ def noting(cls):
     """
 
     class Noting(cls):
-        doubled = False
+        strayed = False
         endless = False
 
         def First(self):
@@ -102,8 +103,16 @@ def noting(cls):
 
         def _AddScanToPerLocationMap(self, loc, scope_name, scan_name, priority):
             if (scope_name, scan_name) in (self.GetPendingDictForLoc(loc) or ()):
-                self.doubled = True
+                self.strayed = True
             super()._AddScanToPerLocationMap(loc, scope_name, scan_name, priority)
+
+        def _MoveScansBetweenQueues(self, loc, names_to_move, from_queue, to_queue):
+            known = self.GetPendingDictForLoc(loc) or ()
+            for single in (from_queue, to_queue):
+                for name in single.fOrderedDict.get(loc) or ():
+                    if (name, to_queue.fScanName) not in known:
+                        self.strayed = True
+            super()._MoveScansBetweenQueues(loc, names_to_move, from_queue, to_queue)
 
     return Noting
 
@@ -200,7 +209,7 @@ class QueueMachine(RuleBasedStateMachine):
             return
         sizes = list(twin.walks.sizes)
         actual = outcome(lambda: operation(cpp)), cpp.visible_state()
-        if twin.queue.doubled:
+        if twin.queue.strayed:
             assert actual[0] == expected[0]
             self.start()
             return
