@@ -7,6 +7,7 @@
 
 #include "loom/_pyscan.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -59,6 +60,19 @@ Object ExactBytes(PyObject* value, const char* what) {
                                    : MakeBytes(BytesOf(Object::Share(value)));
 }
 
+// A part of a list of results: `limit` of them from `first` on, all if it is -1.
+struct Range {
+  Range(std::size_t size, std::int64_t first, std::int64_t limit) : begin(0), end(size) {
+    if (first < 0) pyrt::Raise(PyExc_ValueError, "first must not be negative");
+    if (limit < -1) pyrt::Raise(PyExc_ValueError, "limit must be -1 or more");
+    begin = std::min(static_cast<std::size_t>(first), size);
+    if (limit >= 0) end = begin + std::min(static_cast<std::size_t>(limit), size - begin);
+  }
+
+  std::size_t begin;
+  std::size_t end;
+};
+
 class Scanner {
  public:
   explicit Scanner(Object source) : source_(std::move(source)), scan_(BytesOf(source_)) {}
@@ -73,10 +87,11 @@ class Scanner {
   std::int64_t position() const { return static_cast<std::int64_t>(scan_.position()); }
   std::int64_t steps() const { return static_cast<std::int64_t>(scan_.steps()); }
 
-  Object Scopes() const {
+  Object Scopes(std::int64_t first, std::int64_t limit) const {
     const Results& results = scan_.results();
+    const Range range(results.scopes().size(), first, limit);
     List list;
-    for (std::size_t i = 0; i < results.scopes().size(); ++i) {
+    for (std::size_t i = range.begin; i < range.end; ++i) {
       const Scope& scope = results.scopes()[i];
       InfoPacker packer;
       results.ForEachInfo(
@@ -90,24 +105,25 @@ class Scanner {
     return list.object();
   }
 
-  Object Names() const {
+  Object Names(std::int64_t first, std::int64_t limit) const {
     const Results& results = scan_.results();
-    // A name that is bound often is made once.
-    std::vector<Object> names(results.entries().size());
+    const Range range(results.bindings().size(), first, limit);
     List list;
-    for (const Binding& binding : results.bindings()) {
+    for (std::size_t i = range.begin; i < range.end; ++i) {
+      const Binding& binding = results.bindings()[i];
       const Entry& entry = results.entries()[binding.entry];
-      Object& name = names[binding.entry];
-      if (!name) name = MakeName(entry.name);
-      list.Append(
-          MakeTuple(MakeInt(entry.scope), name, MakeInt(binding.kind), MakeInt(binding.line)));
+      list.Append(MakeTuple(MakeInt(entry.scope), MakeName(entry.name), MakeInt(binding.kind),
+                            MakeInt(binding.line)));
     }
     return list.object();
   }
 
-  Object Definitions() const {
+  Object Definitions(std::int64_t first, std::int64_t limit) const {
+    const std::vector<Definition>& definitions = scan_.results().definitions();
+    const Range range(definitions.size(), first, limit);
     List list;
-    for (const Definition& definition : scan_.results().definitions()) {
+    for (std::size_t i = range.begin; i < range.end; ++i) {
+      const Definition& definition = definitions[i];
       list.Append(MakeTuple(MakeInt(definition.scope), MakeName(definition.name),
                             MakeInt(definition.kind), MakeInt(definition.line)));
     }
@@ -204,9 +220,11 @@ Object MakeScannerType(const Object& module) {
       kMethod<"scan(max_bytes)",
               "Go on for about max_bytes bytes; return True when the source is scanned.",
               &Scanner::Scan>(),
-      kMethod<"scopes()", "Return the scopes found so far, the module first.", &Scanner::Scopes>(),
-      kMethod<"names()", "Return each binding of a name found so far.", &Scanner::Names>(),
-      kMethod<"definitions()", "Return the names worth finding from anywhere.",
+      kMethod<"scopes(first=0, limit=-1)", "Return the scopes found so far, the module first.",
+              &Scanner::Scopes>(),
+      kMethod<"names(first=0, limit=-1)", "Return each binding of a name found so far.",
+              &Scanner::Names>(),
+      kMethod<"definitions(first=0, limit=-1)", "Return the names worth finding from anywhere.",
               &Scanner::Definitions>(),
       kMethod<"imports()", "Return what the source imports, each once.", &Scanner::Imports>(),
       kMethod<"errors()", "Return what is wrong with the source, the first 100 remarks.",

@@ -11,7 +11,9 @@ class SourceScanner:
     Python. It is kept and not copied. Anything but bytes is a TypeError, 4 GiB or more a ValueError.
 
     All results can be asked for at any time and cover what has been scanned so far. They do not
-    depend on how the scan was divided. A kind is the number of a kind character: see docs/scanner.md
+    depend on how the scan was divided. Long lists can be asked for in parts: `limit` items from item
+    `first` on, or all if `limit` is -1; what lies behind the end is empty, a negative `first` or a
+    smaller `limit` is a ValueError. A kind is the number of a kind character: see docs/scanner.md
     for those that occur and for the form of the information. Names that are no valid UTF-8 have
     escapes such as "\\xff" in place of the bytes. Line numbers count from 1.
     """
@@ -32,7 +34,9 @@ class SourceScanner:
     def _steps(self) -> int:
         """How much work was done: bytes walked and tokens looked at."""
 
-    def scopes(self) -> list[tuple[str, int, int, int, int, bytes]]:
+    def scopes(
+        self, first: int = 0, limit: int = -1
+    ) -> list[tuple[str, int, int, int, int, bytes]]:
         """Return (name, parent, kind, lineno, end_lineno, packed information) of each scope.
 
         The module is the first, the others follow in the order in which they begin; `parent` is an
@@ -40,10 +44,10 @@ class SourceScanner:
         `end_lineno` that of the last token of the body.
         """
 
-    def names(self) -> list[tuple[int, str, int, int]]:
+    def names(self, first: int = 0, limit: int = -1) -> list[tuple[int, str, int, int]]:
         """Return (scope index, name, kind, lineno) of each binding of a name, in order."""
 
-    def definitions(self) -> list[tuple[int, str, int, int]]:
+    def definitions(self, first: int = 0, limit: int = -1) -> list[tuple[int, str, int, int]]:
         """Return (scope index, name, kind, lineno) of what is worth finding from anywhere.
 
         These are classes, functions, methods and type aliases, the names that assignments of a module

@@ -217,8 +217,9 @@ bool Lexer::StartsStatement() {
   if (after_backslash_) return tok == Tok::kKwDef || tok == Tok::kKwClass;
   if (tok == Tok::kKwFrom) return AtFromImport();
   if (tok == Tok::kKwAsync) {
-    while (q != end_ && (*q == ' ' || *q == '\t')) ++q;
-    const std::string_view rest(q, static_cast<std::size_t>(end_ - q));
+    const char* const stop = LookAheadEnd();
+    while (q != stop && (*q == ' ' || *q == '\t')) ++q;
+    const std::string_view rest(q, static_cast<std::size_t>(stop - q));
     return rest.starts_with("def ") || rest.starts_with("with ");
   }
   return IsStatementKeyword(tok);
@@ -226,12 +227,13 @@ bool Lexer::StartsStatement() {
 
 // Whether "from", dots and names, "import" stand at p_: "from" alone may follow "yield" or "raise".
 bool Lexer::AtFromImport() {
+  const char* const stop = LookAheadEnd();
   const char* q = p_ + 4;
   std::string_view word;
   do {
-    while (q != end_ && (*q == ' ' || *q == '\t' || *q == '.')) ++q;
+    while (q != stop && (*q == ' ' || *q == '\t' || *q == '.')) ++q;
     const char* const begin = q;
-    while (q != end_ && IsIdentifierByte(*q)) ++q;
+    while (q != stop && IsIdentifierByte(*q)) ++q;
     word = std::string_view(begin, static_cast<std::size_t>(q - begin));
   } while (!word.empty() && word != "import");
   looked_ahead_ += static_cast<std::size_t>(q - p_);

@@ -46,6 +46,7 @@ class Lexer {
   // limit all of them.
   static constexpr std::uint32_t kMaxNestedTokens = 1u << 16;
   static constexpr std::uint32_t kMaxTokens = 1u << 17;
+  static constexpr std::ptrdiff_t kMaxLookAhead = 4096;
 
   // Requires `source` to be shorter than 4 GiB and, like `errors`, to outlive the lexer.
   Lexer(std::string_view source, ErrorList& errors);
@@ -132,6 +133,8 @@ class Lexer {
            line_.tokens.size() < (frames_.empty() ? kMaxTokens : kMaxNestedTokens);
   }
   std::uint32_t Offset(const char* p) const { return static_cast<std::uint32_t>(p - base_); }
+  // How far a question about what follows p_ may look: no further than a line of reasonable length.
+  const char* LookAheadEnd() const { return end_ - p_ > kMaxLookAhead ? p_ + kMaxLookAhead : end_; }
   bool AtEnd() const { return p_ == end_; }
   char Peek(std::size_t n) const { return static_cast<std::size_t>(end_ - p_) > n ? p_[n] : '\0'; }
 

@@ -46,10 +46,11 @@ void Lexer::StartString(const char* begin, StringPrefix prefix) {
 // Whether a name follows, which can't be: no name stands behind a string. Then what was taken for
 // the end of a triple-quoted literal is the start of the next one.
 bool Lexer::NameFollows() {
+  const char* const stop = LookAheadEnd();
   const char* q = p_;
-  while (q != end_ && (*q == ' ' || *q == '\t')) ++q;
+  while (q != stop && (*q == ' ' || *q == '\t')) ++q;
   looked_ahead_ += static_cast<std::size_t>(q - p_);
-  if (q == end_ || ClassOf(*q) != ByteClass::kIdentifier) return false;
+  if (q == stop || ClassOf(*q) != ByteClass::kIdentifier) return false;
   const char* const word = q;
   while (q != end_ && q - word <= 9 && IsIdentifierByte(*q)) ++q;
   const std::string_view text(word, static_cast<std::size_t>(q - word));

@@ -315,6 +315,26 @@ def test_a_subclass_of_bytes_is_scanned() -> None:
     assert Scanned(Odd(b"x = 1")).bound() == [("x", "=", 1)]
 
 
+@pytest.mark.parametrize("method", ["scopes", "names", "definitions"])
+def test_results_in_parts_make_up_the_whole(method: str) -> None:
+    """Long lists can be made in small steps."""
+    scanner = SourceScanner(b"".join(b"def f%d(a): x = 1\n" % n for n in range(50)))
+    scanner.scan(1 << 20)
+    ask = getattr(scanner, method)
+    whole = ask()
+    assert len(whole) >= 50
+    parts = []
+    while part := ask(first=len(parts), limit=7):
+        assert len(part) <= 7
+        parts += part
+    assert parts == whole
+    assert ask(10) == whole[10:]
+    assert ask(len(whole)) == ask(1 << 60, 1 << 60) == ask(0, 0) == []
+    for arguments in [(-1,), (0, -2)]:
+        with pytest.raises(ValueError, match="must"):
+            ask(*arguments)
+
+
 @pytest.mark.parametrize("attribute", ["position", "_steps"])
 def test_attributes_cannot_be_set(attribute: str) -> None:
     """They tell of the scan."""
