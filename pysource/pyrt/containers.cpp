@@ -54,9 +54,4 @@ void UnpackInto(PyObject* sequence, Object* elements, std::size_t count) {
   if (PyErr_Occurred() != nullptr) ThrowPending();
 }
 
-Set Intersection(const Object& a, const Object& b) {
-  static constinit Name kIntersection{"intersection"};
-  return Set(CallMethod(Set::Of(a).object(), kIntersection, b));
-}
-
 }  // namespace pyrt

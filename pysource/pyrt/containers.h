@@ -166,9 +166,6 @@ struct Converter<Set> {
   static Object To(const Set& value) { return value.object(); }
 };
 
-// A new set of the elements that are in both. Runs the elements' `__hash__` and `__eq__`.
-Set Intersection(const Object& a, const Object& b);
-
 }  // namespace pyrt
 
 #endif  // PYSOURCE_PYRT_CONTAINERS_H_

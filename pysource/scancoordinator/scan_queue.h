@@ -16,8 +16,9 @@
 //
 // Every operation may be overridden in Python or by a C++ subclass, and what the queue itself calls
 // is the override. Any call that leaves the queue (the host's main loop, readiness questions, a
-// location's `__eq__` or `__hash__`, an override) may come back in; the queue is whole at each such
-// call. A failure of the host passes through and leaves it whole too.
+// location's `__eq__` or `__hash__`, an override) may come back in or fail. An operation therefore
+// pins the records that it works on, changes the map and the lists with no such call in between,
+// and looks again after one; a failure passes through and leaves the above true.
 
 #ifndef PYSOURCE_SCANCOORDINATOR_SCAN_QUEUE_H_
 #define PYSOURCE_SCANCOORDINATOR_SCAN_QUEUE_H_

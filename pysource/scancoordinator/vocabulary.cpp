@@ -89,8 +89,6 @@ void Create(const Object& module) {
   classes.no_scan = MakeRecord(classes.scan_item, none, none, none, none);
 }
 
-const Object& ScanItemClass() { return Classes().scan_item; }
-
 Object PerLocationInfo(const Object& scan_name_counts, const Object& pending_dict) {
   return MakeRecord(Classes().per_location_info, scan_name_counts, pending_dict);
 }

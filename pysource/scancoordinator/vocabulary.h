@@ -145,7 +145,6 @@ namespace records {
 // Made once, when the module is loaded.
 void Create(const Object& module);
 
-const Object& ScanItemClass();
 Object PerLocationInfo(const Object& scan_name_counts, const Object& pending_dict);
 Object ScanNameCounts(std::int64_t scan_count, std::int64_t file_count);
 Object WaitingForInspect(const Object& item_set, const Object& check_whole_file_priority);
