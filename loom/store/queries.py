@@ -90,7 +90,9 @@ def url_of(path: str | os.PathLike[str]) -> str:
 
 def path_of(url: str) -> str | None:
     """The path of a local file's URL, or none for another one."""
-    return os.fsdecode(unquote_to_bytes(url[7:])) if url.startswith("file:///") else None
+    if not url.startswith("file:///"):
+        return None
+    return os.fsdecode(unquote_to_bytes(url[7:])) if "%" in url else url[7:]
 
 
 def find_name(

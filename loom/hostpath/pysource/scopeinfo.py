@@ -17,14 +17,16 @@ from typing import Final, NamedTuple, TypeVar
 
 from guiutils import lgtk
 from loombase.destroyable import CDestroyable
-from loombase.location import CLocalFileLocation, CLocation, LocationFromUrl
+from loombase.location import CLocalFileLocation, CLocation
 from pysource import _fastaccess
 
 from loom._pyscan import unpack_info
+from loom.mainloop.base import LOW_IDLE_PRIORITY
 from loom.store.checkpoint import Checkpointer
 from loom.store.database import kLockWaitSeconds, open_for_writing, set_aside, told
 from loom.store.errors import StoreError, is_damage
 from loom.store.lookup import Lookup
+from loom.store.queries import path_of
 from loom.store.records import AddedScope, FileRecord, FileState, StoredScope
 from loom.store.writer import Writer
 
@@ -51,6 +53,9 @@ _kIdleWriteSeconds: Final = 0.040
 _kCommitSeconds: Final = 0.006
 # What `Trim` takes when it must write and the slice is over.
 _kForcedSeconds: Final = 0.005
+
+# Behind the scheduler's slices.
+_kGoOnPriority: Final = LOW_IDLE_PRIORITY + 100
 
 # Seconds to wait before the next try when the database couldn't be written.
 _kRetrySeconds: Final = 1.0
@@ -211,21 +216,22 @@ class CInfoCache(CDestroyable):
         as well.
         """
         self._NoticeOtherWriters()
+        urls = [loc.fUrl for loc in modtimes]
         states: dict[str, FileState] = {}
         to_ask: list[str] = []
-        for loc in modtimes:
-            record = self._fWriter.pending_file(loc.fUrl)
+        for url in urls:
+            record = self._fWriter.pending_file(url)
             if record is not None:
-                states[loc.fUrl] = FileState(record.mtime_ns, record.size, record.scans)
-            elif not self._fWriter.pending_deletion(loc.fUrl):
-                to_ask.append(loc.fUrl)
+                states[url] = FileState(record.mtime_ns, record.size, record.scans)
+            elif not self._fWriter.pending_deletion(url):
+                to_ask.append(url)
         if to_ask:
             unknown: dict[str, FileState] = {}
             states.update(self._Ask(lambda: self._fLookup.states(to_ask), unknown))
         result: dict[CLocation, str] = {}
-        for loc, modtime in modtimes.items():
+        for url, (loc, modtime) in zip(urls, modtimes.items(), strict=True):
             disk = self._fDiskStates.pop(loc, None)
-            state = states.get(loc.fUrl)
+            state = states.get(url)
             if state is None:
                 continue
             mtime_ns, size, scans = state
@@ -239,18 +245,21 @@ class CInfoCache(CDestroyable):
 
     def GetAllImports(self, locs: Sequence[CLocation]) -> list[tuple[CLocation, None, bytes]]:
         """(file, none, its import equivalents joined by ";") of each file that imports anything."""
+        urls = [loc.fUrl for loc in locs]
         found: dict[str, bytes] = {}
         to_ask: list[str] = []
-        for loc in locs:
-            record = self._fWriter.pending_file(loc.fUrl)
+        for url in urls:
+            record = self._fWriter.pending_file(url)
             if record is not None:
-                found[loc.fUrl] = record.imports
-            elif not self._fWriter.pending_deletion(loc.fUrl):
-                to_ask.append(loc.fUrl)
+                found[url] = record.imports
+            elif not self._fWriter.pending_deletion(url):
+                to_ask.append(url)
         if to_ask:
             unknown: dict[str, bytes] = {}
             found.update(self._Ask(lambda: self._fLookup.imports(to_ask), unknown))
-        return [(loc, None, found[loc.fUrl]) for loc in locs if found.get(loc.fUrl)]
+        return [
+            (loc, None, found[url]) for url, loc in zip(urls, locs, strict=True) if found.get(url)
+        ]
 
     def GetScopeInfo(self, loc: CLocation, scope_name: str) -> CScopeInfo | None:
         """What is stored of a scope, or none. Never scans."""
@@ -334,11 +343,12 @@ class CInfoCache(CDestroyable):
                 partial(self._fLookup.urls_below, folder.fUrl, after, _kVanishedStep), list[str]()
             )
             for url in urls:
-                self.GetDiskMTime(LocationFromUrl(url))
+                path = path_of(url)
+                if path is not None and _IsGone(path):
+                    self.ForgetFile(CLocalFileLocation(path))
             if len(urls) < _kVanishedStep:
                 return
             after = urls[-1]
-            self._fDiskStates.clear()
             yield
 
     def AddNeedsScan(self, triples: Iterable[_Triple], priority: int | None = None) -> None:
@@ -392,13 +402,15 @@ class CInfoCache(CDestroyable):
         """Write all that waits and bring the index of names up to date.
 
         What takes longer than a slice goes on in idle calls of its own; `HasUnwritten` tells.
+        They come after all scanning: the index is best brought up to date for many files at once.
         Waits for another process's lock for a second at most. Raises `StoreError`; nothing is lost
         then, and a later call tries again.
         """
-        if self._fGoOnWritingIdle is not None:
-            return
-        if not self._WriteSlice():
-            self._fGoOnWritingIdle = lgtk.idle_add_while_alive(self._CB_GoOnWriting, self)
+        self._WriteSlice(index_all=False)
+        if self.HasUnwritten() and self._fGoOnWritingIdle is None:
+            self._fGoOnWritingIdle = lgtk.idle_add_while_alive(
+                self._CB_GoOnWriting, self, priority=_kGoOnPriority
+            )
 
     def HasUnwritten(self) -> bool:
         """Whether results wait to be written or names to be indexed."""
@@ -433,11 +445,11 @@ class CInfoCache(CDestroyable):
             self._fGoOnWritingIdle = None
         return not done
 
-    def _WriteSlice(self) -> bool:
+    def _WriteSlice(self, index_all: bool = True) -> bool:
         if self._fWriter.idle:
             return True
         end = _fastaccess.GetNowTime() + _kIdleWriteSeconds
-        return self._Write(end, wait_seconds=kLockWaitSeconds, index_all=True)
+        return self._Write(end, kLockWaitSeconds, index_all)
 
     def _Write(self, end_time: float, wait_seconds: float, index_all: bool) -> bool:
         """One transaction; true if all is written. Raises `StoreError`."""
@@ -513,6 +525,17 @@ class CInfoCache(CDestroyable):
     def _Forget(self, loc: CLocation) -> None:
         for info in self._fRecords.pop(loc, {}).values():
             self._fRecordBytes -= _RecordBytes(info)
+
+
+def _IsGone(path: str) -> bool:
+    """Whether there is certainly no such file."""
+    try:
+        os.stat(path)
+    except (FileNotFoundError, NotADirectoryError):
+        return True
+    except OSError:
+        return False
+    return False
 
 
 def _RecordBytes(info: CScopeInfo) -> int:
