@@ -256,14 +256,13 @@ for seed in range(20):
     )
 
 
-def test_locations_whose_comparison_changes_the_queue(over):
+@pytest.mark.parametrize("failing", [False, True])
+def test_locations_whose_comparison_changes_the_queue(over, failing):
+    """Hash and equality of a location may run Python, fail, and change what is being searched."""
     over(
         kSetup
-        + """
-world = new_world()
-coordinator = world.make()
-busy = False
-failing = False
+        + f"""
+failing = {failing}
 
 class Sly(CLocalFileLocation):
     def act(self):
@@ -275,7 +274,7 @@ class Sly(CLocalFileLocation):
         try:
             if failing and random.random() < 0.3:
                 raise OSError("no")
-            action = random.choice([
+            quietly(random.choice([
                 lambda: coordinator.FlushQueue(),
                 lambda: coordinator.ClearLastScanInfo(locs),
                 lambda: coordinator.RemoveLocationsFromQueue([random.choice(locs)]),
@@ -283,8 +282,7 @@ class Sly(CLocalFileLocation):
                 lambda: coordinator._fScanQueue.First(),
                 lambda: coordinator._CScanCoordinator__DoScans(hostclock.now() + 0.1),
                 lambda: gc.collect(),
-            ])
-            quietly(action)
+            ]))
         finally:
             busy = False
 
@@ -298,28 +296,30 @@ class Sly(CLocalFileLocation):
             self.act()
         return self is other or getattr(other, "fUrl", None) == self.fUrl
 
-random.seed(3)
-busy = True
-locs = [Sly(f"file:///p/{i % 7}.py") for i in range(14)]
-busy = False
-for failing in (False, True):
+for seed in range(12):
+    random.seed(seed)
+    world = new_world()
+    coordinator = world.make()
+    busy = True
+    locs = [Sly(f"file:///p/{{i % 7}}.py") for i in range(14)]
+    busy = False
     for _ in range(150):
         pairs = [(random.choice(locs), random.choice(["*", "f", "g"])) for _ in range(4)]
-        work = random.choice([
+        quietly(random.choice([
             lambda: coordinator.AddPairsToPrimaryQueue(pairs, priority=random.choice([0, 1, 2])),
             lambda: coordinator._CScanCoordinator__DoScans(hostclock.now() + 0.5),
             lambda: coordinator.RemoveLocationsFromQueue([loc for loc, _ in pairs]),
             lambda: coordinator.ClearLastScanInfo([loc for loc, _ in pairs]),
             lambda: coordinator._fScanQueue.UpdateForVisibleDocuments(pairs[0][0], [pairs[1][0]]),
             lambda: coordinator._fScanQueue._fPerLocationInfo,
-            lambda: coordinator.TryToScanDictNow(None, None, {(*pairs[0], "primary")}, 2e9),
-        ])
-        quietly(work)
+            lambda: coordinator.TryToScanDictNow(None, None, {{(*pairs[0], "primary")}}, 2e9),
+        ]))
         hostlog.calls.clear()
-busy = True
-coordinator.FlushQueue()
-coordinator.destroy()
-"""
+    busy = True
+    coordinator.FlushQueue()
+    coordinator.destroy()
+""",
+        env={"PYTHONHASHSEED": "0"},
     )
 
 
