@@ -5,6 +5,7 @@
 
 #include "pysource/pyrt/call.h"
 #include "pysource/pyrt/containers.h"
+#include "pysource/pyrt/values.h"
 
 namespace host {
 
@@ -22,7 +23,7 @@ class ScopeInfo {
     static constinit pyrt::Name kDoesNotExist{"does_not_exist"};
     const pyrt::Object key = pyrt::Call(pyrt::ModuleAttr(kScopeInfoModule, kKey), loc, scope_name,
                                         scan_name, loc, scope_name);
-    const pyrt::Object empty = pyrt::Own(PyBytes_FromStringAndSize("", 0));
+    const pyrt::Object empty = pyrt::Bytes("");
     return ScopeInfo(pyrt::Call(pyrt::ModuleAttr(kScopeInfoModule, kInfo), key, empty, disk_mtime,
                                 false, pyrt::Keyword{kDoesNotExist, pyrt::ToPython(true)}));
   }

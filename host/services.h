@@ -6,6 +6,7 @@
 
 #include "pysource/pyrt/call.h"
 #include "pysource/pyrt/containers.h"
+#include "pysource/pyrt/values.h"
 
 namespace host {
 
@@ -24,8 +25,7 @@ inline bool IsPythonSource(const pyrt::Object& loc) {
 inline bool IsAnalyzable(const pyrt::Object& mime_type) {
   static constinit pyrt::Name kModule{"loombase.mime"};
   static constinit pyrt::Name kName{"kAnalyzableMimeTypes"};
-  return pyrt::Check(PySequence_Contains(pyrt::ModuleAttr(kModule, kName).get(),
-                                         mime_type.get_or_none())) != 0;
+  return pyrt::Contains(pyrt::ModuleAttr(kModule, kName), mime_type);
 }
 
 // The classes that signal "server-stopped".

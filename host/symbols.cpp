@@ -5,11 +5,7 @@ namespace {
 
 // Information strings come as bytes or as text, and are treated alike.
 std::string_view Utf8View(const pyrt::Object& value) {
-  if (PyBytes_Check(value.get()) == 0) return pyrt::Utf8(pyrt::Text(value));
-  char* data = nullptr;
-  Py_ssize_t size = 0;
-  pyrt::Check(PyBytes_AsStringAndSize(value.get(), &data, &size));
-  return {data, static_cast<std::size_t>(size)};
+  return pyrt::IsBytes(value) ? pyrt::BytesView(value) : pyrt::Utf8(pyrt::Text(value));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "pysource/pyrt/call.h"
 #include "pysource/pyrt/containers.h"
+#include "pysource/pyrt/values.h"
 
 namespace host::symbols {
 
@@ -48,8 +49,7 @@ inline pyrt::Object ParentAndLeafScopeNames(const pyrt::Object& scope_name) {
 // The leaf name without its suffixes.
 inline pyrt::Object WithoutSuffixes(const pyrt::Object& leaf) {
   static constinit pyrt::Name kName{"SplitScopeNameFromSuffixes"};
-  const pyrt::Object record = Function(kName, leaf);
-  return pyrt::Own(PySequence_GetItem(record.get(), 0));
+  return pyrt::Item(Function(kName, leaf), 0);
 }
 // The parts of an information string, of the type that it has.
 inline pyrt::List NonNestedSplit(const pyrt::Object& information) {

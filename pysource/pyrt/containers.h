@@ -56,11 +56,18 @@ class List {
     return List(Own(PySequence_List(iterable.get_or_none())));
   }
 
+  // The very list. Requires: `object` is one.
+  static List Shared(Object object) { return List(std::move(object)); }
+
   const Object& object() const noexcept { return object_; }
   std::size_t size() const { return static_cast<std::size_t>(PyList_Size(object_.get())); }
   bool empty() const { return size() == 0; }
   Object operator[](std::size_t i) const {
     return Borrow(PyList_GetItem(object_.get(), static_cast<Py_ssize_t>(i)));
+  }
+  // Requires: i < size().
+  void Set(std::size_t i, const Object& value) {
+    Check(PySequence_SetItem(object_.get(), static_cast<Py_ssize_t>(i), value.get_or_none()));
   }
   void Append(const Object& value) { Check(PyList_Append(object_.get(), value.get_or_none())); }
   void Extend(const Object& iterable) {

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "host/destroyable.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/coordinator.h"
 #include "pysource/scancoordinator/dispatch.h"
 #include "pysource/scancoordinator/types.h"
@@ -336,12 +337,9 @@ void CreateScanCoordinatorType(const Object& module, const Object& base) {
        &InitCoordinator, Methods(), Fields(), [](PyObject* self) -> std::unique_ptr<pyrt::Body> {
          return std::make_unique<CoordinatorDispatcher>(self);
        }});
-  pyrt::Check(PyObject_SetAttrString(module.get(), "CScanCoordinator",
-                                     CScanCoordinator::Shell().type().get()));
-  pyrt::Check(
-      PyObject_SetAttrString(module.get(), "_CScanQueue", _CScanQueue::Shell().type().get()));
-  pyrt::Check(PyObject_SetAttrString(module.get(), "_CSingleScanQueue",
-                                     _CSingleScanQueue::Shell().type().get()));
+  pyrt::SetAttr(module, "CScanCoordinator", CScanCoordinator::Shell().type());
+  pyrt::SetAttr(module, "_CScanQueue", _CScanQueue::Shell().type());
+  pyrt::SetAttr(module, "_CSingleScanQueue", _CSingleScanQueue::Shell().type());
 }
 
 }  // namespace pysource

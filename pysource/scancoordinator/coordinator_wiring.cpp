@@ -2,6 +2,7 @@
 
 #include "host/destroyable.h"
 #include "host/lgtk.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/coordinator.h"
 
 namespace pysource {
@@ -26,9 +27,7 @@ void CScanCoordinator::Init(std::int32_t idle_priority, const Object& ana_mgr) {
   fAnaMgr = host::AnalysisManager(ana_mgr);
   const Object info_cache = fAnaMgr.fInfoCache();
   if (!pyrt::IsInstance(info_cache, host::InfoCache::Class())) {
-    const Object type_name = pyrt::Own(PyType_GetName(Py_TYPE(info_cache.get())));
-    PyErr_Format(PyExc_TypeError, "Expected CInfoCache, got %.200U", type_name.get());
-    pyrt::ThrowPending();
+    pyrt::RaiseUnexpected("CInfoCache", info_cache);
   }
   _fInfoCache = host::InfoCache(info_cache);
   _fInferenceEngine = host::InferenceEngine(fAnaMgr.fInferenceEngine());

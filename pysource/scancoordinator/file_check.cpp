@@ -5,6 +5,7 @@
 #include "host/location.h"
 #include "host/symbols.h"
 #include "pysource/_fastaccess.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/coordinator.h"
 
 namespace pysource {
@@ -17,7 +18,7 @@ pyrt::List ListOf(const Object& element) {
 }
 
 bool Holds(const Object& text, const Text& scan_name) {
-  return pyrt::Check(PySequence_Contains(text.get(), scan_name.get())) != 0;
+  return pyrt::Contains(text, scan_name.object());
 }
 
 Object PriorityOf(const pyrt::Dict& priorities, const Object& loc) {

@@ -2,6 +2,7 @@
 
 #include "host/location.h"
 #include "host/symbols.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/coordinator.h"
 
 namespace pysource {
@@ -19,8 +20,7 @@ Object DottedName(const pyrt::List& parts) {
   }
   const Text module(parts[0]);
   const bool relative = pyrt::Utf8(module).ends_with('.');
-  return pyrt::Own(
-      PyUnicode_FromFormat(relative ? "%U%U" : "%U.%U", module.get(), Text(parts[1]).get()));
+  return pyrt::Format(relative ? "%U%U" : "%U.%U", module, Text(parts[1])).object();
 }
 
 // The imported name may be a module, and each package on the way is wanted as well. What doesn't
@@ -28,7 +28,7 @@ Object DottedName(const pyrt::List& parts) {
 void AddFromImport(const Text& rest, pyrt::Set& names) {
   static constinit pyrt::Name kSplit{"split"};
   const pyrt::List parts = pyrt::List::Of(pyrt::CallMethod(rest.object(), kSplit, " "));
-  const Object imported = pyrt::Own(PySequence_GetItem(parts.object().get(), 1));
+  const Object imported = pyrt::Item(parts.object(), 1);
   if (Text(imported).equals("*")) {
     const std::string_view text = pyrt::Utf8(rest);
     names.Add(Text::FromUtf8(text.substr(0, text.size() - 2)).object());

@@ -1,6 +1,7 @@
 // Instance scopes: put together from the records of a class and its methods, never scanned.
 
 #include "host/symbols.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/coordinator.h"
 
 namespace pysource {
@@ -29,11 +30,7 @@ Object CScanCoordinator::ScopeOfMethod(const Object& information) const {
         !host::symbols::StartsWith(part, kUnboundMethodPrefix)) {
       continue;
     }
-    if (PyBytes_Check(part.get()) == 0) {
-      const Object type_name = pyrt::Own(PyType_GetName(Py_TYPE(part.get())));
-      PyErr_Format(PyExc_TypeError, "Expected %s, got %.200U", "bytes", type_name.get());
-      pyrt::ThrowPending();
-    }
+    if (!pyrt::IsBytes(part)) pyrt::RaiseUnexpected("bytes", part);
     return host::symbols::ScopeNameOfDefinition(part);
   }
   return Object();

@@ -2,6 +2,7 @@
 
 #include "host/destroyable.h"
 #include "pysource/pyrt/guard.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/types.h"
 #include "pysource/scancoordinator/vocabulary.h"
 
@@ -21,15 +22,10 @@ void AddPriorities(const Object& module) {
   const Object enumeration =
       pyrt::Call(pyrt::ModuleAttr(kEnum, kIntEnum), "ScanPriority", members,
                  pyrt::Keyword{kModuleKeyword, pyrt::ToPython("pysource.scancoordinator")});
-  pyrt::Check(PyObject_SetAttrString(module.get(), "ScanPriority", enumeration.get()));
+  pyrt::SetAttr(module, "ScanPriority", enumeration);
   for (const auto& [name, value] : priorities) {
-    const Object member = pyrt::Own(PyObject_GetAttrString(enumeration.get(), name));
-    pyrt::Check(PyObject_SetAttrString(module.get(), name, member.get()));
+    pyrt::SetAttr(module, name, pyrt::Subscript(enumeration, pyrt::ToPython(name)));
   }
-}
-
-void AddNumber(const Object& module, const char* name, const Object& value) {
-  pyrt::Check(PyObject_SetAttrString(module.get(), name, value.get()));
 }
 
 int Exec(PyObject* raw_module) {
@@ -42,14 +38,14 @@ int Exec(PyObject* raw_module) {
     }
     const Object module = Object::Share(raw_module);
     const Object base = host::CDestroyable();
-    if (PyType_Check(base.get()) == 0) {
+    if (!pyrt::IsClass(base)) {
       pyrt::Raise(PyExc_TypeError, "loombase.destroyable.CDestroyable is not a class");
     }
     records::Create(module);
     AddPriorities(module);
-    AddNumber(module, "kMinSecondsBetweenScans", pyrt::ToPython(kMinSecondsBetweenScans));
-    AddNumber(module, "kDefaultWholeFilesToCheckCount",
-              pyrt::ToPython(kDefaultWholeFilesToCheckCount));
+    pyrt::SetAttr(module, "kMinSecondsBetweenScans", pyrt::ToPython(kMinSecondsBetweenScans));
+    pyrt::SetAttr(module, "kDefaultWholeFilesToCheckCount",
+                  pyrt::ToPython(kDefaultWholeFilesToCheckCount));
     loaded = true;
     CreateSingleScanQueueType(module, base);
     CreateScanQueueType(module, base);

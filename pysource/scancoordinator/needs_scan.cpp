@@ -29,7 +29,7 @@ void CScanCoordinator::_CB_NeedsScanAdded(const Object&, const Object& needs_sca
       pairs = pyrt::List().object();
       pairs_by_name.Set(scan_name, pairs);
     }
-    pyrt::Check(PyList_Append(pairs.get(), pyrt::MakeTuple(loc, scope_name).get()));
+    pyrt::List::Shared(pairs).Append(pyrt::MakeTuple(loc, scope_name));
   });
   pairs_by_name.ForEachItem([&](const Object& scan_name, const Object& pairs) {
     queue().AddScanPairs(pairs, Text(scan_name), priority);

@@ -6,6 +6,7 @@
 
 #include "host/location.h"
 #include "host/symbols.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/coordinator.h"
 
 namespace pysource {
@@ -45,9 +46,8 @@ bool CScanCoordinator::__DoPrimaryWholeFileScan(const CScanItem& scan_item, doub
   pyrt::List locations;
   locations.Append(loc);
   pyrt::List imported_equivs;
-  pyrt::ForEach(_fInfoCache.GetAllImports(locations), [&](const Object& record) {
-    imported_equivs.Append(pyrt::Own(PySequence_GetItem(record.get(), -1)));
-  });
+  pyrt::ForEach(_fInfoCache.GetAllImports(locations),
+                [&](const Object& record) { imported_equivs.Append(pyrt::Item(record, -1)); });
   const Object dirloc = host::location::GetParentDir(loc);
   const Priority priority = scan_item.priority().value_or(kBackgroundPriority);
   __AddImportEquivsToQueue(imported_equivs.object(), dirloc, priority);

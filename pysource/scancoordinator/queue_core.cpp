@@ -8,6 +8,7 @@
 #include "host/location_data_cache.h"
 #include "host/singletons.h"
 #include "host/symbols.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/scan_queue.h"
 
 namespace pysource {
@@ -65,22 +66,20 @@ bool _CScanQueue::Empty(bool include_waiting) {
 // Single queues
 
 void _CScanQueue::SetScansToOrder(const Object& scans_to_order) {
-  if (PyMapping_Check(scans_to_order.get()) == 0) {
+  if (!pyrt::IsMapping(scans_to_order)) {
     pyrt::Raise(PyExc_TypeError, "scans_to_order must be a mapping");
   }
   _fScansToOrder = scans_to_order;
 }
 
 std::int64_t _CScanQueue::OrderOf(const Text& scan_name) const {
-  if (pyrt::Check(PySequence_Contains(_fScansToOrder.get(), scan_name.get())) == 0) return 0;
-  return pyrt::FromPython<std::int64_t>(
-      pyrt::Own(PyObject_GetItem(_fScansToOrder.get(), scan_name.get())).get());
+  if (!pyrt::Contains(_fScansToOrder, scan_name.object())) return 0;
+  return pyrt::FromPython<std::int64_t>(pyrt::Subscript(_fScansToOrder, scan_name.object()).get());
 }
 
 Object _CScanQueue::_GetSingleQueue(const Text& scan_name, Priority priority) {
-  if (pyrt::DebugChecks() &&
-      pyrt::Check(PySequence_Contains(_fScansToOrder.get(), scan_name.get())) == 0) {
-    pyrt::Print(pyrt::Own(PyUnicode_FromFormat("Scan without order: %U", scan_name.get())));
+  if (pyrt::DebugChecks() && !pyrt::Contains(_fScansToOrder, scan_name.object())) {
+    pyrt::Print(pyrt::Format("Scan without order: %U", scan_name));
   }
   const std::int64_t order = OrderOf(scan_name);
   if (const auto found = PositionOf(priority, order); IsAt(found, priority, order)) return *found;

@@ -1,6 +1,7 @@
 // How the engine puts work into the queue, asks what is queued, and takes work out.
 
 #include "host/symbols.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/coordinator.h"
 
 namespace pysource {
@@ -49,7 +50,7 @@ void CScanCoordinator::AddPairsToSecondaryQueue(const Object& pairs, bool first,
                                                 MaybePriority priority) {
   pyrt::List wanted;
   pyrt::ForEach(pairs, [&](const Object& pair) {
-    if (_fInfoCache.WantDerivedInfo(pyrt::Own(PySequence_GetItem(pair.get(), 0)))) {
+    if (_fInfoCache.WantDerivedInfo(pyrt::Item(pair, 0))) {
       wanted.Append(pair);
     }
   });
@@ -89,8 +90,7 @@ bool CScanCoordinator::LocationInScanQueues(const Location& loc) {
 }
 
 void CScanCoordinator::RemoveLocationsFromQueue(const Object& to_remove) {
-  const Object locations =
-      PyAnySet_Check(to_remove.get()) ? to_remove : pyrt::Own(PyFrozenSet_New(to_remove.get()));
+  const Object locations = pyrt::IsAnySet(to_remove) ? to_remove : pyrt::FrozenSetOf(to_remove);
   queue().RemoveAllForLocations(locations, Object());
 }
 

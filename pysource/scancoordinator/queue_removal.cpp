@@ -3,6 +3,7 @@
 #include <deque>
 
 #include "host/destroyable.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/scan_queue.h"
 
 namespace pysource {
@@ -14,8 +15,7 @@ void _CScanQueue::RemoveAllForLocations(const Object& loc_seq, const Object& sca
     bool kept = false;
     for (const QueuedScan& scan : SnapshotOf(loc)) {
       const Text scan_name = store_->name(scan.scan_name);
-      if (scan_name_set.is_none() ||
-          pyrt::Check(PySequence_Contains(scan_name_set.get(), scan_name.get())) != 0) {
+      if (scan_name_set.is_none() || pyrt::Contains(scan_name_set, scan_name.object())) {
         RemoveScanTriple({loc, scan.scope_name, scan_name}, store_->priority(scan.priority),
                          remove_waiting);
       } else {

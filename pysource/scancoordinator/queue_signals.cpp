@@ -4,6 +4,7 @@
 
 #include "host/destroyable.h"
 #include "host/lgtk.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/scan_queue.h"
 
 namespace pysource {
@@ -31,7 +32,7 @@ namespace {
 // A line of the dump: a format with %R for values in their debugging form and %U for text.
 template <class... Args>
 void Write(const Object& write, const char* format, const Args&... args) {
-  pyrt::Call(write, pyrt::Own(PyUnicode_FromFormat(format, args...)));
+  pyrt::Call(write, pyrt::Format(format, args...));
 }
 
 struct QueueEntry {
@@ -41,14 +42,14 @@ struct QueueEntry {
 
 // Returns the number of lines written, at least one.
 std::int64_t WriteForLoc(const Object& write, const QueueEntry& entry, std::int64_t loc_limit) {
-  Write(write, "  %R\n", entry.loc.get());
+  Write(write, "  %R\n", entry.loc);
   std::int64_t loc_lines_written = 1;
   for (const Text& name : entry.names) {
     if (loc_lines_written >= loc_limit) {
       Write(write, "    ...\n");
       return loc_lines_written;
     }
-    Write(write, "    %U\n", name.get());
+    Write(write, "    %U\n", name);
     ++loc_lines_written;
   }
   return loc_lines_written;
@@ -68,7 +69,7 @@ void WriteWaiting(const Object& write, const char* format, const Object& contain
                   std::int64_t limit) {
   const auto size = static_cast<std::int64_t>(pyrt::Size(container));
   pyrt::ForEach(FirstOf(container, limit).object(),
-                [&](const Object& element) { Write(write, format, element.get()); });
+                [&](const Object& element) { Write(write, format, element); });
   if (size >= limit) Write(write, "  ...\n");
 }
 
@@ -98,7 +99,7 @@ void _CScanQueue::PrintScanQueues(const Object& write_or_none, std::int64_t limi
       entries.push_back({(*store_)[id].location.object(), {names.begin(), names.end()}});
     }
     const std::size_t count = ordered.size();
-    Write(write, " Scan queue for %U; priority=%lld count=%zu\n", single.fScanName.get(),
+    Write(write, " Scan queue for %U; priority=%lld count=%zu\n", single.fScanName,
           static_cast<long long>(single.fPriority), count);
     std::size_t next = 0;
     bool all_written = false;

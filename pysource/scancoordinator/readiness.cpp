@@ -14,7 +14,7 @@ void CScanCoordinator::_WaitForScannerToBeReady(const Object& scanner, const CSc
   const Object callback = pyrt::Closure<"cb_state_change(scanner)", &OnScannerStateChange>::New(
       pyrt::MakeTuple(self(), scan_item, connect_id_holder));
   const Object id = host::ConnectWhileAlive(scanner, "scan-state-changed", callback, self());
-  pyrt::Check(PySequence_SetItem(connect_id_holder.object().get(), 0, id.get_or_none()));
+  connect_id_holder.Set(0, id);
 }
 
 void CScanCoordinator::OnScannerStateChange(const Object& held, const Object& scanner) {

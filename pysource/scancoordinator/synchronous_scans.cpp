@@ -7,6 +7,7 @@
 
 #include "host/symbols.h"
 #include "pysource/pyrt/guard.h"
+#include "pysource/pyrt/values.h"
 #include "pysource/scancoordinator/coordinator.h"
 
 namespace pysource {
@@ -95,7 +96,7 @@ Object CScanCoordinator::TryToScanNow(const Object& loc, const Text& scope_name,
     names = both.object();
   }
   const auto holds = [&](const Text& scan_name) {
-    return pyrt::Check(PySequence_Contains(names.get(), scan_name.get())) != 0;
+    return pyrt::Contains(names, scan_name.object());
   };
   const bool do_primary = holds(fAnaMgr.fPrimaryScanName());
   const bool do_secondary = holds(fAnaMgr.fDerivedScanName());

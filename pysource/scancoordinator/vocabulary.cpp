@@ -1,5 +1,6 @@
 #include "pysource/scancoordinator/vocabulary.h"
 
+#include "pysource/pyrt/values.h"
 namespace pysource {
 namespace {
 
@@ -26,34 +27,26 @@ Object MakeClass(const Object& module, const char* name, const char* fields) {
   static constinit pyrt::Name kNamedTuple{"namedtuple"};
   static constinit pyrt::Name kModuleName{"__name__"};
   const Object made = pyrt::Call(pyrt::ModuleAttr(kCollections, kNamedTuple), name, fields);
-  pyrt::Check(
-      PyObject_SetAttrString(made.get(), "__module__", pyrt::GetAttr(module, kModuleName).get()));
-  if (name[0] != '_') pyrt::Check(PyObject_SetAttrString(module.get(), name, made.get()));
+  pyrt::SetAttr(made, "__module__", pyrt::GetAttr(module, kModuleName));
+  if (name[0] != '_') pyrt::SetAttr(module, name, made);
   return made;
 }
 
-// Makes an instance past the class's own `__new__`, which is written in Python and slow.
+// Past the class's own `__new__`, which is written in Python and slow.
 template <class... Values>
 Object MakeRecord(const Object& record_class, const Values&... values) {
-  static const auto tuple_new = reinterpret_cast<newfunc>(PyType_GetSlot(&PyTuple_Type, Py_tp_new));
-  const Object args = pyrt::MakeTuple(pyrt::MakeTuple(values...));
-  return pyrt::Own(
-      tuple_new(reinterpret_cast<PyTypeObject*>(record_class.get()), args.get(), nullptr));
+  return pyrt::NewTuple(record_class, pyrt::MakeTuple(values...));
 }
 
 }  // namespace
 
 CScanItem CScanItem::FromRecord(const Object& record) {
-  if (PyTuple_Check(record.get()) == 0) {
-    pyrt::Raise(PyExc_TypeError, "expected a CScanItem");
-  }
+  if (!pyrt::IsTuple(record)) pyrt::RaiseUnexpected("CScanItem", record);
   auto [loc, scope_name, scan_name, priority] = pyrt::Unpack<4>(record);
   CScanItem item(Location(std::move(loc)), Text::OrNone(std::move(scope_name)),
                  Text::OrNone(std::move(scan_name)),
                  pyrt::FromPython<MaybePriority>(priority.get()));
-  if (Py_TYPE(record.get()) == reinterpret_cast<PyTypeObject*>(Classes().scan_item.get())) {
-    item.record_ = record;
-  }
+  if (pyrt::IsExactly(record, Classes().scan_item)) item.record_ = record;
   return item;
 }
 
@@ -116,8 +109,7 @@ pyrt::Dict Counter() {
 
 pyrt::Dict DictOfSets() {
   static constinit pyrt::Name kDefaultDict{"defaultdict"};
-  return pyrt::Dict(pyrt::Call(pyrt::ModuleAttr(kCollections, kDefaultDict),
-                               Object::Share(reinterpret_cast<PyObject*>(&PySet_Type))));
+  return pyrt::Dict(pyrt::Call(pyrt::ModuleAttr(kCollections, kDefaultDict), pyrt::SetClass()));
 }
 
 }  // namespace records
