@@ -194,7 +194,7 @@ def state(queue: Any) -> dict[str, Any]:
 
 
 def complete_first(queue: Any) -> Any:
-    """Take the next scan out as a finished one; returns its item, with loc none if there was none."""
+    """Take the next scan out as a finished one; returns its item, or that of four nones."""
     item = queue.First()
     if item.loc is not None:
         queue.ScanCompleted(item)
@@ -202,7 +202,7 @@ def complete_first(queue: Any) -> Any:
 
 
 def check_invariants(queue: Any) -> None:
-    """What holds between operations while each scan name has an order of its own that never changes."""
+    """What holds between operations while each scan name has one order of its own for good."""
     infos = dict(queue._fPerLocationInfo)
     queued = {}
     for single in queue._fOrderedQueues:

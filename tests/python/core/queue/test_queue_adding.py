@@ -308,7 +308,7 @@ def test_waiting_location_answers_for_all_its_scans_on_the_ready_path(queue, ite
 
 
 def test_earlier_ready_add_takes_the_waiting_entry(queue, item):
-    """Existing priority 2 against 1: the removal deals with the waiting entry, then the scan enters."""
+    """Existing priority 2 against 1: the removal takes the waiting entry, then the scan enters."""
     r = remote("r")
     queue._AddItemsWaitingForInspect(r, [item(r, "s", kPrimary, 2)])
     queue._AddReadyScanPairs([(r, "s")], kPrimary, 1, False)

@@ -256,7 +256,7 @@ def test_remove_with_remove_waiting_false_works_on_the_queues(queue, item):
 
 
 def test_remove_without_priority_uses_the_waiting_priority_when_waiting_is_ignored(queue, item):
-    """The location isn't queued, so the priority found is that of the waiting entry: no such scan."""
+    """The location isn't queued: the priority found is the waiting one, and no scan has it."""
     r = remote("r")
     queue._AddItemsWaitingForInspect(r, [item(r, "s", kPrimary, 2)])
     assert queue.RemoveScanTriple((r, "s", kPrimary), remove_waiting=False) is False

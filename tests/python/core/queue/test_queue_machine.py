@@ -1,8 +1,8 @@
 """Random sessions over the C++ queue and its twin, side by side.
 
-After each operation both have given the same result or the same failure, all visible state is equal,
-and the invariants hold. Some operations walk a set or a mapping whose order nobody promises; then
-the twin is tried with each order of its walks until one leads where the C++ queue went.
+After each operation both have given the same result or the same failure, all visible state is
+equal, and the invariants hold. Some operations walk a set or a mapping whose order nobody promises;
+then the twin is tried with each order of its walks until one leads where the C++ queue went.
 """
 
 import itertools
@@ -79,10 +79,10 @@ kFailedCheck = ("failure", AssertionError)
 def noting(cls):
     """A twin that notes what leads out of the invariants for good; the session starts anew then.
 
-    `strayed`: the map and the scope lists come apart, and a debug check fails or would have to. Either
-    a scan is entered that the map holds already, for a location that is queued and waits as well: the
-    removal of the later scan deals with the waiting entry alone. Or scopes are moved between single
-    queues under another scan name than the map has them, since two names share a single queue.
+    `strayed`: the map and the scope lists come apart, and a debug check fails or would have to.
+    Either a scan is entered that the map holds already, for a location that is queued and waits as
+    well: the removal of the later scan deals with the waiting entry alone. Or scopes are moved between
+    single queues under another scan name than the map has them, since two names share a queue.
 
     `endless`: after a late change of orders a location can stay at the head of a single queue while
     the map has lost it. If it isn't ready, `First` can't take it away: a debug check fails then, or

@@ -70,13 +70,13 @@ class CDestroyable:
         """Hook for subclasses."""
 
     def emit(self, name: str, *args: Any) -> None:
-        """Call what is connected to the signal, in order of connection, with exactly `args`."""
+        """Call what is connected to the signal, in that order, with exactly `args`."""
         if name not in self.__signal_names:
             raise ValueError(f"signal {name!r} wasn't declared by {type(self).__name__}")
         hostlog.note("emit", self, name, *args)
         mine = [c for c in self.__connections if c.name == name]
-        classwide = [c for c in _class_connections if c.name == name and isinstance(self, c.emitter)]
-        for connection in mine + classwide:
+        classwide = [c for c in _class_connections if c.name == name]
+        for connection in mine + [c for c in classwide if isinstance(self, c.emitter)]:
             if connection.alive:
                 connection.callback(*args)
 
@@ -94,7 +94,7 @@ class CDestroyable:
     def class_connect_while_alive(
         cls, name: str, callback: Callable[..., Any], owner: "CDestroyable"
     ) -> int:
-        """Connect to the signal of all instances, present and future, until `owner` is destroyed."""
+        """Connect to the signal of all instances, also future ones, until `owner` is destroyed."""
         hostlog.note("class_connect_while_alive", cls, name, callback, owner)
         connection = _Connection(cls, name, callback, owner)
         _class_connections.append(connection)
