@@ -22,7 +22,8 @@ from time import perf_counter
 from types import SimpleNamespace
 from typing import Any
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
+# What is installed comes first.
+sys.path.append(str(Path(__file__).resolve().parents[2]))
 
 
 def parse(files: Sequence[str], folder: Path) -> dict[str, Any]:

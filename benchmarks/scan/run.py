@@ -21,7 +21,7 @@ from pathlib import Path
 from typing import Any, Final
 
 _HERE: Final = Path(__file__).resolve().parent
-sys.path.insert(0, str(_HERE.parents[1]))
+sys.path.append(str(_HERE.parents[1]))  # what is installed comes first
 
 from loom.bootstrap import ensure_host_path  # noqa: E402
 

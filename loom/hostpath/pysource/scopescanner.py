@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import logging
 from collections.abc import Callable, Generator, Sequence
-from typing import Final
+from typing import Final, TypeVar
 
 import singleton
 from loombase.destroyable import CDestroyable
@@ -36,8 +36,12 @@ _kStepBytes: Final = 64 * 1024
 # valid once the text is gone.
 _kUnsavedTime: Final = -1
 
-# Definitions packed between two looks at the clock.
-_kDefinitionsPerStep: Final = 2000
+# Scopes or definitions taken or packed between two looks at the clock.
+_kItemsPerStep: Final = 2000
+
+# More scopes or definitions than this are no program, but a way to fill the memory. The biggest
+# generated modules have some 25,000.
+_kMaxItems: Final = 200_000
 
 # A rendered reason is a line of a report, not a dump.
 _kMaxReasonLength: Final = 300
@@ -62,6 +66,7 @@ kTimedOut: Final = CScanState("kTimedOut")
 kScanAbandoned: Final = CScanState("kScanAbandoned")
 
 _Steps = Generator[None, None, CScanState]
+_Item = TypeVar("_Item")
 
 
 class CScanner(CDestroyable):
@@ -158,20 +163,18 @@ class CWholeFilePrimaryScanner(CScanner):
         source = SourceScanner(text.data)
         while not source.scan(_kStepBytes):
             yield
-        scopes = source.scopes()
-        yield
+        scopes = yield from _InParts(source.scopes, "scopes")
         errors = source.errors()
         self._fIncompleteScopes.clear()
         if errors:
             lines = [lineno for lineno, _ in errors]
             self._fIncompleteScopes.update(scopes[i][0] for i in ScopesOfLines(scopes, lines))
         error, error_lineno = _FirstError(errors, text)
-        definitions = source.definitions()
-        yield
+        definitions = yield from _InParts(source.definitions, "definitions")
         packed: list[bytes] = []
         names: dict[str, None] = {}
-        for start in range(0, len(definitions), _kDefinitionsPerStep):
-            part = definitions[start : start + _kDefinitionsPerStep]
+        for start in range(0, len(definitions), _kItemsPerStep):
+            part = definitions[start : start + _kItemsPerStep]
             packed.append(pack(part))
             names.update(dict.fromkeys([name for _, name, _, _ in part]))
             yield
@@ -210,18 +213,30 @@ class CWholeFilePrimaryScanner(CScanner):
         singleton.GetSingletons().fAnalysisMgr.fInfoCache.AddFile(self.fLocation, record)
 
 
+def _InParts(
+    ask: Callable[[int, int], list[_Item]], what: str
+) -> Generator[None, None, list[_Item]]:
+    """All items of a long list of the native scanner, fetched in steps."""
+    items: list[_Item] = []
+    while part := ask(len(items), _kItemsPerStep):
+        items += part
+        if len(items) > _kMaxItems:
+            raise SourceError(f"too many {what}: more than {_kMaxItems:,}", lasting=True)
+        yield
+    return items
+
+
 def ScopesOfLines(scopes: Sequence[ScopeRow], lines: Sequence[int]) -> set[int]:
     """The indices of the innermost scopes that hold the lines.
 
-    Requires: parents before their children, and children in order of their first line.
+    Requires: the scopes in the order in which they begin.
     """
     found: set[int] = set()
-    by_line = sorted(range(len(scopes)), key=lambda index: (scopes[index][3], index))
     open_scopes: list[int] = []
     following = 0
     for line in sorted(set(lines)):
-        while following < len(by_line) and scopes[by_line[following]][3] <= line:
-            open_scopes.append(by_line[following])
+        while following < len(scopes) and scopes[following][3] <= line:
+            open_scopes.append(following)
             following += 1
         while open_scopes and scopes[open_scopes[-1]][4] < line:
             open_scopes.pop()

@@ -172,7 +172,7 @@ def test_result_is_the_same_whatever_the_slices(
     incomplete: set[str] = set()
     assert new_scanner(loc, incomplete).Scan(clock.now + 1_000.0) is kFinishedScanning
     monkeypatch.setattr(scopescanner, "_kStepBytes", step_bytes)
-    monkeypatch.setattr(scopescanner, "_kDefinitionsPerStep", 3)
+    monkeypatch.setattr(scopescanner, "_kItemsPerStep", 3)
     clock.per_look = 1.0
     scanner = new_scanner(loc, incomplete_again := set[str]())
     while scanner.Scan(clock.now + looks + 0.5) is kTimedOut:
@@ -318,6 +318,27 @@ def test_100_mb_of_garbage(cache: CInfoCache, scan: Scan, rows: Rows, tmp_path: 
     assert scan(loc) is kScanAbandoned
     cache.WriteEverything()
     assert file_row(rows, loc)[1].startswith("too big: 104,857,600 bytes")
+
+
+@pytest.mark.parametrize("what", ["scopes", "definitions"])
+def test_too_many_scopes_or_definitions(
+    cache: CInfoCache,
+    make_file: MakeFile,
+    scan: Scan,
+    rows: Rows,
+    what: str,
+    monkeypatch: pytest.MonkeyPatch,
+) -> None:
+    monkeypatch.setattr(scopescanner, "_kMaxItems", 50)
+    monkeypatch.setattr(scopescanner, "_kItemsPerStep", 7)
+    line = "def f(): pass\n" if what == "scopes" else "n{} = 1\n"
+    good = make_file("a.py", "".join(line.format(n) for n in range(45)))
+    bad = make_file("b.py", "".join(line.format(n) for n in range(60)))
+    assert scan(good) is kFinishedScanning
+    assert scan(bad) is kScanAbandoned
+    cache.WriteEverything()
+    assert file_row(rows, good)[1] is None
+    assert file_row(rows, bad)[1] == f"too many {what}: more than 50"
 
 
 def test_unreadable_file_is_tried_again(
