@@ -244,9 +244,9 @@ Object MakeScannerType(const Object& module) {
                                 {Py_tp_methods, methods},
                                 {Py_tp_getset, fields},
                                 {0, nullptr}};
-  static PyType_Spec spec{"loom._pyscan.SourceScanner", sizeof(ScannerObject), 0,
+  static PyType_Spec type{"loom._pyscan.SourceScanner", sizeof(ScannerObject), 0,
                           Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE, slots};
-  return Own(PyType_FromModuleAndSpec(module.get(), &spec, nullptr));
+  return Own(PyType_FromModuleAndSpec(module.get(), &type, nullptr));
 }
 
 int ExecModule(PyObject* self) noexcept {

@@ -62,14 +62,14 @@ class Lexer {
  private:
   enum class Mode : std::uint8_t { kIndentation, kContinuation, kCode, kString, kFormatted };
   enum class Stop : std::uint8_t { kGo, kLimit, kLine, kEnd };
-  enum class FrameKind : std::uint8_t { kRound, kSquare, kCurly, kField, kLiteral, kFormatSpec };
+  enum class FrameKind : std::uint8_t { kRound, kSquare, kCurly, kField, kLiteral, kFormat };
 
   struct Frame {
     std::uint32_t begin;
     std::uint32_t line;
     std::uint32_t token;  // index of the stored token, or kNoToken
     FrameKind kind;
-    char quote;  // of kLiteral and kFormatSpec
+    char quote;  // of kLiteral and kFormat
     bool triple;
     bool raw;
   };

@@ -228,9 +228,9 @@ void Lexer::ForgetLambdas() {
 
 void Lexer::LexColon() {
   if (!frames_.empty() && frames_.back().kind == FrameKind::kField) {
-    Frame spec = frames_.back();
-    spec.kind = FrameKind::kFormatSpec;
-    frames_.push_back(spec);
+    Frame format = frames_.back();
+    format.kind = FrameKind::kFormat;
+    frames_.push_back(format);
     ++p_;
     mode_ = Mode::kFormatted;
     return;
@@ -303,7 +303,7 @@ void Lexer::PopFrame(bool unclosed) {
     case FrameKind::kLiteral:
       --literals_;
       break;
-    case FrameKind::kFormatSpec:
+    case FrameKind::kFormat:
       break;
   }
   if (frames_.empty()) candidate_ = {nullptr, 0};

@@ -126,7 +126,7 @@ Lexer::Stop Lexer::LexString() {
 // "}" behind the expression or the format of a replacement field.
 void Lexer::EndField() {
   while (frames_.back().kind != FrameKind::kField) {
-    PopFrame(frames_.back().kind != FrameKind::kFormatSpec);
+    PopFrame(frames_.back().kind != FrameKind::kFormat);
   }
   PopFrame(false);
   mode_ = Mode::kFormatted;
@@ -156,7 +156,7 @@ void Lexer::EndLiteral(bool opaque) {
 Lexer::Stop Lexer::LexFormatted() {
   for (;;) {
     const Frame& frame = frames_.back();
-    const bool spec = frame.kind == FrameKind::kFormatSpec;
+    const bool in_format = frame.kind == FrameKind::kFormat;
     p_ = p_ < limit_ ? FindAny(p_, limit_, frame.quote, '\\', '{', '}', '\n', '\r') : p_;
     if (p_ >= limit_) {
       if (!AtEnd()) return Stop::kLimit;
@@ -169,15 +169,15 @@ Lexer::Stop Lexer::LexFormatted() {
         continue;
       }
       p_ += frame.triple ? 3 : 1;
-      if (spec) errors_.Add(line_number_, "f-string: expecting '}'");
+      if (in_format) errors_.Add(line_number_, "f-string: expecting '}'");
       const Frame literal = frames_[InnermostLiteral()];
       const bool back = literal.triple && NameFollows() && WalkBackInto(literal);
       if (back) errors_.Add(literal.line, "unterminated triple-quoted f-string literal");
-      EndLiteral(spec || back);
+      EndLiteral(in_format || back);
       return back ? Stop::kLimit : Stop::kGo;
     }
     if (c == '{') {
-      if (!spec && Peek(1) == '{') {
+      if (!in_format && Peek(1) == '{') {
         p_ += 2;
         continue;
       }
@@ -201,7 +201,7 @@ Lexer::Stop Lexer::LexFormatted() {
     }
     if (c == '}') {
       ++p_;
-      if (spec) {
+      if (in_format) {
         EndField();
       } else if (p_ != end_ && *p_ == '}') {
         ++p_;

@@ -104,7 +104,7 @@ SNIPPETS = {
     "nested quotes": "x = f'{a['b']}'\ny = 1\n",
     "nested f-strings": "x = f'{f'{f'{1}'}'}' ; y = 2\n",
     "lines in a field": "x = f'{\n    a\n    # it\\'s\n}'\ny = 1\n",
-    "format spec": "x = f'{a:{b}>{c!r}}{{}}{d:%H:%M}' ; y = 1\n",
+    "format": "x = f'{a:{b}>{c!r}}{{}}{d:%H:%M}' ; y = 1\n",
     "named character": "x = f'\\N{LATIN SMALL LETTER A}{y}' ; z = rf'\\N{y}'\n",
     "braces in a format": "x = f'{a:{{1: 2}[1]}}'\ny = 2\n",
     "walrus in a field": "x = f'{(y := 1)}{z:=5}'\n",
