@@ -3,66 +3,28 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "pysource/nonnestedsearch.h"
+#include "tests/fuzz/fuzz.h"
+#include "tests/fuzz/search_model.h"
 
 namespace pysource {
 namespace {
 
-// A copy without anything behind it.
-class Exact {
- public:
-  explicit Exact(std::string_view text) : size_(text.size()), bytes_(new char[text.size() + 1]) {
-    std::copy(text.begin(), text.end(), begin());
-  }
-  // The first byte of the memory is left free, so that an empty text has an address, too.
-  char* begin() const { return bytes_.get() + 1; }
-  std::ptrdiff_t size() const { return static_cast<std::ptrdiff_t>(size_); }
-
- private:
-  std::size_t size_;
-  std::unique_ptr<char[]> bytes_;
-};
-
+using fuzz::Exact;
 using Positions = std::vector<std::ptrdiff_t>;
 
 Positions Search(std::string_view text, std::string_view needle) {
   const Exact exact(text);
   tNonNestedStruct search;
-  InitNonNestedStruct(&search, exact.begin(), needle.data(),
+  InitNonNestedStruct(&search, exact.data(), needle.data(),
                       static_cast<std::ptrdiff_t>(needle.size()), 0, exact.size());
   Positions found;
   for (std::ptrdiff_t pos; (pos = FindNextNonNestedStruct(&search)) >= 0;) found.push_back(pos);
   EXPECT_EQ(FindNextNonNestedStruct(&search), -1);
-  return found;
-}
-
-Positions Model(std::string_view text, std::string_view needle) {
-  Positions found;
-  int level = 0;
-  const auto count = [&](char c) {
-    if (std::strchr("([{", c) != nullptr && c != '\0') ++level;
-    if (std::strchr(")]}", c) != nullptr && c != '\0') --level;
-  };
-  const char* const begin = text.data();
-  const char* const end = begin + text.size();
-  for (const char* p = begin; !needle.empty() && p < end;) {
-    if (level == 0 && std::string_view(p, end).starts_with(needle)) {
-      found.push_back(p - begin);
-      for (char c : needle) count(c);
-      p += needle.size();
-    } else if (*p == '"' || *p == '\'') {
-      p = FindStringEnd(begin, p, end);
-    } else {
-      count(*p++);
-    }
-  }
   return found;
 }
 
@@ -105,14 +67,14 @@ TEST(NonNestedSearch, BesideTheModel) {
       if (random() % density == 0) c = kAlphabet[random() % kAlphabet.size()];
     }
     const std::string& needle = needles[random() % needles.size()];
-    ASSERT_EQ(Search(text, needle), Model(text, needle)) << text << "\nneedle " << needle;
+    ASSERT_EQ(Search(text, needle), SearchByModel(text, needle)) << text << "\nneedle " << needle;
   }
 }
 
 std::ptrdiff_t EndOf(std::string_view text, std::ptrdiff_t quote) {
   const Exact exact(text);
-  return FindStringEnd(exact.begin(), exact.begin() + quote, exact.begin() + exact.size()) -
-         exact.begin();
+  return FindStringEnd(exact.data(), exact.data() + quote, exact.data() + exact.size()) -
+         exact.data();
 }
 
 TEST(StringLiteral, IsClosed) {
@@ -167,8 +129,8 @@ TEST(FindAny, InEveryPlaceOfABlock) {
       std::string text(size, 'x');
       if (place < size) text[place] = 'b';
       const Exact exact(text);
-      const char* const end = exact.begin() + exact.size();
-      EXPECT_EQ(FindAny(exact.begin(), end, 'a', 'b') - exact.begin(),
+      const char* const end = exact.data() + exact.size();
+      EXPECT_EQ(FindAny(exact.data(), end, 'a', 'b') - exact.data(),
                 static_cast<std::ptrdiff_t>(place));
     }
   }
