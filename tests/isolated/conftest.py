@@ -17,15 +17,25 @@ def compiled_bases(tmp_path_factory):
     return {name: support.build_base(folder, name) for name in ("heap", "static")}
 
 
+def over_base(name, request):
+    """A function that runs a script over the CDestroyable of this name."""
+    folder = None
+    if name in ("heap", "static"):
+        folder = request.getfixturevalue("compiled_bases")[name]
+
+    def run(script, **options):
+        return support.run(script, base=name, base_folder=folder, **options)
+
+    return run
+
+
 @pytest.fixture(params=["dict", "slots", "heap", "static"])
 def over(request):
     """Run a script over each kind of CDestroyable."""
-    folder = None
-    if request.param in ("heap", "static"):
-        folder = request.getfixturevalue("compiled_bases")[request.param]
+    return over_base(request.param, request)
 
-    def run(script, **options):
-        return support.run(script, base=request.param, base_folder=folder, **options)
 
-    run.base = request.param
-    return run
+@pytest.fixture(params=["dict", "heap"])
+def either(request):
+    """Run a long script over a CDestroyable in Python and over a compiled one."""
+    return over_base(request.param, request)

@@ -46,9 +46,9 @@ def consistent(coordinator):
 """
 
 
-def test_junk_arguments(over):
+def test_junk_arguments(either):
     """Every operation with every kind of junk, in a working coordinator."""
-    over(
+    either(
         kSetup
         + """
 from operations import kPlain, kVirtual, mangled
@@ -122,9 +122,9 @@ kMischief = {
 
 
 @pytest.mark.parametrize("mischief", kMischief)
-def test_every_collaborator_comes_back(over, mischief):
+def test_every_collaborator_comes_back(either, mischief):
     """Whatever the coordinator calls does something to the coordinator, then answers."""
-    over(
+    either(
         kSetup
         + f"""
 from collaborators import HelperCallbackObj, HelperSupport
@@ -193,13 +193,23 @@ for seed in range(6):
                               scopescanner.kScanAbandoned, scopescanner.kWaitingForData])
 
     scopescanner.script.extend([step] * 40)
+    if seed % 2:
+        # Every other time a helper process takes part, and it comes and goes.
+        for name in ("AddPairsToPrimaryQueue", "FlushQueue"):
+            spoil(world.proxy, name)
+        world.ana_mgr.fHelperProcessProxy = world.proxy
+        world.ana_mgr._fHelperProcessSupport = HelperSupport(HelperCallbackObj())
     pairs = [(loc, scope) for loc in locs for scope in ("*", "f", "g")]
     random.shuffle(pairs)
     quietly(lambda: coordinator.AddPairsToPrimaryQueue(pairs))
     quietly(lambda: coordinator.AddPairsToSecondaryQueue(pairs, False))
-    for _ in range(60):
+    for turn in range(60):
         quietly(lgtk.step)
         quietly(lambda: lgtk.advance(0.5))
+        if seed % 2 and turn % 10 == 5:
+            quietly(coordinator._UpdateForHelperProcess)
+            world.ana_mgr.fHelperProcessProxy = random.choice([None, world.proxy])
+            world.ana_mgr._fHelperProcessSupport = HelperSupport(HelperCallbackObj())
     for scan in ("primary", "derived"):
         quietly(lambda: coordinator.TryToScanDictNow(
             None, None, {{(loc, "f", scan) for loc in locs}}, 2e9))
@@ -212,9 +222,9 @@ for seed in range(6):
     )
 
 
-def test_overrides_that_come_back(over):
+def test_overrides_that_come_back(either):
     """Every overridden operation calls another operation before it calls the base."""
-    over(
+    either(
         kSetup
         + """
 from operations import kVirtual, mangled
@@ -257,9 +267,9 @@ for seed in range(20):
 
 
 @pytest.mark.parametrize("failing", [False, True])
-def test_locations_whose_comparison_changes_the_queue(over, failing):
+def test_locations_whose_comparison_changes_the_queue(either, failing):
     """Hash and equality of a location may run Python, fail, and change what is being searched."""
-    over(
+    either(
         kSetup
         + f"""
 failing = {failing}
@@ -323,8 +333,8 @@ for seed in range(12):
     )
 
 
-def test_names_that_are_strange(over):
-    over(
+def test_names_that_are_strange(either):
+    either(
         kSetup
         + """
 class Name(str):
@@ -361,9 +371,9 @@ for name in (None, 5, b"primary", [], object()):
     )
 
 
-def test_collaborators_that_answer_nonsense(over):
+def test_collaborators_that_answer_nonsense(either):
     """Each answer in turn is replaced by each kind of nonsense."""
-    over(
+    either(
         kSetup
         + """
 nonsense = [None, 5, -1, "text", b"bytes", [], {}, [None], [5], [()], {1: 2}, object(), 2**100,
@@ -408,9 +418,9 @@ for owner, name in places:
     )
 
 
-def test_attributes_that_vanish_or_change(over):
+def test_attributes_that_vanish_or_change(either):
     """Each attribute of the manager and the singletons is taken away or made nonsense later."""
-    over(
+    either(
         kSetup
         + """
 names = [("ana_mgr", name) for name in
@@ -453,8 +463,8 @@ for owner, name in names:
     )
 
 
-def test_deep_recursion_is_a_failure_and_no_crash(over):
-    over(
+def test_deep_recursion_is_a_failure_and_no_crash(either):
+    either(
         kSetup
         + """
 class CDeep(CScanCoordinator):
@@ -486,10 +496,10 @@ coordinator.destroy()
     )
 
 
-def test_memory_errors_on_the_way(over):
+def test_memory_errors_on_the_way(either):
     """Failures of allocation in the middle of everything: exceptions and nothing else."""
     pytest.importorskip("_testcapi", reason="only its hooks can make an allocation fail")
-    over(
+    either(
         kSetup
         + """
 import _testcapi

@@ -29,19 +29,14 @@ def loc(world):
 
 @pytest.fixture(autouse=True)
 def definitions(monkeypatch):
-    """A definition part that is easy to write: the prefix and the scope name."""
+    """Note which parts are decoded as definitions."""
+    unpack = symbolinfo.UnpackDefInfoStr
 
-    class DefInfo:
-        def __init__(self, part):
-            self.scope_name = part[symbolinfo.kPrefixLen :].decode()
-
-    def unpack(part):
-        if not isinstance(part, bytes):
-            raise TypeError(f"Expected bytes, got {type(part).__name__}")
+    def noting_unpack(part):
         hostlog.note("UnpackDefInfoStr", part)
-        return DefInfo(part)
+        return unpack(part)
 
-    monkeypatch.setattr(symbolinfo, "UnpackDefInfoStr", unpack)
+    monkeypatch.setattr(symbolinfo, "UnpackDefInfoStr", noting_unpack)
 
 
 def definition(prefix, scope_name):

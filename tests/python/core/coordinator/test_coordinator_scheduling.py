@@ -120,7 +120,10 @@ def test_cancel_removes_and_tells_the_end(world, coordinator):
 def test_cancel_drops_what_idle_remove_returns(world, coordinator, monkeypatch):
     coordinator._ScheduleIdle()
     monkeypatch.setattr(lgtk, "idle_remove", lambda _handle: "something")
+    seen = []
+    coordinator.connect("end", lambda: seen.append(coordinator._fIdleProcId))
     coordinator._CancelIdle()
+    assert seen == [None]
     assert coordinator._fIdleProcId is None
     forget()
 
