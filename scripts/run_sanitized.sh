@@ -24,15 +24,27 @@ run_unit_tests $build || failed=1
 cxx=${CXX:-c++}
 preload="$("$cxx" -print-file-name=libasan.so) $("$cxx" -print-file-name=libstdc++.so)"
 
-for suite in python/core python/scanner isolated; do
-  section "pytest tests/$suite under ASan and UBSan"
-  (
-    export LD_PRELOAD="$preload" PYTHONMALLOC=malloc PYTHONPATH="$PWD/$build/site"
-    export ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1
-    # Captured at the level of sys only, so that a diagnostic gets out of a process that it ends.
-    run_pytest "${suite#python/}" "" --capture=sys --hypothesis-profile=sanitize "tests/$suite"
-  ) || failed=1
-done
+# run_suites SUITE...: run the Python tests of these folders with the sanitized modules.
+run_suites() {
+  suites_failed=0
+  for suite in "$@"; do
+    section "pytest tests/$suite under ASan and UBSan"
+    (
+      export LD_PRELOAD="$preload" PYTHONMALLOC=malloc PYTHONPATH="$PWD/$build/site"
+      export ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1
+      # Captured at the level of sys only, so that a diagnostic gets out of a process that it ends.
+      run_pytest "${suite#python/}" "" --capture=sys --hypothesis-profile=sanitize "tests/$suite"
+    ) || suites_failed=1
+  done
+  return $suites_failed
+}
+
+# Side by side; what the second one says is shown when the first one is done.
+run_suites python/scanner isolated >build/sanitized.log 2>&1 &
+others=$!
+run_suites python/core || failed=1
+wait $others || failed=1
+cat build/sanitized.log
 
 .venv/bin/python scripts/test_summary.py $reports || failed=1
 exit $failed

@@ -12,8 +12,10 @@ failed=0
 section "C++ unit tests"
 run_unit_tests build/release || failed=1
 
-# A process serves one host, so that the tests over the fake host run by themselves.
-for options in "" "-O"; do
+# run_suites OPTIONS: run the Python tests under "python OPTIONS". A process serves one host, so that the
+# tests over the fake host run by themselves.
+run_suites() {
+  suites_failed=0
   for suite in core host isolated issues; do
     case $suite in
       core) paths=tests/python/core ;;
@@ -21,11 +23,19 @@ for options in "" "-O"; do
       *) paths=tests/$suite ;;
     esac
     [ -d "${paths%% *}" ] || continue
-    section "pytest $paths under python${options:+ $options}"
+    section "pytest $paths under python${1:+ $1}"
     # shellcheck disable=SC2086
-    run_pytest "$suite$options" "$options" --hypothesis-profile=repeatable $paths || failed=1
+    run_pytest "$suite$1" "$1" --hypothesis-profile=repeatable $paths || suites_failed=1
   done
-done
+  return $suites_failed
+}
+
+# Side by side; what the second one says is shown when the first one is done.
+run_suites -O >build/optimized.log 2>&1 &
+optimized=$!
+run_suites "" || failed=1
+wait $optimized || failed=1
+cat build/optimized.log
 
 .venv/bin/python scripts/test_summary.py $reports || failed=1
 exit $failed

@@ -98,7 +98,9 @@ def test_module_needs_the_limited_api_of_3_12_only(files, module):
 @pytest.mark.parametrize("python", other_pythons() or [sys.executable])
 def test_modules_load_in_every_later_python(distribution, python):
     site = str(distribution.locate_file(""))
-    program = f"import importlib\nfor name in {MODULES}: print(importlib.import_module(name).__file__)"
+    program = (
+        f"import importlib\nfor name in {MODULES}: print(importlib.import_module(name).__file__)"
+    )
     run = subprocess.run(
         [python, "-P", "-c", program],
         env=os.environ | {"PYTHONPATH": os.pathsep.join([site, f"{site}/loom/hostpath"])},
