@@ -4,6 +4,9 @@ import sys
 
 import pytest
 import support
+import test_isolated_bases as bases
+import test_isolated_collection as collection
+import test_isolated_hostile as hostile
 from test_isolated_bases import kWholeLife
 
 
@@ -124,15 +127,21 @@ coordinator.destroy()
     )
 
 
-def test_another_interpreter_in_the_process_is_refused_or_served():
+@pytest.mark.parametrize("python", [sys.executable, *support.later_pythons()])
+def test_another_interpreter_in_the_process_is_refused_or_served(python):
     """Whatever comes of it, the process goes on."""
     support.run(
         f"""
-import _xxsubinterpreters as interpreters
+try:
+    import _interpreters as interpreters  # from 3.13 on
+    makers = [lambda: interpreters.create("isolated"), lambda: interpreters.create("legacy")]
+except ImportError:
+    import _xxsubinterpreters as interpreters
+    makers = [lambda: interpreters.create(isolated=True), lambda: interpreters.create(isolated=False)]
 
 world = new_world()
 coordinator = world.make()
-path = {support.script_path()!r} + [{str(support.package_folder())!r}]
+path = {[*support.script_path(), str(support.package_folder())]!r}
 script = f'''
 import sys
 sys.path[:0] = {{path!r}}
@@ -141,8 +150,8 @@ try:
 except ImportError:
     pass
 '''
-for isolated in (True, False):
-    interpreter = interpreters.create(isolated=isolated)
+for make in makers:
+    interpreter = make()
     error = interpreters.run_string(interpreter, script)
     check(error is None, error)
     interpreters.destroy(interpreter)
@@ -150,8 +159,8 @@ world.queue(coordinator, world.loc("/p/a.py"))
 check(not coordinator.QueuesEmpty())
 coordinator.destroy()
 """,
-        python=sys.executable,
-    ) if sys.version_info[:2] == (3, 12) else None
+        python=python,
+    )
 
 
 # A host whose CDestroyable is no fit base.
@@ -283,3 +292,27 @@ def test_whole_life_in_another_python(tmp_path, python, base):
     if base in ("heap", "static"):
         folder = support.build_base(tmp_path, base, python)
     support.run(kWholeLife, base=base, base_folder=folder, python=python)
+
+
+@pytest.mark.parametrize("python", support.later_pythons(), ids=lambda path: path.split("/")[-1])
+@pytest.mark.parametrize(
+    "test",
+    [
+        bases.test_fields_are_read_only,
+        bases.test_a_subclass_that_skips_the_constructor,
+        bases.test_a_subclass_with_a_finalizer_of_its_own,
+        bases.test_a_subclass_with_slots,
+        collection.test_each_place_that_holds_an_object_lets_it_go,
+        collection.test_weak_references_and_their_callbacks,
+        collection.test_finalizers_in_a_cycle_can_use_the_coordinator,
+        hostile.test_junk_arguments,
+        hostile.test_collaborators_that_answer_nonsense,
+    ],
+    ids=lambda test: test.__name__.removeprefix("test_"),
+)
+def test_life_and_death_in_another_python(tmp_path, test, python):
+    """The same again where the interpreter's own types are laid out differently."""
+    for base in ("dict", "slots", "heap"):
+        folder = support.build_base(tmp_path, base, python) if base == "heap" else None
+        options = {"python": python, "base": base, "base_folder": folder}
+        test(lambda script, options=options, **more: support.run(script, **options, **more))
