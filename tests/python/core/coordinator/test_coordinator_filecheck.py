@@ -110,6 +110,19 @@ def test_the_secondary_scan_has_the_priority_of_the_batch(world):
     forget()
 
 
+def test_a_stranger_in_the_answer_has_background_priority(world):
+    """The info cache may tell of a location that it wasn't asked about."""
+    coordinator = world.make(watched(AddPairsToSecondaryQueue=None))
+    file(world, coordinator, "/p/a.py", priority=kInteractivePriority)
+    stranger = world.loc("/q/x.py")
+    world.info_cache.GetScansDoneForMultipleFiles = lambda _times: {stranger: kPrimary}
+    check(coordinator)
+    assert told("AddPairsToSecondaryQueue") == [
+        ("AddPairsToSecondaryQueue", [(stranger, "*")], False, kBackgroundPriority)
+    ]
+    forget()
+
+
 def test_names_are_found_anywhere_in_the_text(world, coordinator):
     loc = file(world, coordinator, "/p/a.py", done=f"x{kDerived}y{kPrimary}z")
     check(coordinator)

@@ -91,6 +91,18 @@ def test_a_directory_that_is_not_ready_fails_the_debug_check(world, coordinator)
     forget()
 
 
+def test_the_debug_check_comes_before_anything_else(world, coordinator):
+    world.queue(coordinator, world.remote("/p/a.py"))
+    dirloc = world.remote("/p", ready=False)
+    coordinator._fAnalyzeFoundImports = False
+    if __debug__:
+        with pytest.raises(AssertionError):
+            follow(coordinator, [5], dirloc)
+    else:
+        follow(coordinator, [5], dirloc)
+    forget()
+
+
 @pytest.mark.parametrize(
     ("equivs", "names"),
     [
