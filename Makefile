@@ -8,8 +8,8 @@ MAKEFLAGS += --no-builtin-rules --no-print-directory
 BIN := .venv/bin
 
 .DEFAULT_GOAL := help
-.PHONY: help demo test sanitize format format-check stubs bench-queue bench-scan install \
-        venv venv-dev clean
+.PHONY: help demo test sanitize format format-check stubs fuzz bench-queue bench-scan bench-text \
+        install venv venv-dev clean
 
 help:
 	@echo "make demo          build, then scan the standard library and show what was found"
@@ -17,7 +17,8 @@ help:
 	@echo "make sanitize      run the tests of the C++ code under ASan and UBSan"
 	@echo "make stubs         check the type stubs against the modules, and the types of loom"
 	@echo "make format        format the C++ sources; make format-check only looks"
-	@echo "make bench-queue   measure the scan queue; make bench-scan the scanning of files"
+	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers"
+	@echo "make fuzz          look for inputs that break the text helpers (needs clang++)"
 	@echo "make clean         remove .venv and build"
 
 venv:
@@ -51,7 +52,10 @@ format: venv-dev
 format-check: venv-dev
 	@scripts/format.sh --dry-run --Werror
 
-bench-queue bench-scan: bench-%: venv-dev
+fuzz: venv-dev
+	@PYTHON=$(BIN)/python tests/fuzz/run.sh
+
+bench-queue bench-scan bench-text: bench-%: venv-dev
 	@scripts/install.sh
 	@$(BIN)/python -P benchmarks/$*/run.py
 

@@ -23,7 +23,7 @@ from rich.console import Console
 from rich.style import Style
 from rich.text import Text
 
-COLUMNS, LINES = 92, 40
+COLUMNS, LINES = 112, 40
 
 
 def run(command: list[str]) -> list[tuple[float, bytes]]:
