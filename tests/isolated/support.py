@@ -15,7 +15,7 @@ from pathlib import Path
 kHere = Path(__file__).resolve().parent
 kCore = kHere.parent / "python" / "core"
 kLastLine = "came to the end"
-kTimeLimit = 120  # seconds; only a script that hangs gets there
+kTimeLimit = 300  # seconds; only a script that hangs gets there
 
 
 @cache
