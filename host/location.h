@@ -10,11 +10,20 @@ namespace host::location {
 
 inline constinit pyrt::Name kModule{"loombase.location"};
 
-// Whether the location must be inspected asynchronously before it is used.
-inline bool IsAsyncInspectLocation(const pyrt::Object& loc) {
-  static constinit pyrt::Name kName{"IsAsyncInspectLocation"};
-  return pyrt::IsTrue(pyrt::Call(pyrt::ModuleAttr(kModule, kName), loc));
-}
+// The module for the length of one operation, in which a function is asked of many locations. The
+// function itself is looked up at each use.
+class Functions {
+ public:
+  Functions() : module_(pyrt::Module(kModule)) {}
+  // Whether the location must be inspected asynchronously before it is used.
+  bool IsAsyncInspectLocation(const pyrt::Object& loc) const {
+    static constinit pyrt::Name kName{"IsAsyncInspectLocation"};
+    return pyrt::IsTrue(pyrt::Call(pyrt::GetAttr(module_, kName), loc));
+  }
+
+ private:
+  pyrt::Object module_;
+};
 
 // Calls callback(abort) once when all are inspected, now or later.
 inline void WaitForInspectMultiple(const pyrt::Object& loc_seq, const pyrt::Object& callback,

@@ -26,8 +26,10 @@ void UnpackTuple(PyObject* tuple, Object* elements, std::size_t count) {
 }  // namespace
 
 void UnpackInto(PyObject* sequence, Object* elements, std::size_t count) {
-  // A subclass of tuple may iterate as it likes.
-  if (PyTuple_CheckExact(sequence)) {
+  // Tuples, and instances of derived classes that don't iterate in a way of their own.
+  static void* const tuple_iter = PyType_GetSlot(&PyTuple_Type, Py_tp_iter);
+  if (PyTuple_CheckExact(sequence) ||
+      (PyTuple_Check(sequence) && PyType_GetSlot(Py_TYPE(sequence), Py_tp_iter) == tuple_iter)) {
     UnpackTuple(sequence, elements, count);
     return;
   }

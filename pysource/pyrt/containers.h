@@ -21,6 +21,11 @@ namespace pyrt {
 // Calls fn(Object) for each element of an iterable. Lists and tuples may change meanwhile.
 template <class Fn>
 void ForEach(const Object& iterable, Fn&& fn) {
+  if (PyObject* list = iterable.get_or_none(); PyList_CheckExact(list)) {
+    const Object held = iterable;
+    for (Py_ssize_t i = 0; i < PyList_Size(list); ++i) fn(Borrow(PyList_GetItem(list, i)));
+    return;
+  }
   const Object iterator = Own(PyObject_GetIter(iterable.get_or_none()));
   while (PyObject* item = PyIter_Next(iterator.get())) fn(Object::Steal(item));
   if (PyErr_Occurred() != nullptr) ThrowPending();

@@ -53,8 +53,8 @@ struct Converter<bool> {
 template <>
 struct Converter<std::int64_t> {
   static std::int64_t From(PyObject* value) {
-    const Object index = Own(PyNumber_Index(value));
-    const long long result = PyLong_AsLongLong(index.get());
+    const Object index = PyLong_CheckExact(value) ? Object() : Own(PyNumber_Index(value));
+    const long long result = PyLong_AsLongLong(index ? index.get() : value);
     if (result == -1 && PyErr_Occurred() != nullptr) ThrowPending();
     return result;
   }

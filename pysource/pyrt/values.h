@@ -26,6 +26,16 @@ inline Object Subscript(const Object& mapping, const Object& key) {
   return Own(PyObject_GetItem(mapping.get_or_none(), key.get_or_none()));
 }
 
+// mapping[key], or empty if the key isn't there.
+inline Object GetOrEmpty(const Object& mapping, const Object& key) {
+  if (PyDict_CheckExact(mapping.get_or_none())) {
+    PyObject* value = PyDict_GetItemWithError(mapping.get(), key.get_or_none());
+    if (value == nullptr && PyErr_Occurred() != nullptr) ThrowPending();
+    return Object::Share(value);
+  }
+  return Contains(mapping, key) ? Subscript(mapping, key) : Object();
+}
+
 inline bool IsMapping(const Object& value) { return PyMapping_Check(value.get_or_none()) != 0; }
 inline bool IsTuple(const Object& value) { return PyTuple_Check(value.get_or_none()) != 0; }
 inline bool IsAnySet(const Object& value) { return PyAnySet_Check(value.get_or_none()) != 0; }
@@ -57,8 +67,20 @@ inline void SetAttr(const Object& object, const char* name, const Object& value)
   Check(PyObject_SetAttrString(object.get_or_none(), name, value.get_or_none()));
 }
 
-// An instance of a class derived from tuple, past the class's own `__new__`.
-Object NewTuple(const Object& tuple_class, const Object& elements);
+// An instance of a class derived from tuple, past the class's own `__new__`. The class adds no
+// fields of its own.
+template <class... Values>
+Object NewTuple(const Object& tuple_class, const Values&... values) {
+  auto* type = reinterpret_cast<PyTypeObject*>(tuple_class.get());
+  const auto alloc = reinterpret_cast<allocfunc>(PyType_GetSlot(type, Py_tp_alloc));
+  Object tuple = Own(alloc(type, sizeof...(Values)));
+  Py_ssize_t next = 0;
+  const auto add = [&](Object value) {
+    Check(PyTuple_SetItem(tuple.get(), next++, value.release()));
+  };
+  (add(ToPython(values)), ...);
+  return tuple;
+}
 
 // TypeError "Expected X, got Y", with the name of the value's type.
 [[noreturn]] void RaiseUnexpected(const char* expected, const Object& value);

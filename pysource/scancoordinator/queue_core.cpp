@@ -72,16 +72,18 @@ void _CScanQueue::SetScansToOrder(const Object& scans_to_order) {
   _fScansToOrder = scans_to_order;
 }
 
-std::int64_t _CScanQueue::OrderOf(const Text& scan_name) const {
-  if (!pyrt::Contains(_fScansToOrder, scan_name.object())) return 0;
-  return pyrt::FromPython<std::int64_t>(pyrt::Subscript(_fScansToOrder, scan_name.object()).get());
+std::optional<std::int64_t> _CScanQueue::OrderOf(const Text& scan_name) const {
+  const Object order = pyrt::GetOrEmpty(_fScansToOrder, scan_name.object());
+  if (!order) return std::nullopt;
+  return pyrt::FromPython<std::int64_t>(order.get());
 }
 
 Object _CScanQueue::_GetSingleQueue(const Text& scan_name, Priority priority) {
-  if (pyrt::DebugChecks() && !pyrt::Contains(_fScansToOrder, scan_name.object())) {
+  const std::optional<std::int64_t> known_order = OrderOf(scan_name);
+  if (!known_order && pyrt::DebugChecks()) {
     pyrt::Print(pyrt::Format("Scan without order: %U", scan_name));
   }
-  const std::int64_t order = OrderOf(scan_name);
+  const std::int64_t order = known_order.value_or(0);
   if (const auto found = PositionOf(priority, order); IsAt(found, priority, order)) return *found;
   // Creating an object runs the host's constructor, which may come back in: look again.
   const Object created = _CSingleScanQueue::New(scan_name, priority, order, store_);
@@ -188,7 +190,7 @@ std::vector<QueuedScan> _CScanQueue::SnapshotOf(const Location& loc) const {
 
 bool _CScanQueue::IsTreeBranchReady(const Location& leaf_loc) {
   if (!fAnyAsyncInspectLocation) return true;
-  if (!host::location::IsAsyncInspectLocation(leaf_loc.object())) return true;
+  if (!host::location::Functions().IsAsyncInspectLocation(leaf_loc.object())) return true;
   return host::TreeBranchReady(_fLocationDataCache, leaf_loc.object());
 }
 
@@ -196,9 +198,10 @@ void _CScanQueue::AddScanPairs(const Object& pair_seq, const Text& scan_name,
                                MaybePriority priority, bool add_to_check) {
   const Priority at = priority.value_or(kBackgroundPriority);
   ScanPairs ready;
+  const host::location::Functions location_functions;
   pyrt::ForEach(pair_seq, [&](const Object& element) {
     ScanPair pair = pyrt::FromPython<ScanPair>(element.get());
-    if (!fAnyAsyncInspectLocation && host::location::IsAsyncInspectLocation(pair.loc.object())) {
+    if (!fAnyAsyncInspectLocation && location_functions.IsAsyncInspectLocation(pair.loc.object())) {
       fAnyAsyncInspectLocation = true;
     }
     if (IsTreeBranchReady(pair.loc)) {

@@ -165,7 +165,7 @@ class _CScanQueue : public pyrt::Body {
   std::vector<Object>::const_iterator PositionOf(Priority priority, std::int64_t order) const;
   bool IsAt(std::vector<Object>::const_iterator position, Priority priority,
             std::int64_t order) const;
-  std::int64_t OrderOf(const Text& scan_name) const;
+  std::optional<std::int64_t> OrderOf(const Text& scan_name) const;
   std::vector<QueuedScan> SnapshotOf(const Location& loc) const;
   bool RemoveWaitingTriple(const ScanTriple& scan_triple, MaybePriority priority);
   Object PendingDict(LocId id) const;

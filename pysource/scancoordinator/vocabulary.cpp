@@ -35,7 +35,7 @@ Object MakeClass(const Object& module, const char* name, const char* fields) {
 // Past the class's own `__new__`, which is written in Python and slow.
 template <class... Values>
 Object MakeRecord(const Object& record_class, const Values&... values) {
-  return pyrt::NewTuple(record_class, pyrt::MakeTuple(values...));
+  return pyrt::NewTuple(record_class, values...);
 }
 
 }  // namespace
