@@ -2,7 +2,6 @@
 
 #include "pysource/strutils.h"
 
-#include <algorithm>
 #include <array>
 #include <memory>
 #include <string>
@@ -63,8 +62,7 @@ int ClassesOf(Py_UCS4 u) {
 Py_UCS4 Decode(const char* utf8_ptr, std::ptrdiff_t pos, std::ptrdiff_t end_pos) {
   const DecodedCharacter decoded = DecodeUtf8(utf8_ptr, pos, end_pos);
   if (decoded.error == nullptr) return decoded.u;
-  const auto length = static_cast<std::size_t>(std::min<std::ptrdiff_t>(4, end_pos - pos));
-  RaiseMalformed({utf8_ptr + pos, length}, pos, decoded.error);
+  RaiseMalformed({utf8_ptr + pos, static_cast<std::size_t>(decoded.length)}, pos, decoded.error);
 }
 
 // Runs `body`; on any exception it is pending, and the result is `failed`.

@@ -60,6 +60,7 @@ int NonAsciiClasses(Py_UCS4 u) noexcept;
 // What the decoder found.
 struct DecodedCharacter {
   Py_UCS4 u;
+  int length;  // how many bytes were looked at
   // Null, or why the sequence is malformed.
   const char* error;
 };
@@ -72,22 +73,24 @@ constexpr DecodedCharacter DecodeUtf8(const Bytes& bytes, std::ptrdiff_t pos,
     return static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[i]));
   };
   const std::uint32_t lead = byte(pos);
-  if (lead < 0x80) return {lead, nullptr};
-  if (lead < 0xC0) return {0, "stray continuation byte"};
-  if (lead < 0xC2) return {0, "overlong form"};
-  if (lead > 0xF4) return {0, "beyond U+10FFFF"};
+  if (lead < 0x80) return {lead, 1, nullptr};
+  if (lead < 0xC0) return {0, 1, "stray continuation byte"};
+  if (lead < 0xC2) return {0, 1, "overlong form"};
+  if (lead > 0xF4) return {0, 1, "beyond U+10FFFF"};
   const int length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
   std::uint32_t u = lead & (0x7Fu >> length);
   for (int i = 1; i < length; ++i) {
-    if (pos + i >= end_pos || (byte(pos + i) & 0xC0) != 0x80) return {0, "truncated sequence"};
-    u = (u << 6) | (byte(pos + i) & 0x3F);
+    if (pos + i >= end_pos) return {0, i, "truncated sequence"};
+    const std::uint32_t next = byte(pos + i);
+    if ((next & 0xC0) != 0x80) return {0, i + 1, "truncated sequence"};
+    u = (u << 6) | (next & 0x3F);
     if (i > 1) continue;
     // The second byte settles these; what follows it isn't looked at.
-    if ((length == 3 && u < 0x20) || (length == 4 && u < 0x10)) return {0, "overlong form"};
-    if (length == 3 && u >= (0xD800u >> 6) && u <= (0xDFFFu >> 6)) return {0, "surrogate"};
-    if (length == 4 && u > (0x10FFFFu >> 12)) return {0, "beyond U+10FFFF"};
+    if ((length == 3 && u < 0x20) || (length == 4 && u < 0x10)) return {0, 2, "overlong form"};
+    if (length == 3 && u >= (0xD800u >> 6) && u <= (0xDFFFu >> 6)) return {0, 2, "surrogate"};
+    if (length == 4 && u > (0x10FFFFu >> 12)) return {0, 2, "beyond U+10FFFF"};
   }
-  return {u, nullptr};
+  return {u, length, nullptr};
 }
 
 inline constexpr Py_UCS4 kNoCharacter = 0xFFFFFFFFu;

@@ -232,6 +232,24 @@ def test_malformed_sequences(function, sequence, reason):
             function(data, pos, len(data))
 
 
+@pytest.mark.parametrize(
+    ("data", "shown"),
+    [
+        (b"\x80", b"\x80"),
+        (b"\xc0\x80", b"\xc0"),
+        (b"\xed\xa0\x80", b"\xed\xa0"),
+        (b"\xe4\xb8a", b"\xe4\xb8a"),
+        (b"\xff", b"\xff"),
+    ],
+)
+def test_a_failure_shows_what_was_looked_at(data, shown):
+    """And nothing behind it, also if the end position lies outside of the text."""
+    for end_pos in (len(data), len(data) + 9):
+        with pytest.raises(UnicodeDecodeError) as caught:
+            strutils.Ucs4CharAtUtf8Pos(data, 0, end_pos)
+        assert caught.value.object == shown
+
+
 @pytest.mark.parametrize("function", kAtPosition)
 def test_a_sequence_is_cut_off_by_the_end_position(function):
     with pytest.raises(UnicodeDecodeError, match="truncated"):
