@@ -23,11 +23,19 @@
 #include <utility>
 #include <vector>
 
+#include "loom/_pyscan/chars.h"
 #include "loom/_pyscan/errors.h"
-#include "loom/_pyscan/strlit.h"
 #include "loom/_pyscan/token.h"
+#include "pysource/stringliteral.h"
 
 namespace loom::pyscan {
+
+using pysource::ClassifyStringPrefix;
+using pysource::IsTripleQuote;
+using pysource::SkipStringBody;
+using pysource::StringPrefix;
+using pysource::StringSkip;
+using pysource::StringStop;
 
 class Lexer {
  public:

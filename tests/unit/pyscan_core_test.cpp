@@ -17,7 +17,7 @@
 #include "loom/_pyscan/chars.h"
 #include "loom/_pyscan/keywords.h"
 #include "loom/_pyscan/packinfo.h"
-#include "loom/_pyscan/strlit.h"
+#include "pysource/stringliteral.h"
 
 namespace loom::pyscan {
 namespace {
