@@ -9,7 +9,6 @@ endif()
 if(NOT LOOM_SANITIZE)
   message(FATAL_ERROR "LOOM_FUZZ needs LOOM_SANITIZE=ON")
 endif()
-find_package(Python 3.12 REQUIRED COMPONENTS Development.Embed)
 
 # Modules apart, which nobody builds here, whatever uses the settings is linked into a fuzzer.
 target_compile_options(project_settings INTERFACE -fsanitize=fuzzer-no-link)
