@@ -475,6 +475,8 @@ class CDeeper(CScanCoordinator):
     def QueuesEmpty(self, include_waiting=True):
         return self._CB_UpdateStatus()
 
+# Instrumented code takes far more of the C stack.
+sys.setrecursionlimit(250)
 world = new_world()
 coordinator = CDeep(1, world.ana_mgr)
 raises(RecursionError, lambda: coordinator._ScheduleIdle())

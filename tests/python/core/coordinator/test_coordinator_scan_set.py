@@ -171,6 +171,26 @@ def test_claims_of_the_caller_outlive_a_nested_call(world, clock, loc):
     forget()
 
 
+def test_a_claimed_triple_is_not_queued_as_a_secondary_one(world, clock, loc):
+    """Only if the name of the primary scan changes can a claimed triple look like a secondary one."""
+    a, b = (loc, "a", kPrimary), (loc, "b", kPrimary)
+    inner = []
+
+    def scan(coordinator, _loc, scope, *_args):
+        if scope == "a":
+            world.ana_mgr.fPrimaryScanName = "renamed"
+            inner.append(scan_set(coordinator, [b, (loc, "c", kPrimary)]))
+            world.ana_mgr.fPrimaryScanName = kPrimary
+
+    coordinator = world.make(watched(TryToScanNow=scan, AddPairsToSecondaryQueue=None))
+    assert scan_set(coordinator, [a, b]) is True
+    assert inner == [False]
+    assert told("AddPairsToSecondaryQueue") == [
+        ("AddPairsToSecondaryQueue", [(loc, "c")], True, None)
+    ]
+    forget()
+
+
 def test_the_deadline_after_the_first_of_three(world, clock, loc):
     triples = [(loc, scope, kPrimary) for scope in "abc"]
 
