@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <utility>
 
 #include "pysource/pyrt/module.h"
@@ -26,23 +27,21 @@ double DoubleValueForPyIntBits(const Object& l) {
 }
 
 bool StrInStr(const Object& sub, const Object& whole) {
-  if (PyBytes_CheckExact(sub.get_or_none()) == 0 || PyBytes_CheckExact(whole.get_or_none()) == 0) {
+  if (!pyrt::IsExactlyBytes(sub) || !pyrt::IsExactlyBytes(whole)) {
     pyrt::Raise(PyExc_TypeError, "Both sub and whole must be strings");
   }
-  return std::strstr(pyrt::BytesView(whole.get()).data(), pyrt::BytesView(sub.get()).data()) !=
-         nullptr;
+  return std::strstr(pyrt::BytesView(whole).data(), pyrt::BytesView(sub).data()) != nullptr;
 }
 
 bool IsAlnum(unsigned char c) { return std::isalnum(c) != 0; }
 bool IsDigit(unsigned char c) { return std::isdigit(c) != 0; }
 
 std::int64_t UpdateNestingLevel(std::int64_t level, const Object& t, bool forward) {
-  if (PyUnicode_Check(t.get_or_none()) == 0) {
-    pyrt::RaiseArgumentType("t", "str", t.get_or_none());
-  }
-  if (PyUnicode_GetLength(t.get()) != 1) return level;
+  if (!pyrt::IsText(t)) pyrt::RaiseArgumentType("t", "str", t);
+  const Text token(t);
+  if (pyrt::Length(token) != 1) return level;
   const std::int64_t step = forward ? 1 : -1;
-  switch (PyUnicode_ReadChar(t.get(), 0)) {
+  switch (pyrt::CodePointAt(token, 0)) {
     case '(':
     case '[':
     case '{':
@@ -62,11 +61,11 @@ int CNonNestedSearch::InitWith(const Object& to_search, const Object& to_find_by
   Object as_str;
   const char* text = nullptr;
   std::int64_t length = 0;
-  if (PyBytes_Check(to_search.get_or_none()) != 0) {
-    if (PyBytes_CheckExact(to_search.get()) == 0) pyrt::RaiseExpected("bytes", to_search.get());
+  if (pyrt::IsBytes(to_search)) {
+    if (!pyrt::IsExactlyBytes(to_search)) pyrt::RaiseUnexpected("bytes", to_search);
     as_bytes = to_search;
-  } else if (PyUnicode_Check(to_search.get_or_none()) != 0) {
-    if (PyUnicode_CheckExact(to_search.get()) == 0) pyrt::RaiseExpected("str", to_search.get());
+  } else if (pyrt::IsText(to_search)) {
+    if (!pyrt::IsExactlyText(to_search)) pyrt::RaiseUnexpected("str", to_search);
     as_str = to_search;
   }
   if (as_bytes || as_str) {
@@ -74,12 +73,11 @@ int CNonNestedSearch::InitWith(const Object& to_search, const Object& to_find_by
     text = view.data();
     length = static_cast<std::int64_t>(view.size());
   }
-  if (PyBytes_Check(to_find_bytes.get_or_none()) == 0) {
-    PyErr_Format(PyExc_TypeError, "expected bytes, %S found",
-                 pyrt::TypeName(to_find_bytes.get_or_none()).get());
-    pyrt::ThrowPending();
+  if (!pyrt::IsBytes(to_find_bytes)) {
+    const Text message = pyrt::Format("expected bytes, %S found", pyrt::TypeName(to_find_bytes));
+    pyrt::Raise(PyExc_TypeError, std::string(pyrt::Utf8(message)));
   }
-  const std::string_view to_find = pyrt::BytesView(to_find_bytes.get());
+  const std::string_view to_find = pyrt::BytesView(to_find_bytes);
   if (text != nullptr) {
     if (pyrt::DebugChecks()) {
       const auto c_length = static_cast<std::int64_t>(std::strlen(text));
@@ -129,9 +127,7 @@ class CLogger {
 
   void Log(PyObject* format, pyrt::Arguments args) {
     if (format != Py_None && PyUnicode_Check(format) == 0) {
-      const Object type = pyrt::Own(PyType_GetName(Py_TYPE(format)));
-      PyErr_Format(PyExc_TypeError, "expected str or None as format, got %U", type.get());
-      pyrt::ThrowPending();
+      pyrt::RaiseArgumentType("s", "str or None", Object::Share(format));
     }
     if (output_.is_none()) return;
     // What is called here may set another output file, or drop the last reference to this one.
@@ -157,11 +153,11 @@ class CLogger {
   Object Line(PyObject* format, pyrt::Arguments args) const {
     Object text = format == Py_None ? pyrt::ToPython("") : Object::Share(format);
     if (!args.empty()) text = pyrt::Own(PyUnicode_Format(text.get(), pyrt::TupleOf(args).get()));
-    const Py_ssize_t length = PyUnicode_GetLength(text.get());
-    const bool ended = length > 0 && PyUnicode_ReadChar(text.get(), length - 1) == '\n';
+    const Py_ssize_t length = pyrt::Length(Text(text));
+    const bool ended = length > 0 && pyrt::CodePointAt(Text(text), length - 1) == '\n';
     const char* end = ended ? "" : "\n";
-    if (!name_) return pyrt::Own(PyUnicode_FromFormat("%U%s", text.get(), end));
-    return pyrt::Own(PyUnicode_FromFormat("%U: %U%s", name_.get(), text.get(), end));
+    if (!name_) return pyrt::Format("%U%s", text, end).object();
+    return pyrt::Format("%U: %U%s", name_, text, end).object();
   }
 
   static void Write(const Object& output, const Object& line) {
@@ -262,24 +258,13 @@ std::int64_t PyUpdateNestingLevel(std::int64_t level, const Object& t, bool forw
   return UpdateNestingLevel(level, t, forward);
 }
 
-Object PyULongLongValueForDoubleBits(double f) {
-  return pyrt::Own(PyLong_FromUnsignedLongLong(ULongLongValueForDoubleBits(f)));
-}
-
-double PyDoubleValueForULongLongBits(const Object& l) {
-  const Object number = pyrt::Own(PyNumber_Index(l.get()));
-  const unsigned long long bits = PyLong_AsUnsignedLongLong(number.get());
-  if (bits == ~0ULL && PyErr_Occurred() != nullptr) pyrt::ThrowPending();
-  return DoubleValueForULongLongBits(bits);
-}
-
 }  // namespace
 }  // namespace pysource::fastaccess
 
 PyMODINIT_FUNC PyInit__fastaccess() {
   using namespace pysource::fastaccess;
   using pyrt::ModuleFunction;
-  static auto& module = *new pyrt::ModuleDefinition(
+  static auto& module = *new pyrt::ModuleDefinition<&Fill>(
       "pysource._fastaccess",
       "What is needed often and must be cheap: clock, logger, text helpers.",
       {ModuleFunction<"GetNowTime()",
@@ -290,10 +275,10 @@ PyMODINIT_FUNC PyInit__fastaccess() {
                       &OutOfTime>::Def(),
        ModuleFunction<"ULongLongValueForDoubleBits(f)",
                       "The unsigned 64-bit integer with the bits of a double.",
-                      &PyULongLongValueForDoubleBits>::Def(),
+                      &ULongLongValueForDoubleBits>::Def(),
        ModuleFunction<"DoubleValueForULongLongBits(l)",
                       "The double with the bits of an unsigned 64-bit integer, else OverflowError.",
-                      &PyDoubleValueForULongLongBits>::Def(),
+                      &DoubleValueForULongLongBits>::Def(),
        ModuleFunction<"DoubleValueForPyIntBits(l)",
                       "The double with the low 64 bits of an integer of any size.",
                       &DoubleValueForPyIntBits>::Def(),
@@ -306,7 +291,6 @@ PyMODINIT_FUNC PyInit__fastaccess() {
                       &LocationsEqual>::Def(),
        ModuleFunction<"UpdateNestingLevel(level, t, forward=True)",
                       "The nesting level behind a token, or before it if forward is false.",
-                      &PyUpdateNestingLevel>::Def()},
-      &Fill);
+                      &PyUpdateNestingLevel>::Def()});
   return module.Init();
 }

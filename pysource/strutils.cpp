@@ -54,7 +54,7 @@ int ClassesOf(Py_UCS4 u) {
                                  const char* reason) {
   const std::string text = std::string(reason) + " at byte position " + std::to_string(pos);
   const Object error = pyrt::Call(Object::Share(PyExc_UnicodeDecodeError), "utf-8",
-                                  pyrt::MakeBytes(sequence), 0, 1, text.c_str());
+                                  pyrt::Bytes(sequence), 0, 1, text.c_str());
   PyErr_SetObject(PyExc_UnicodeDecodeError, error.get());
   pyrt::ThrowPending();
 }
@@ -99,22 +99,23 @@ std::ptrdiff_t FailWithInvalidStart() noexcept {
 
 std::ptrdiff_t BytesFindByte(PyObject* b, unsigned char c, std::ptrdiff_t start) noexcept {
   return OrPending<std::ptrdiff_t>(-2, [&] {
-    if (PyBytes_CheckExact(b) == 0) pyrt::RaiseExpected("bytes", b);
-    const std::string_view bytes = pyrt::BytesView(b);
+    const Object object = Object::Share(b);
+    if (!pyrt::IsExactlyBytes(object)) pyrt::RaiseUnexpected("bytes", object);
+    const std::string_view bytes = pyrt::BytesView(object);
     return PtrFindByte(bytes.data(), static_cast<std::ptrdiff_t>(bytes.size()), c, start);
   });
 }
 
 Py_UCS4 OrdAt(PyObject* s, std::ptrdiff_t i) noexcept {
-  return OrPending(kNoCharacter, [&] {
-    const bool is_text = PyUnicode_CheckExact(s) != 0;
-    if (!is_text && PyBytes_CheckExact(s) == 0) pyrt::RaiseExpected("str or bytes", s);
-    const std::ptrdiff_t length = is_text ? PyUnicode_GetLength(s) : PyBytes_Size(s);
+  return OrPending(kNoCharacter, [&]() -> Py_UCS4 {
+    const Object object = Object::Share(s);
+    const bool is_text = pyrt::IsExactlyText(object);
+    if (!is_text && !pyrt::IsExactlyBytes(object)) pyrt::RaiseUnexpected("str or bytes", object);
+    const auto length = static_cast<std::ptrdiff_t>(pyrt::Size(object));
     if (i < 0) i += length;
     if (i < 0 || i >= length) pyrt::Raise(PyExc_IndexError, "string index out of range");
-    if (is_text) return PyUnicode_ReadChar(s, i);
-    return static_cast<Py_UCS4>(
-        static_cast<unsigned char>(pyrt::BytesView(s)[static_cast<std::size_t>(i)]));
+    if (is_text) return pyrt::CodePointAt(pyrt::Text(object), i);
+    return static_cast<unsigned char>(pyrt::BytesView(object)[static_cast<std::size_t>(i)]);
   });
 }
 
@@ -125,13 +126,15 @@ const char* GetUtf8Ptr(PyObject* u) noexcept {
 PyObject* Utf8Concat5(PyObject* s0, PyObject* s1, PyObject* s2, PyObject* s3,
                       PyObject* s4) noexcept {
   return pyrt::Guard([&] {
+    static constinit pyrt::Name kJoin{"join"};
     pyrt::List parts;
-    for (PyObject* part : {s0, s1, s2, s3, s4}) {
-      if (part == Py_None) continue;
-      if (PyUnicode_Check(part) == 0) pyrt::RaiseExpected("str", part);
-      parts.Append(Object::Share(part));
+    for (PyObject* given : {s0, s1, s2, s3, s4}) {
+      const Object part = Object::Share(given);
+      if (part.is_none()) continue;
+      if (!pyrt::IsText(part)) pyrt::RaiseUnexpected("str", part);
+      parts.Append(part);
     }
-    return pyrt::Own(PyUnicode_Join(pyrt::ToPython("").get(), parts.object().get()));
+    return pyrt::CallMethod(pyrt::ToPython(""), kJoin, parts);
   });
 }
 
@@ -175,7 +178,7 @@ Object PyConcat5(const Object& s0, const Object& s1, const Object& s2, const Obj
   return pyrt::Own(Utf8Concat5(s0.get(), s1.get(), s2.get(), s3.get(), s4.get()));
 }
 
-Object PyGetUtf8Ptr(const Utf8Text& u) { return pyrt::MakeBytes(u.view()); }
+Object PyGetUtf8Ptr(const Utf8Text& u) { return pyrt::Bytes(u.view()); }
 
 std::int64_t PyAdjustUtf8Pos(const Utf8Text& utf8_ptr, std::int64_t pos, std::int64_t diff,
                              std::int64_t end_pos) {
@@ -288,8 +291,7 @@ std::vector<PyMethodDef> Functions() {
 }  // namespace pysource
 
 PyMODINIT_FUNC PyInit_strutils() {
-  static auto& module = *new pyrt::ModuleDefinition(
-      "pysource.strutils", "Text as UTF-8 bytes, walked by byte position.", pysource::Functions(),
-      [](const pyrt::Object&) {});
+  static auto& module = *new pyrt::ModuleDefinition<[](const pyrt::Object&) {}>(
+      "pysource.strutils", "Text as UTF-8 bytes, walked by byte position.", pysource::Functions());
   return module.Init();
 }

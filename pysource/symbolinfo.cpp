@@ -29,7 +29,7 @@ Object Layer(const pyrt::Name& name, const Args&... args) {
 Object ToText(std::string_view utf8) { return Text::FromUtf8(utf8).object(); }
 
 Text TextArgument(const char* name, const Object& value) {
-  if (PyUnicode_Check(value.get()) == 0) pyrt::RaiseArgumentType(name, "str", value.get());
+  if (!pyrt::IsText(value)) pyrt::RaiseArgumentType(name, "str", value);
   return Text(value);
 }
 
@@ -49,8 +49,8 @@ bool PyIsDefLineScope(const Object& scope) {
 bool PyIsParentOfDefLineScope(const Object& maybe_parent, const Object& def_line_scope) {
   const Text parent = TextArgument("maybe_parent", maybe_parent);
   const Text scope = TextArgument("def_line_scope", def_line_scope);
-  return PyUnicode_GetLength(parent.get()) + static_cast<Py_ssize_t>(kDotLineScopeName.size()) ==
-         PyUnicode_GetLength(scope.get());
+  return pyrt::Length(parent) + static_cast<Py_ssize_t>(kDotLineScopeName.size()) ==
+         pyrt::Length(scope);
 }
 
 template <auto kFunction>
@@ -92,7 +92,7 @@ Object PyRemoveAllScopeNameSubscripts(const Text& scope_name) {
 }
 
 bool PyInfoContains(const Utf8Text& information, const Object& prefixes) {
-  if (PyTuple_Check(prefixes.get()) == 0 && PyList_Check(prefixes.get()) == 0) {
+  if (!pyrt::IsTuple(prefixes) && PyList_Check(prefixes.get()) == 0) {
     return InfoContains(information.view(), Utf8Text(prefixes).view());
   }
   bool found = false;
@@ -125,8 +125,8 @@ RecordClasses& Records() {
 }
 
 Object PyUnpackDefInfoStr(const Object& part) {
-  if (PyBytes_CheckExact(part.get()) == 0) pyrt::RaiseExpected("bytes", part.get());
-  const auto info = UnpackDefInfo(pyrt::BytesView(part.get()));
+  if (!pyrt::IsExactlyBytes(part)) pyrt::RaiseUnexpected("bytes", part);
+  const auto info = UnpackDefInfo(pyrt::BytesView(part));
   if (!info) {
     PyErr_Format(PyExc_ValueError, "not a definition: %R", part.get());
     pyrt::ThrowPending();
@@ -144,9 +144,7 @@ class CScope {
   static int Init(PyObject* self, PyObject* args, PyObject* kwargs) noexcept {
     return pyrt::Guard([&] {
       const Object name = Object::Share(pyrt::BindInit<"CScope(scope_name)">(args, kwargs)[0]);
-      if (!name.is_none() && PyUnicode_Check(name.get()) == 0) {
-        pyrt::RaiseExpected("str", name.get());
-      }
+      if (!name.is_none() && !pyrt::IsText(name)) pyrt::RaiseUnexpected("str", name);
       CScope& scope = From(self);
       const Object old_name = std::exchange(scope.scope_name_, name);
       const Object old_form = std::exchange(scope.unspecialized_, Object());
@@ -160,7 +158,7 @@ class CScope {
     static constinit pyrt::Name kFunction{"RemoveAllScopeNameSubscripts"};
     const Object name = Layer(kFunction, scope_name_);
     if (name.is_none()) return name;
-    if (PyUnicode_Check(name.get()) == 0) pyrt::RaiseExpected("str", name.get());
+    if (!pyrt::IsText(name)) pyrt::RaiseUnexpected("str", name);
     unspecialized_ = name;
     return name;
   }
@@ -208,7 +206,7 @@ std::string_view Stripped(std::string_view text) {
 
 Object FullyScopedNameWithScope(const Object& scope, const Utf8Text& expr, bool type_hint) {
   if (!pyrt::PlainClass<CScope>::IsInstance(scope.get())) {
-    pyrt::RaiseArgumentType("scope", "CScope", scope.get());
+    pyrt::RaiseArgumentType("scope", "CScope", scope);
   }
   std::string_view name = Stripped(expr.view());
   if (type_hint) name = Stripped(Unquoted(name));
@@ -283,7 +281,7 @@ class CInferContext {
     if (isolated_ == 0) return false;
     const Object reasons = reasons_;
     if (reasons.is_none() || reason.is_none()) return true;
-    return pyrt::Check(PySequence_Contains(reasons.get(), reason.get())) != 0;
+    return pyrt::Contains(reasons, reason);
   }
 
   void Traverse(pyrt::Visitor& visit) const noexcept { visit(reasons_); }
@@ -305,7 +303,7 @@ class CNode {
 
 void FinishedWithNode(const Object& node) {
   if (!node.is_none() && !pyrt::PlainClass<CNode>::IsInstance(node.get())) {
-    pyrt::RaiseArgumentType("node", "CNode", node.get());
+    pyrt::RaiseArgumentType("node", "CNode", node);
   }
   static constinit pyrt::Name kTakeBack{"__FinishedWithNode"};
   Layer(kTakeBack, node);
@@ -389,7 +387,7 @@ Object MakeRecordClass(const char* name, const char* fields, const char* doc) {
   static constinit pyrt::Name kModuleKeyword{"module"};
   const Object made = pyrt::Call(pyrt::ModuleAttr(kCollections, kNamedTuple), name, fields,
                                  pyrt::Keyword{kModuleKeyword, pyrt::ToPython(kModule)});
-  pyrt::Check(PyObject_SetAttrString(made.get(), "__doc__", pyrt::ToPython(doc).get()));
+  pyrt::SetAttr(made, "__doc__", pyrt::ToPython(doc));
   return made;
 }
 
@@ -411,11 +409,11 @@ void AddRecords(const Object& module) {
 void AddConstants(const Object& module) {
 #define PYSOURCE_PUBLISH_KIND(name, character)                            \
   pyrt::Publish(module, "k" #name "Kind", pyrt::ToPython(k##name##Kind)); \
-  pyrt::Publish(module, "k" #name "Prefix", pyrt::MakeBytes(k##name##Prefix));
+  pyrt::Publish(module, "k" #name "Prefix", pyrt::Bytes(k##name##Prefix));
   PYSOURCE_SYMBOL_KINDS(PYSOURCE_PUBLISH_KIND)
 #undef PYSOURCE_PUBLISH_KIND
   pyrt::Publish(module, "kPlainEquivKind", pyrt::ToPython(kPlainEquivKind));
-  pyrt::Publish(module, "kPlainEquivSpec", pyrt::MakeBytes(kPlainEquivSpec));
+  pyrt::Publish(module, "kPlainEquivSpec", pyrt::Bytes(kPlainEquivSpec));
   pyrt::Publish(module, "kSpecificScopePrefixStr", ToText(kSpecificScopePrefix));
   pyrt::Publish(module, "kSpecificUrlPrefixStr", ToText(kSpecificUrlPrefix));
   pyrt::Publish(module, "kPrefixLen", pyrt::ToPython(static_cast<int>(kPrefixLen)));
@@ -513,8 +511,8 @@ std::vector<PyMethodDef> Functions() {
 }  // namespace pysource
 
 PyMODINIT_FUNC PyInit_symbolinfo() {
-  static auto& module = *new pyrt::ModuleDefinition(
+  static auto& module = *new pyrt::ModuleDefinition<&pysource::Fill>(
       "pysource.symbolinfo", "Scope names, kinds of information, and the reference symbol layer.",
-      pysource::Functions(), &pysource::Fill);
+      pysource::Functions());
   return module.Init();
 }

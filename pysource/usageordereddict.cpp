@@ -7,6 +7,7 @@
 #include "pysource/pyrt/guard.h"
 #include "pysource/pyrt/module.h"
 #include "pysource/pyrt/operation.h"
+#include "pysource/pyrt/textargs.h"
 
 namespace pysource {
 
@@ -228,16 +229,16 @@ PyObject* IterSlot(PyObject* self) noexcept {
 
 PyObject* ReprSlot(PyObject* self) noexcept {
   return pyrt::Guard([&]() -> Object {
-    const Object name = pyrt::Own(PyType_GetName(Py_TYPE(self)));
+    const Object name = pyrt::TypeName(Object::Share(self));
     if (pyrt::Check(Py_ReprEnter(self)) != 0) {
-      return pyrt::Own(PyUnicode_FromFormat("%U(...)", name.get()));
+      return pyrt::Format("%U(...)", name).object();
     }
     struct Leave {
       PyObject* object;
       ~Leave() { Py_ReprLeave(object); }
     } const leave{self};
     const List items = CUsageOrderedDict::From(self).items();
-    return pyrt::Own(PyUnicode_FromFormat("%U(%R)", name.get(), items.object().get()));
+    return pyrt::Format("%U(%R)", name, items.object()).object();
   });
 }
 
@@ -309,8 +310,8 @@ void Fill(const Object& module) {
 }  // namespace pysource
 
 PyMODINIT_FUNC PyInit_usageordereddict() {
-  static auto& module = *new pyrt::ModuleDefinition(
+  static auto& module = *new pyrt::ModuleDefinition<&pysource::Fill>(
       "pysource.usageordereddict",
-      "A mapping that keeps its entries in a sequence from first to last.", {}, &pysource::Fill);
+      "A mapping that keeps its entries in a sequence from first to last.", {});
   return module.Init();
 }

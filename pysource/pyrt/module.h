@@ -16,17 +16,15 @@ inline void Publish(const Object& module, const char* name, const Object& value)
   Check(PyModule_AddObjectRef(module.get(), name, value.get_or_none()));
 }
 
-// A module with functions and a fill function, which publishes the rest. What a module keeps in C++
-// (interned names, types) lives as long as the process, so it serves the main interpreter alone; a
-// module that is loaded again is filled again.
+// A module with functions and a fill function, `void(const Object& module)`, which publishes the
+// rest. What a module keeps in C++ (interned names, types) lives as long as the process, so it
+// serves the main interpreter alone; a module that is loaded again is filled again.
+template <auto kFill>
 class ModuleDefinition {
  public:
-  using Fill = void (*)(const Object& module);
-
   // Requires: lives to the end of the process. `methods` without the closing entry.
-  ModuleDefinition(const char* name, const char* doc, std::vector<PyMethodDef> methods, Fill fill)
+  ModuleDefinition(const char* name, const char* doc, std::vector<PyMethodDef> methods)
       : methods_(std::move(methods)) {
-    fill_ = fill;
     methods_.push_back({nullptr, nullptr, 0, nullptr});
     definition_.m_name = name;
     definition_.m_doc = doc;
@@ -41,11 +39,8 @@ class ModuleDefinition {
 
  private:
   static int Execute(PyObject* module) noexcept {
-    return Guard([&] { fill_(Object::Share(module)); });
+    return Guard([&] { kFill(Object::Share(module)); });
   }
-
-  // Every extension is one module with its own copy of this code.
-  static inline Fill fill_ = nullptr;
 
   std::vector<PyMethodDef> methods_;
   PyModuleDef_Slot slots_[3] = {

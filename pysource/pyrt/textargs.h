@@ -1,4 +1,5 @@
-// Arguments of text helpers: UTF-8 by bytes or str, single bytes, and the failures they share.
+// Arguments of text helpers: UTF-8 by bytes or str, single bytes, bits, and the failures they
+// share.
 
 #ifndef PYSOURCE_PYRT_TEXTARGS_H_
 #define PYSOURCE_PYRT_TEXTARGS_H_
@@ -9,36 +10,37 @@
 
 #include "pysource/pyrt/convert.h"
 #include "pysource/pyrt/object.h"
+#include "pysource/pyrt/values.h"
 
 namespace pyrt {
 
-inline Object TypeName(PyObject* value) { return Own(PyType_GetName(Py_TYPE(value))); }
-
-// TypeError "Expected bytes, got int".
-[[noreturn]] inline void RaiseExpected(const char* expected, PyObject* got) {
-  PyErr_Format(PyExc_TypeError, "Expected %s, got %.200S", expected, TypeName(got).get());
-  ThrowPending();
+inline Object TypeName(const Object& value) {
+  return Own(PyType_GetName(Py_TYPE(value.get_or_none())));
 }
 
 // TypeError "Argument 'scope' has incorrect type (expected str, got int)".
 [[noreturn]] inline void RaiseArgumentType(const char* argument, const char* expected,
-                                           PyObject* got) {
+                                           const Object& got) {
   PyErr_Format(PyExc_TypeError,
                "Argument '%.200s' has incorrect type (expected %.200s, got %.200S)", argument,
                expected, TypeName(got).get());
   ThrowPending();
 }
 
-inline Object MakeBytes(std::string_view bytes) {
-  return Own(PyBytes_FromStringAndSize(bytes.data(), static_cast<Py_ssize_t>(bytes.size())));
+inline bool IsText(const Object& value) { return PyUnicode_Check(value.get_or_none()) != 0; }
+// Of no class derived from it.
+inline bool IsExactlyText(const Object& value) {
+  return PyUnicode_CheckExact(value.get_or_none()) != 0;
+}
+inline bool IsExactlyBytes(const Object& value) {
+  return PyBytes_CheckExact(value.get_or_none()) != 0;
 }
 
-// The content of a bytes object. Requires: it is one.
-inline std::string_view BytesView(PyObject* bytes) {
-  char* data = nullptr;
-  Py_ssize_t size = 0;
-  Check(PyBytes_AsStringAndSize(bytes, &data, &size));
-  return {data, static_cast<std::size_t>(size)};
+// Counted in code points, as len() does.
+inline Py_ssize_t Length(const Text& text) { return PyUnicode_GetLength(text.get()); }
+// Requires: 0 <= index < Length(text).
+inline Py_UCS4 CodePointAt(const Text& text, Py_ssize_t index) {
+  return PyUnicode_ReadChar(text.get(), index);
 }
 
 // A text given as bytes or as str, seen as UTF-8. It keeps the object alive. A zero byte stands
@@ -47,13 +49,13 @@ class Utf8Text {
  public:
   Utf8Text() = default;
   explicit Utf8Text(Object object) : object_(std::move(object)) {
-    if (PyBytes_Check(object_.get_or_none()) != 0) {
+    if (IsBytes(object_)) {
       is_bytes_ = true;
-      view_ = BytesView(object_.get());
-    } else if (PyUnicode_Check(object_.get_or_none()) != 0) {
+      view_ = BytesView(object_);
+    } else if (IsText(object_)) {
       view_ = Utf8(Text(object_));
     } else {
-      RaiseExpected("bytes or str", object_.get_or_none());
+      RaiseUnexpected("bytes or str", object_);
     }
   }
 
@@ -62,7 +64,7 @@ class Utf8Text {
   const Object& object() const noexcept { return object_; }
   // A piece of it, of the type that it has.
   Object Piece(std::string_view piece) const {
-    return is_bytes_ ? MakeBytes(piece) : Text::FromUtf8(piece).object();
+    return is_bytes_ ? Bytes(piece) : Text::FromUtf8(piece).object();
   }
 
  private:
@@ -82,7 +84,7 @@ template <>
 struct Converter<unsigned char> {
   static unsigned char From(PyObject* value) {
     if (PyBytes_Check(value) != 0) {
-      const std::string_view bytes = BytesView(value);
+      const std::string_view bytes = BytesView(Object::Share(value));
       if (bytes.size() != 1) {
         Raise(PyExc_ValueError,
               "expected a single byte, got bytes of length " + std::to_string(bytes.size()));
@@ -94,6 +96,18 @@ struct Converter<unsigned char> {
     return static_cast<unsigned char>(number);
   }
   static Object To(unsigned char value) { return Own(PyLong_FromLong(value)); }
+};
+
+// Anything with `__index__`; OverflowError if it is negative or doesn't fit.
+template <>
+struct Converter<std::uint64_t> {
+  static std::uint64_t From(PyObject* value) {
+    const Object index = Own(PyNumber_Index(value));
+    const unsigned long long result = PyLong_AsUnsignedLongLong(index.get());
+    if (result == ~0ULL && PyErr_Occurred() != nullptr) ThrowPending();
+    return result;
+  }
+  static Object To(std::uint64_t value) { return Own(PyLong_FromUnsignedLongLong(value)); }
 };
 
 }  // namespace pyrt
