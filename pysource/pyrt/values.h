@@ -72,8 +72,7 @@ inline void SetAttr(const Object& object, const char* name, const Object& value)
 template <class... Values>
 Object NewTuple(const Object& tuple_class, const Values&... values) {
   auto* type = reinterpret_cast<PyTypeObject*>(tuple_class.get());
-  const auto alloc = reinterpret_cast<allocfunc>(PyType_GetSlot(type, Py_tp_alloc));
-  Object tuple = Own(alloc(type, sizeof...(Values)));
+  Object tuple = Own(PyType_GenericAlloc(type, sizeof...(Values)));
   Py_ssize_t next = 0;
   const auto add = [&](Object value) {
     Check(PyTuple_SetItem(tuple.get(), next++, value.release()));

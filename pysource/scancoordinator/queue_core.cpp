@@ -322,7 +322,7 @@ Object _CScanQueue::_FirstOrNone() {
   OrderedScopes& ordered = single.fOrderedDict();
 
   const LocId first = ordered.first();
-  const LocationPin pin(*store_, (*store_)[first].location);
+  const LocationPin pin(*store_, first);
   const Text scope_name = ordered.At(first)[0];
   if (!IsTreeBranchReady(pin.location())) {
     _MoveScansForLocToWaitingForInspect(pin.location(), std::nullopt);
@@ -361,15 +361,13 @@ bool _CScanQueue::RemoveScanTriple(const ScanTriple& scan_triple, MaybePriority 
   if (!priority) return false;
 
   const LocationPin pin(*store_, loc);
-  const auto is_queued = [&] { return IsQueuedAt(pin.id(), scope_name, scan_name, *priority); };
   pyrt::AllSteps steps;
-  const bool was_queued = is_queued();
   bool removed = false;
   steps.Run([&] {
     removed = _RemoveScanFromPerLocationMap(pin.location(), scope_name, scan_name, *priority);
   });
   // A failure that comes when the map has changed already must not leave the scope behind.
-  if (!removed && !(was_queued && !is_queued())) {
+  if (!removed && (!steps.failed() || IsQueuedAt(pin.id(), scope_name, scan_name, *priority))) {
     steps.Finish();
     return false;
   }

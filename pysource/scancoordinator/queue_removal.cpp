@@ -35,7 +35,7 @@ void _CScanQueue::Clear() {
   std::deque<LocationPin> pins;  // so that reporting them below runs no code of the host
   std::vector<Location> queued;
   for (const LocId id : ids) {
-    pins.emplace_back(*store_, (*store_)[id].location);
+    pins.emplace_back(*store_, id);
     queued.push_back(pins.back().location());
   }
 

@@ -184,7 +184,9 @@ class LocationPin {
  public:
   // Requires: the store outlives the pin. May run the host's `__eq__`.
   LocationPin(ScanStore& store, const Location& location)
-      : store_(store), id_(store.Intern(location)), location_(store[id_].location) {
+      : LocationPin(store, store.Intern(location)) {}
+  // Requires: the record exists.
+  LocationPin(ScanStore& store, LocId id) : store_(store), id_(id), location_(store[id].location) {
     ++store_[id_].pins;
   }
   LocationPin(const LocationPin&) = delete;
