@@ -23,6 +23,9 @@ kMergeAtPairs: Final = 100_000
 _kPairsPerCheck: Final = 400
 _kFilesPerCheck: Final = 40
 
+# Parts of merged pairs that are let go with each file that is staged, more than it brings.
+_kPartsPerFile: Final = 40
+
 # A pair can be there already: from a merge that failed or that a crash cut short.
 _kInsert: Final = "INSERT OR IGNORE INTO names VALUES(?, ?)"
 
@@ -74,6 +77,8 @@ class NameIndex:
         # What is being merged, kept whole until it is done, so that a merge can begin again.
         self._merging: _Staged | None = None
         self._merge: Iterator[None] | None = None
+        # Pairs that were merged. To let go of them all at once takes as long as a slice may.
+        self._merged: list[list[_Pair]] = []
 
     def merge_due(self) -> bool:
         """Whether a merge is under way or enough is staged for one."""
@@ -94,6 +99,7 @@ class NameIndex:
         else:
             self._staged.add(new, file_id)
         self._staged.files.add(file_id)
+        del self._merged[-_kPartsPerFile:]
 
     def merge(self, out_of_time: Callable[[], bool], changed: Collection[int]) -> bool:
         """Write some of what is staged; true when nothing is left of it.
@@ -111,6 +117,7 @@ class NameIndex:
             for _ in self._merge:
                 if out_of_time():
                     return False
+            self._merged += self._merging.pairs.values()
             self._merge = self._merging = None
 
     def transaction_failed(self) -> None:
