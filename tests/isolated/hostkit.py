@@ -26,7 +26,7 @@ def use_base(name: str) -> None:
     if module is not None:
         base = importlib.import_module(module)
         sys.modules["loombase.destroyable"] = base
-        loombase.destroyable = base  # type: ignore[attr-defined]
+        setattr(loombase, "destroyable", base)
 
 
 def new_world() -> Any:

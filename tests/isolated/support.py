@@ -11,6 +11,7 @@ import sys
 import textwrap
 from functools import cache
 from pathlib import Path
+from typing import Any
 
 kHere = Path(__file__).resolve().parent
 kCore = kHere.parent / "python" / "core"
@@ -69,12 +70,12 @@ def start(
     )
 
 
-def run(script: str, **options: object) -> str:
+def run(script: str, **options: Any) -> str:
     """Run a script that must come to its end without a word on standard error.
 
     Returns what it printed. Takes the options of `start`.
     """
-    result = start(script, **options)  # type: ignore[arg-type]
+    result = start(script, **options)
     lines = result.stdout.splitlines()
     if result.returncode != 0 or result.stderr or not lines or lines[-1] != kLastLine:
         raise AssertionError(

@@ -1,6 +1,6 @@
 """A coordinator and all its collaborators, set up for one test."""
 
-from collections.abc import Callable, Iterable
+from collections.abc import Callable
 from typing import Any
 
 import collaborators
@@ -206,28 +206,3 @@ def pass_time(seconds: float) -> None:
 def scripted(*steps: Any) -> None:
     """What the next scans do: see `pysource.scopescanner`."""
     scopescanner.script.extend(steps)
-
-
-def items(pairs: Iterable[tuple[Any, str]], scan: str, priority: int) -> dict[Any, int]:
-    """What `pending` gives for these pairs."""
-    return {(loc, scope, scan): priority for loc, scope in pairs}
-
-
-__all__ = [
-    "EndsWith",
-    "EqualTo",
-    "World",
-    "forget",
-    "items",
-    "kDerived",
-    "kIdlePriority",
-    "kPrimary",
-    "kSlice",
-    "kWholeFile",
-    "logged",
-    "pass_time",
-    "pending",
-    "scripted",
-    "told",
-    "waiting_files",
-]
