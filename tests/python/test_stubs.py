@@ -49,10 +49,12 @@ def test_packages_say_that_they_are_typed(package):
 
 @pytest.fixture(scope="module")
 def config(tmp_path_factory):
-    """A configuration of mypy with a cache that all runs share."""
+    """A configuration of mypy, with a cache that all runs share and the host's modules in reach."""
     folder = tmp_path_factory.mktemp("stubtest")
+    # Linked, because mypy takes no folder inside of site-packages.
+    (folder / "hostpath").symlink_to(LOOM / "hostpath")
     file = folder / "mypy.ini"
-    file.write_text(f"[mypy]\ncache_dir = {folder}\n")
+    file.write_text(f"[mypy]\ncache_dir = {folder}\nmypy_path = {folder / 'hostpath'}\n")
     return file
 
 
