@@ -2,10 +2,15 @@
 
 import importlib.metadata
 import importlib.util
+import signal
 from pathlib import Path
 
 import pytest
 from hypothesis import settings
+
+# A shell starts its background jobs with interrupts ignored, and the processes of tests would inherit it.
+if signal.getsignal(signal.SIGINT) is signal.SIG_IGN:
+    signal.signal(signal.SIGINT, signal.default_int_handler)
 
 # A busy machine is no failure.
 settings.register_profile("default", deadline=None, print_blob=True)
