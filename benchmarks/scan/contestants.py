@@ -18,7 +18,7 @@ import warnings
 from array import array
 from collections.abc import Callable, Sequence
 from pathlib import Path
-from time import perf_counter
+from time import perf_counter, thread_time
 from types import SimpleNamespace
 from typing import Any
 
@@ -100,8 +100,10 @@ def loom(files: Sequence[str], folder: Path) -> dict[str, Any]:
     from loom.cli.main import run
     from loom.mainloop.queues import IdleQueue
 
-    lengths = array("d")
-    IdleQueue.run_one = _measured(IdleQueue.run_one, lengths)  # type: ignore[method-assign]
+    lengths, cpu_lengths = array("d"), array("d")
+    IdleQueue.run_one = _measured(  # type: ignore[method-assign]
+        IdleQueue.run_one, lengths, cpu_lengths
+    )
     with contextlib.redirect_stdout(output):
         code = run(["scan", "--json", "--db", str(database), *arguments])
     seconds = perf_counter() - start
@@ -116,15 +118,20 @@ def loom(files: Sequence[str], folder: Path) -> dict[str, Any]:
         "size": database.stat().st_size,
         "definitions": report["definitions"],
         "idle_calls": sorted(lengths),
+        "idle_calls_cpu": sorted(cpu_lengths),
     }
 
 
-def _measured(run_one: Callable[..., bool], lengths: "array[float]") -> Callable[..., bool]:
+def _measured(
+    run_one: Callable[..., bool], lengths: "array[float]", cpu_lengths: "array[float]"
+) -> Callable[..., bool]:
     def run(self: object) -> bool:
+        cpu_start = thread_time()
         start = perf_counter()
         did = run_one(self)
         if did:
             lengths.append(perf_counter() - start)
+            cpu_lengths.append(thread_time() - cpu_start)
         return did
 
     return run
