@@ -36,27 +36,37 @@ bool StrInStr(const Object& sub, const Object& whole) {
 bool IsAlnum(unsigned char c) { return std::isalnum(c) != 0; }
 bool IsDigit(unsigned char c) { return std::isdigit(c) != 0; }
 
-std::int64_t UpdateNestingLevel(std::int64_t level, const Object& t, bool forward) {
-  if (!pyrt::IsText(t)) pyrt::RaiseArgumentType("t", "str", t);
-  const Text token(t);
-  if (pyrt::Length(token) != 1) return level;
-  const std::int64_t step = forward ? 1 : -1;
-  switch (pyrt::CodePointAt(token, 0)) {
-    case '(':
-    case '[':
-    case '{':
-      return level + step;
-    case ')':
-    case ']':
-    case '}':
-      return level - step;
-    default:
-      return level;
-  }
+std::int64_t UpdateNestingLevel(std::int64_t level, const Object& t, bool forward) noexcept {
+  return pyrt::OrPending(kNoNestingLevel, [&] {
+    if (!pyrt::IsText(t)) pyrt::RaiseArgumentType("t", "str", t);
+    const Text token(t);
+    if (pyrt::Length(token) != 1) return level;
+    const std::int64_t step = forward ? 1 : -1;
+    switch (pyrt::CodePointAt(token, 0)) {
+      case '(':
+      case '[':
+      case '{':
+        return level + step;
+      case ')':
+      case ']':
+      case '}':
+        return level - step;
+      default:
+        return level;
+    }
+  });
 }
 
 int CNonNestedSearch::InitWith(const Object& to_search, const Object& to_find_bytes,
                                std::int64_t start, std::int64_t end) {
+  return pyrt::OrPending(-1, [&] {
+    Start(to_search, to_find_bytes, start, end);
+    return 0;
+  });
+}
+
+void CNonNestedSearch::Start(const Object& to_search, const Object& to_find_bytes,
+                             std::int64_t start, std::int64_t end) {
   Object as_bytes;
   Object as_str;
   const char* text = nullptr;
@@ -93,7 +103,6 @@ int CNonNestedSearch::InitWith(const Object& to_search, const Object& to_find_by
   const Object old_to_find = std::exchange(to_find_bytes_, to_find_bytes);
   InitNonNestedStruct(&struct_, text, to_find.data(), static_cast<std::ptrdiff_t>(to_find.size()),
                       start, end);
-  return 0;
 }
 
 std::int64_t CNonNestedSearch::FindNext() {
@@ -200,46 +209,42 @@ void AddLogger(const Object& module) {
                 pyrt::PlainClass<CLogger>::Create(module, std::move(definition)));
 }
 
-template <pyrt::FixedText kSignature, pyrt::FixedText kDoc, auto kMember>
-PyMethodDef SearchMethod() {
-  return pyrt::Operation<kSignature, kDoc, kMember,
-                         [](CNonNestedSearch& search, auto&... args) -> decltype(auto) {
-                           return (search.*kMember)(args...);
-                         }>::Def();
-}
-
 void AddSearch(const Object& module) {
+  using Search = CNonNestedSearch;
   pyrt::PlainDefinition definition{
       .name = "pysource._fastaccess.CNonNestedSearch",
       .doc =
-          "CNonNestedSearch()\n--\n\nA search for bytes outside of brackets and string "
-          "literals.\n\n"
+          "CNonNestedSearch()\n--\n\nA search for bytes outside of brackets and literals.\n\n"
           "Positions are byte positions, of a str in its UTF-8 form.",
-      .methods = {},
-      .fields = {pyrt::Field<"fToSearchBytes", "The text that is searched, if it is bytes.",
-                             CNonNestedSearch,
-                             [](CNonNestedSearch& s) { return s.to_search_bytes(); }>::Def(),
-                 pyrt::Field<"fToSearchStr", "The text that is searched, if it is a str.",
-                             CNonNestedSearch,
-                             [](CNonNestedSearch& s) { return s.to_search_str(); }>::Def()}};
-  definition.methods = {
-      SearchMethod<
-          "InitWith(to_search, to_find_bytes, start, end)",
-          "Starts a search in [start, end) of bytes or a str; anything else holds nothing.\n\n"
-          "Returns 0. TypeError for a subclass of bytes or str, or if to_find_bytes isn't "
-          "bytes;\nAssertionError under __debug__ for a position behind the end or the first "
-          "zero byte;\nValueError for one outside of the text.",
-          &CNonNestedSearch::InitWith>(),
-      SearchMethod<
-          "FindNext()",
-          "The position of the next match at nesting level 0, or -1, which ends the search.\n\n"
-          "A string literal is stepped over as a whole. One that a line end cuts off ends "
-          "there, one of\ntriple quotes at the end of the text; in an f-string the quotes "
-          "inside a replacement field belong to\nliterals of their own.",
-          &CNonNestedSearch::FindNext>(),
-      SearchMethod<"Clear()", "Forgets the search.", &CNonNestedSearch::Clear>()};
+      .methods =
+          {pyrt::Operation<
+               "InitWith(to_search, to_find_bytes, start, end)",
+               "Starts a search in [start, end) of bytes or a str; anything else holds nothing.\n\n"
+               "Returns 0. TypeError for a subclass of bytes or str, or if to_find_bytes isn't "
+               "bytes;\nAssertionError under __debug__ for a position behind the end or the first "
+               "zero byte;\nValueError for one outside of the text.",
+               &Search::InitWith,
+               [](Search& search, auto&... args) {
+                 return pyrt::ThrowIfPending(search.InitWith(args...));
+               }>::Def(),
+           pyrt::Operation<
+               "FindNext()",
+               "The position of the next match at nesting level 0, or -1, which ends the "
+               "search.\n\n"
+               "A string literal is stepped over as a whole. It ends behind its closing quotes; a "
+               "backslash\ntakes the next character with it, in raw literals too. One of single "
+               "quotes that a line end\ncuts off ends there, one of triple quotes at the end of "
+               "the text. In an f-string the quotes inside\na replacement field belong to literals "
+               "of their own; a field that isn't closed runs to the end\nof the text.",
+               &Search::FindNext, [](Search& search) { return search.FindNext(); }>::Def(),
+           pyrt::Operation<"Clear()", "Forgets the search.", &Search::Clear,
+                           [](Search& search) { search.Clear(); }>::Def()},
+      .fields = {pyrt::Field<"fToSearchBytes", "The text that is searched, if it is bytes.", Search,
+                             [](Search& search) { return search.to_search_bytes(); }>::Def(),
+                 pyrt::Field<"fToSearchStr", "The text that is searched, if it is a str.", Search,
+                             [](Search& search) { return search.to_search_str(); }>::Def()}};
   pyrt::Publish(module, "CNonNestedSearch",
-                pyrt::PlainClass<CNonNestedSearch>::Create(module, std::move(definition)));
+                pyrt::PlainClass<Search>::Create(module, std::move(definition)));
 }
 
 void Fill(const Object& module) {
@@ -255,7 +260,7 @@ std::int64_t PyUpdateNestingLevel(std::int64_t level, const Object& t, bool forw
   if (level > kMax || level < -kMax) {
     pyrt::Raise(PyExc_OverflowError, "a nesting level has 32 bits");
   }
-  return UpdateNestingLevel(level, t, forward);
+  return pyrt::ThrowIfPending(UpdateNestingLevel(level, t, forward));
 }
 
 }  // namespace

@@ -55,8 +55,11 @@ inline bool LocationsEqual(const pyrt::Object& loc1, const pyrt::Object& loc2) {
 
 // The nesting level behind a token, or before it if `forward` is false. Only a token of a single
 // bracket changes it; the kinds of brackets aren't told apart, and a level can go below zero.
-// Throws TypeError if the token isn't text.
-std::int64_t UpdateNestingLevel(std::int64_t level, const pyrt::Object& t, bool forward = true);
+// kNoNestingLevel with the pending failure TypeError if the token isn't text.
+std::int64_t UpdateNestingLevel(std::int64_t level, const pyrt::Object& t,
+                                bool forward = true) noexcept;
+// A value that no level reaches.
+inline constexpr std::int64_t kNoNestingLevel = -1000;
 
 // --- Search --------------------------------------------------------------------------------------
 
@@ -69,10 +72,10 @@ class CNonNestedSearch {
   }
 
   // `to_search` is bytes or a str, whose positions are those of its UTF-8 form, or anything else,
-  // which counts as none. Throws TypeError for a subclass of bytes or str, or if `to_find_bytes`
-  // isn't bytes; AssertionError, with debug checks on, if a position lies behind the first zero
-  // byte of the text or its end; ValueError if one lies outside of the text. A search that was
-  // under way goes on then. Returns 0.
+  // which counts as none. Returns 0, or -1 with a pending failure; then a search that was under way
+  // goes on. Failures: TypeError for a subclass of bytes or str, or if `to_find_bytes` isn't bytes;
+  // AssertionError, with debug checks on, if a position lies behind the first zero byte of the text
+  // or its end; ValueError if one lies outside of the text.
   int InitWith(const pyrt::Object& to_search, const pyrt::Object& to_find_bytes, std::int64_t start,
                std::int64_t end);
   // The position of the next match, or -1, which ends the search for good.
@@ -86,6 +89,9 @@ class CNonNestedSearch {
   void Drop() noexcept { Clear(); }
 
  private:
+  void Start(const pyrt::Object& to_search, const pyrt::Object& to_find_bytes, std::int64_t start,
+             std::int64_t end);
+
   tNonNestedStruct struct_;
   pyrt::Object to_search_bytes_;
   pyrt::Object to_search_str_;

@@ -65,31 +65,20 @@ Py_UCS4 Decode(const char* utf8_ptr, std::ptrdiff_t pos, std::ptrdiff_t end_pos)
   RaiseMalformed({utf8_ptr + pos, static_cast<std::size_t>(decoded.length)}, pos, decoded.error);
 }
 
-// Runs `body`; on any exception it is pending, and the result is `failed`.
-template <class Result, class Fn>
-Result OrPending(Result failed, Fn&& body) noexcept {
-  try {
-    return std::forward<Fn>(body)();
-  } catch (...) {
-    pyrt::SetPendingFromCurrentException();
-    return failed;
-  }
-}
-
 }  // namespace
 
 int NonAsciiClasses(Py_UCS4 u) noexcept {
-  return OrPending(-2, [&] { return ClassesOf(u); });
+  return pyrt::OrPending(-2, [&] { return ClassesOf(u); });
 }
 
 Py_UCS4 NonInlineUcs4CharAtUtf8Pos(const char* utf8_ptr, std::ptrdiff_t pos,
                                    std::ptrdiff_t end_pos) noexcept {
-  return OrPending(kNoCharacter, [&] { return Decode(utf8_ptr, pos, end_pos); });
+  return pyrt::OrPending(kNoCharacter, [&] { return Decode(utf8_ptr, pos, end_pos); });
 }
 
 int NonAsciiClassesAtUtf8Pos(const char* utf8_ptr, std::ptrdiff_t pos,
                              std::ptrdiff_t end_pos) noexcept {
-  return OrPending(-2, [&] { return ClassesOf(Decode(utf8_ptr, pos, end_pos)); });
+  return pyrt::OrPending(-2, [&] { return ClassesOf(Decode(utf8_ptr, pos, end_pos)); });
 }
 
 std::ptrdiff_t FailWithInvalidStart() noexcept {
@@ -98,7 +87,7 @@ std::ptrdiff_t FailWithInvalidStart() noexcept {
 }
 
 std::ptrdiff_t BytesFindByte(PyObject* b, unsigned char c, std::ptrdiff_t start) noexcept {
-  return OrPending<std::ptrdiff_t>(-2, [&] {
+  return pyrt::OrPending<std::ptrdiff_t>(-2, [&] {
     const Object object = Object::Share(b);
     if (!pyrt::IsExactlyBytes(object)) pyrt::RaiseUnexpected("bytes", object);
     const std::string_view bytes = pyrt::BytesView(object);
@@ -107,7 +96,7 @@ std::ptrdiff_t BytesFindByte(PyObject* b, unsigned char c, std::ptrdiff_t start)
 }
 
 Py_UCS4 OrdAt(PyObject* s, std::ptrdiff_t i) noexcept {
-  return OrPending(kNoCharacter, [&]() -> Py_UCS4 {
+  return pyrt::OrPending(kNoCharacter, [&]() -> Py_UCS4 {
     const Object object = Object::Share(s);
     const bool is_text = pyrt::IsExactlyText(object);
     if (!is_text && !pyrt::IsExactlyBytes(object)) pyrt::RaiseUnexpected("str or bytes", object);
@@ -120,7 +109,8 @@ Py_UCS4 OrdAt(PyObject* s, std::ptrdiff_t i) noexcept {
 }
 
 const char* GetUtf8Ptr(PyObject* u) noexcept {
-  return OrPending<const char*>(nullptr, [&] { return Utf8Text(Object::Share(u)).view().data(); });
+  return pyrt::OrPending<const char*>(nullptr,
+                                      [&] { return Utf8Text(Object::Share(u)).view().data(); });
 }
 
 PyObject* Utf8Concat5(PyObject* s0, PyObject* s1, PyObject* s2, PyObject* s3,
@@ -140,13 +130,6 @@ PyObject* Utf8Concat5(PyObject* s0, PyObject* s1, PyObject* s2, PyObject* s3,
 
 namespace {
 
-// Hands a failure that is told by a special result on as an exception.
-template <class Result>
-Result Checked(Result result) {
-  if (PyErr_Occurred() != nullptr) pyrt::ThrowPending();
-  return result;
-}
-
 // A text from Python: no position reads outside of it.
 class CheckedBytes {
  public:
@@ -162,7 +145,9 @@ class CheckedBytes {
   std::string_view text_;
 };
 
-std::int64_t PyOrdAt(const Object& s, std::int64_t i) { return Checked(OrdAt(s.get(), i)); }
+std::int64_t PyOrdAt(const Object& s, std::int64_t i) {
+  return pyrt::ThrowIfPending(OrdAt(s.get(), i));
+}
 
 Object PyConcat2(const Object& s0, const Object& s1) {
   return pyrt::Own(Utf8Concat2(s0.get(), s1.get()));
@@ -192,26 +177,27 @@ void CheckCharacter(std::string_view text, std::int64_t pos, std::int64_t end_po
 
 std::int64_t PyUcs4CharAtUtf8Pos(const Utf8Text& utf8_ptr, std::int64_t pos, std::int64_t end_pos) {
   CheckCharacter(utf8_ptr.view(), pos, end_pos);
-  return Checked(Ucs4CharAtUtf8Pos(utf8_ptr.view().data(), pos, end_pos));
+  return pyrt::ThrowIfPending(Ucs4CharAtUtf8Pos(utf8_ptr.view().data(), pos, end_pos));
 }
 
 template <auto kTest>
 bool Test(const Utf8Text& utf8_ptr, std::int64_t pos, std::int64_t end_pos) {
   CheckCharacter(utf8_ptr.view(), pos, end_pos);
-  return Checked(kTest(utf8_ptr.view().data(), pos, end_pos));
+  return pyrt::ThrowIfPending(kTest(utf8_ptr.view().data(), pos, end_pos));
 }
 
 bool PyIsIdentifierChar(std::int64_t u, bool initial) {
   if (u < 0 || u >= kCodePoints) {
     pyrt::Raise(PyExc_ValueError, "code point not in range(0x110000)");
   }
-  return Checked(IsIdentifierChar(static_cast<Py_UCS4>(u), initial)) != 0;
+  return pyrt::ThrowIfPending(IsIdentifierChar(static_cast<Py_UCS4>(u), initial)) != 0;
 }
 
 bool PyIsIdentifierCharAtUtf8Pos(const Utf8Text& utf8_ptr, std::int64_t pos, std::int64_t end_pos,
                                  bool initial) {
   CheckCharacter(utf8_ptr.view(), pos, end_pos);
-  return Checked(IsIdentifierCharAtUtf8Pos(utf8_ptr.view().data(), pos, end_pos, initial));
+  return pyrt::ThrowIfPending(
+      IsIdentifierCharAtUtf8Pos(utf8_ptr.view().data(), pos, end_pos, initial));
 }
 
 std::int64_t PyPtrFindByte(const Utf8Text& ptr, std::int64_t length, unsigned char c,
@@ -220,11 +206,11 @@ std::int64_t PyPtrFindByte(const Utf8Text& ptr, std::int64_t length, unsigned ch
   if (start >= 0 && start < length && length > size) {
     pyrt::Raise(PyExc_ValueError, "position outside of the text");
   }
-  return Checked(PtrFindByte(ptr.view().data(), length, c, start));
+  return pyrt::ThrowIfPending(PtrFindByte(ptr.view().data(), length, c, start));
 }
 
 std::int64_t PyBytesFindByte(const Object& b, unsigned char c, std::int64_t start) {
-  return Checked(BytesFindByte(b.get(), c, start));
+  return pyrt::ThrowIfPending(BytesFindByte(b.get(), c, start));
 }
 
 std::int64_t PyAdjustPosArg(std::int64_t pos, std::int64_t length) {

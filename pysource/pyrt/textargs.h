@@ -7,12 +7,33 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "pysource/pyrt/convert.h"
+#include "pysource/pyrt/guard.h"
 #include "pysource/pyrt/object.h"
 #include "pysource/pyrt/values.h"
 
 namespace pyrt {
+
+// Runs `body` and returns its result. On any exception that is pending in Python, and the result is
+// `failed`: for functions that tell a failure by a special result.
+template <class Result, class Fn>
+Result OrPending(Result failed, Fn&& body) noexcept {
+  try {
+    return std::forward<Fn>(body)();
+  } catch (...) {
+    SetPendingFromCurrentException();
+    return failed;
+  }
+}
+
+// The other way: the result of such a function, or the exception that it has left pending.
+template <class Result>
+Result ThrowIfPending(Result result) {
+  if (PyErr_Occurred() != nullptr) ThrowPending();
+  return result;
+}
 
 inline Object TypeName(const Object& value) {
   return Own(PyType_GetName(Py_TYPE(value.get_or_none())));
