@@ -31,14 +31,14 @@ from loombase.location import CLocalFileLocation, CRemoteFileLocation
 
 kMostOrders = 720  # of one walk that are tried
 
-kLocals = [CLocalFileLocation(f"file:///{n}.py") for n in "abcd"]
+kLocals = [CLocalFileLocation(f"file:///{n}.py") for n in "ab"]
 kRemotes = [CRemoteFileLocation(f"ssh://h/{n}.py") for n in "rs"]
 
 locations = st.sampled_from(kLocals + kRemotes)
-scopes = st.sampled_from(["*", "a", "b", "c"])
+scopes = st.sampled_from(["*", "a", "b"])
 priorities = st.sampled_from([0, 1, 2])
 flags = st.booleans()
-pair_lists = st.lists(st.tuples(locations, scopes), max_size=5)
+pair_lists = st.lists(st.tuples(locations, scopes), min_size=1, max_size=5)
 
 
 class Walks:
@@ -234,6 +234,18 @@ class QueueMachine(RuleBasedStateMachine):
         name = scan.draw(self.scan_name)
         self.both(lambda side: side.queue._AddReadyScanPairs(pairs, name, priority, check))
 
+    @rule(
+        loc=locations, scan=st.data(), late=st.lists(scopes, max_size=2), early=scopes, show=flags
+    )
+    def add_at_two_priorities(self, loc, scan, late, early, show):
+        """Scopes of one location at two priorities, which then perhaps meet in one queue."""
+        name = scan.draw(self.scan_name)
+        self.both(lambda s: s.queue.AddScanPairs([(loc, scope) for scope in late], name, 2))
+        self.both(lambda s: s.queue.AddScanPairs([(loc, early)], name, 1))
+        if show:
+            self.both(lambda side: side.queue.UpdateForVisibleDocuments(None, ()))
+            self.both(lambda side: side.queue.UpdateForVisibleDocuments(loc, ()))
+
     @rule()
     def first_and_complete(self):
         self.both(lambda side: complete_first(side.queue))
@@ -267,6 +279,14 @@ class QueueMachine(RuleBasedStateMachine):
     @rule(active=st.none() | locations, visible=st.sets(locations, max_size=3))
     def show(self, active, visible):
         self.both(lambda side: side.queue.UpdateForVisibleDocuments(active, visible))
+
+    @precondition(lambda self: not self.twin.queue.Empty(False))
+    @rule(data=st.data())
+    def show_a_queued_one(self, data):
+        queued = sorted(self.twin.queue._fPerLocationInfo, key=repr)
+        loc = data.draw(st.sampled_from(queued))
+        self.both(lambda side: side.queue.UpdateForVisibleDocuments(None, ()))
+        self.both(lambda side: side.queue.UpdateForVisibleDocuments(loc, ()))
 
     @rule(locs=st.sets(st.sampled_from(kRemotes)))
     def set_ready(self, locs):
@@ -330,6 +350,7 @@ class QueueMachine(RuleBasedStateMachine):
                 lgtk.idle_remove(side.queue._fSignalEmitIdle)
         self.both(lambda side: side.queue._SignalEmitIdle())
 
+    @precondition(lambda self: len(self.twin.queue._fCompletedCount) > 3)
     @rule()
     def clear(self):
         self.both(lambda side: side.queue.Clear())
@@ -399,6 +420,7 @@ class ChangingOrdersMachine(QueueMachine):
 
 
 kSettings = settings(
+    max_examples=2 * settings.default.max_examples,
     suppress_health_check=[HealthCheck.too_slow, HealthCheck.filter_too_much],
 )
 
