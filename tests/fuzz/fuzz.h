@@ -1,9 +1,10 @@
-// What the fuzz targets share. A target is built by run.sh with libFuzzer, and its corpus is
-// replayed by tests/unit/*_corpus_test.cpp with every compiler.
+// What the fuzz targets share. cmake/Fuzz.cmake builds a target with libFuzzer, and replay.h runs
+// its kept corpus in any other build.
 
 #ifndef TESTS_FUZZ_FUZZ_H_
 #define TESTS_FUZZ_FUZZ_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -22,13 +23,14 @@
 
 namespace fuzz {
 
-// A copy that ends where its memory ends, so that the sanitizers see a byte read too many.
+// A copy with no byte around it, so that the sanitizers see each read outside of it.
 class Exact {
  public:
-  explicit Exact(std::string_view text) : size_(text.size()), bytes_(new char[text.size() + 1]) {
-    text.copy(bytes_.get() + 1, text.size());
+  explicit Exact(std::string_view text) : size_(text.size()), bytes_(new char[text.size()]) {
+    text.copy(bytes_.get(), text.size());
   }
-  const char* data() const { return bytes_.get() + 1; }
+  const char* data() const { return bytes_.get(); }
+  const char* end() const { return bytes_.get() + size_; }
   std::ptrdiff_t size() const { return static_cast<std::ptrdiff_t>(size_); }
   std::string_view view() const { return {data(), size_}; }
 
@@ -40,6 +42,29 @@ class Exact {
 inline std::string_view View(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
+
+// Cuts an input into small choices and the text that they are made for.
+class Input {
+ public:
+  Input(const std::uint8_t* data, std::size_t size) : rest_(View(data, size)) {}
+
+  // 0 when the input is used up.
+  std::uint8_t Byte() {
+    if (rest_.empty()) return 0;
+    const char first = rest_.front();
+    rest_.remove_prefix(1);
+    return static_cast<std::uint8_t>(first);
+  }
+  std::string_view Take(std::size_t size) {
+    const std::string_view taken = rest_.substr(0, size);
+    rest_.remove_prefix(taken.size());
+    return taken;
+  }
+  std::string_view Rest() const { return rest_; }
+
+ private:
+  std::string_view rest_;
+};
 
 }  // namespace fuzz
 

@@ -11,8 +11,10 @@
 
 namespace pysource {
 
-// All matches of `needle` in `text`, in order. Where literals end is taken from FindStringEnd.
-inline std::vector<std::ptrdiff_t> SearchByModel(std::string_view text, std::string_view needle) {
+// All matches of `needle` in `text` from `start` on, in order. Where literals end is taken from
+// FindStringEnd, which has a model of its own.
+inline std::vector<std::ptrdiff_t> SearchByModel(std::string_view text, std::string_view needle,
+                                                 std::ptrdiff_t start = 0) {
   std::vector<std::ptrdiff_t> found;
   if (needle.empty()) return found;
   int level = 0;
@@ -22,7 +24,7 @@ inline std::vector<std::ptrdiff_t> SearchByModel(std::string_view text, std::str
   };
   const char* const begin = text.data();
   const char* const end = begin + text.size();
-  for (const char* p = begin; p < end;) {
+  for (const char* p = begin + start; p < end;) {
     const std::string_view rest(p, static_cast<std::size_t>(end - p));
     if (level == 0 && rest.starts_with(needle)) {
       found.push_back(p - begin);
