@@ -80,7 +80,7 @@ class _Scan:
         self._signal: signal.Signals | None = None
 
     def run(self, exit_zero: bool) -> int:
-        from loom.app import App
+        from loom.app import App, spare_full_collections
         from loom.cli.progress import make_display
         from loom.cli.report import ScanReport
         from loom.mainloop.asyncio_loop import AsyncioMainLoop
@@ -96,6 +96,7 @@ class _Scan:
                 session.connect("finished", lambda _session: main_loop.loop.stop())
                 with make_display(session, live=not self._verbose):
                     self._catch_signals(main_loop, session)
+                    spare_full_collections()
                     session.start()
                     main_loop.loop.run_forever()
                 session.destroy()

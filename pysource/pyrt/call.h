@@ -59,13 +59,14 @@ Object KeywordNames(const Args&... args) {
 template <class... Args>
 Object Call(const Object& callable, const Args&... args) {
   constexpr std::size_t keywords = (std::size_t{0} + ... + (internal::kIsKeyword<Args> ? 1 : 0));
+  const Object held = callable;  // what is called may make its owner let go of it
   const std::array<Object, sizeof...(Args)> owned{internal::AsArgument(args)...};
   // Slot 0 is free for the callee's use, as the vectorcall protocol allows.
   std::array<PyObject*, sizeof...(Args) + 1> stack{};
   for (std::size_t i = 0; i < owned.size(); ++i) stack[i + 1] = owned[i].get_or_none();
   const Object names = internal::KeywordNames(args...);
   return Own(PyObject_Vectorcall(
-      callable.get_or_none(), stack.data() + 1,
+      held.get_or_none(), stack.data() + 1,
       (sizeof...(Args) - keywords) | static_cast<std::size_t>(PY_VECTORCALL_ARGUMENTS_OFFSET),
       names.get()));
 }
@@ -74,9 +75,10 @@ Object Call(const Object& callable, const Args&... args) {
 template <class... Args>
 Object CallMethod(const Object& object, const Name& name, const Args&... args) {
   constexpr std::size_t keywords = (std::size_t{0} + ... + (internal::kIsKeyword<Args> ? 1 : 0));
+  const Object held = object;
   const std::array<Object, sizeof...(Args)> owned{internal::AsArgument(args)...};
   std::array<PyObject*, sizeof...(Args) + 2> stack{};
-  stack[1] = object.get_or_none();
+  stack[1] = held.get_or_none();
   for (std::size_t i = 0; i < owned.size(); ++i) stack[i + 2] = owned[i].get_or_none();
   const Object names = internal::KeywordNames(args...);
   return Own(PyObject_VectorcallMethod(
@@ -86,7 +88,8 @@ Object CallMethod(const Object& object, const Name& name, const Args&... args) {
 }
 
 inline Object GetAttr(const Object& object, const Name& name) {
-  return Own(PyObject_GetAttr(object.get_or_none(), name.get()));
+  const Object held = object;
+  return Own(PyObject_GetAttr(held.get_or_none(), name.get()));
 }
 
 // The module of that name, imported if need be. Looked up in sys.modules at each call, so that a

@@ -1,4 +1,5 @@
-// Questions about single values, and small values made of others.
+// Questions about single values, and small values made of others. Where a question runs the host's
+// code, the container is taken by value: its owner may let go of it meanwhile.
 
 #ifndef PYSOURCE_PYRT_VALUES_H_
 #define PYSOURCE_PYRT_VALUES_H_
@@ -12,7 +13,7 @@
 namespace pyrt {
 
 // value in container
-inline bool Contains(const Object& container, const Object& value) {
+inline bool Contains(Object container, const Object& value) {
   return Check(PySequence_Contains(container.get_or_none(), value.get_or_none())) != 0;
 }
 
@@ -22,12 +23,12 @@ inline Object Item(const Object& sequence, Py_ssize_t index) {
 }
 
 // mapping[key]
-inline Object Subscript(const Object& mapping, const Object& key) {
+inline Object Subscript(Object mapping, const Object& key) {
   return Own(PyObject_GetItem(mapping.get_or_none(), key.get_or_none()));
 }
 
 // mapping[key], or empty if the key isn't there.
-inline Object GetOrEmpty(const Object& mapping, const Object& key) {
+inline Object GetOrEmpty(Object mapping, const Object& key) {
   if (PyDict_CheckExact(mapping.get_or_none())) {
     PyObject* value = PyDict_GetItemWithError(mapping.get(), key.get_or_none());
     if (value == nullptr && PyErr_Occurred() != nullptr) ThrowPending();

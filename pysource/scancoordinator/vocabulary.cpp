@@ -40,13 +40,13 @@ Object MakeRecord(const Object& record_class, const Values&... values) {
 
 }  // namespace
 
-CScanItem CScanItem::FromRecord(const Object& record) {
+CScanItem CScanItem::FromRecord(Object record) {
   if (!pyrt::IsTuple(record)) pyrt::RaiseUnexpected("CScanItem", record);
   auto [loc, scope_name, scan_name, priority] = pyrt::Unpack<4>(record);
   CScanItem item(Location(std::move(loc)), Text::OrNone(std::move(scope_name)),
                  Text::OrNone(std::move(scan_name)),
                  pyrt::FromPython<MaybePriority>(priority.get()));
-  if (pyrt::IsExactly(record, Classes().scan_item)) item.record_ = record;
+  if (pyrt::IsExactly(record, Classes().scan_item)) item.record_ = std::move(record);
   return item;
 }
 

@@ -86,7 +86,8 @@ class CScanItem {
         scan_name_(std::move(scan_name)),
         priority_(priority) {}
   // Reads a record of that class or any tuple of four.
-  static CScanItem FromRecord(const Object& record);
+  // Holds it: asking its location for the hash may make the owner let go of it.
+  static CScanItem FromRecord(Object record);
   // The record of four nones, which stands for "no scan".
   static Object NoScan();
   // TypeError if scope name or scan name is none.

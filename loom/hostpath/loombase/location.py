@@ -66,13 +66,18 @@ class CLocalFileLocation(CLocation):
         text = os.path.abspath(text)
         if text.startswith("//"):  # POSIX leaves exactly two slashes alone
             text = text[1:]
-        found = _interned.get((cls, text))
+        return cls._of_normal(text)
+
+    @classmethod
+    def _of_normal(cls, path: str) -> Self:
+        """The location of a path that is absolute and normal already."""
+        found = _interned.get((cls, path))
         if isinstance(found, cls):
             return found
         self = super().__new__(cls)
-        self.path = text
+        self.path = path
         self._url = None
-        _interned[cls, text] = self
+        _interned[cls, path] = self
         return self
 
     @property
@@ -83,7 +88,7 @@ class CLocalFileLocation(CLocation):
         return self._url
 
     def GetParentDir(self) -> CLocalFileLocation:
-        return type(self)(os.path.dirname(self.path))
+        return self._of_normal(os.path.dirname(self.path))  # of a normal path it is normal
 
     def __fspath__(self) -> str:
         return self.path
