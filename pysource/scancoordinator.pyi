@@ -93,7 +93,7 @@ class _CSingleScanQueue(CDestroyable):
     def fOrder(self) -> int:
         """The order of its scans within the priority."""
     @property
-    def fOrderedDict(self) -> CUsageOrderedDict:
+    def fOrderedDict(self) -> CUsageOrderedDict[Any, list[str]]:
         """Location to sorted list of scope names, from first to last; a copy."""
 
 @disjoint_base
