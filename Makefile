@@ -18,7 +18,7 @@ help:
 	@echo "make stubs         check the type stubs against the modules, and the types of loom"
 	@echo "make format        format the C++ sources; make format-check only looks"
 	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers"
-	@echo "make fuzz          look for inputs that break the text helpers (needs clang++)"
+	@echo "make fuzz          look for inputs that break what walks text (needs clang++)"
 	@echo "make clean         remove .venv and build"
 
 venv:
@@ -53,7 +53,7 @@ format-check: venv-dev
 	@scripts/format.sh --dry-run --Werror
 
 fuzz: venv-dev
-	@PYTHON=$(BIN)/python tests/fuzz/run.sh
+	@scripts/run_fuzz.sh
 
 bench-queue bench-scan bench-text: bench-%: venv-dev
 	@scripts/install.sh

@@ -10,7 +10,7 @@ if(NOT LOOM_SANITIZE)
   message(FATAL_ERROR "LOOM_FUZZ needs LOOM_SANITIZE=ON")
 endif()
 
-# Modules apart, which nobody builds here, whatever uses the settings is linked into a fuzzer.
+# For all that is linked into a fuzzer. Only the fuzzers are built in such a build, no modules.
 target_compile_options(project_settings INTERFACE -fsanitize=fuzzer-no-link)
 
 add_custom_target(fuzzers)
