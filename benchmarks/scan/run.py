@@ -23,12 +23,12 @@ from typing import Any, Final
 _HERE: Final = Path(__file__).resolve().parent
 sys.path.append(str(_HERE.parents[1]))  # what is installed comes first
 
-from loom.bootstrap import ensure_host_path  # noqa: E402
+from loom.bootstrap import ensure_host_path
 
 ensure_host_path()
 
-from loom.ignore import parse_patterns  # noqa: E402
-from loom.walk import Found, walk  # noqa: E402
+from loom.ignore import parse_patterns
+from loom.walk import Found, walk
 
 _CONTESTANTS: Final = {
     "loom": "`loom scan`",

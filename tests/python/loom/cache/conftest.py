@@ -15,12 +15,12 @@ from loom.bootstrap import ensure_host_path
 ensure_host_path()
 sys.path.insert(0, str(Path(__file__).parent))  # for `cache_samples`
 
-import singleton  # noqa: E402
-from guiutils import lgtk  # noqa: E402
-from loombase.location import CLocalFileLocation  # noqa: E402
+import singleton
+from guiutils import lgtk
+from loombase.location import CLocalFileLocation
 
-from loom.mainloop.stepped import SteppedMainLoop  # noqa: E402
-from pysource import _fastaccess, scopeinfo, scopescanner  # noqa: E402
+from loom.mainloop.stepped import SteppedMainLoop
+from pysource import _fastaccess, scopeinfo, scopescanner
 
 
 class Clock:
