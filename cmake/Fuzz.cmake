@@ -4,7 +4,7 @@
 # Everything is compiled with coverage counters, with the warnings of the project as errors.
 
 if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  message(FATAL_ERROR "LOOM_FUZZ needs clang++; apt-get install clang libclang-rt-dev")
+  message(FATAL_ERROR "LOOM_FUZZ needs clang++; apt-get install clang libclang-rt-14-dev")
 endif()
 if(NOT LOOM_SANITIZE)
   message(FATAL_ERROR "LOOM_FUZZ needs LOOM_SANITIZE=ON")

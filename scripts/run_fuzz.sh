@@ -35,7 +35,7 @@ done
 
 # The newest clang++ there is, or the one that CLANGXX names, if it can link a fuzzer.
 find_clang() {
-  local candidate missing="clang libclang-rt-dev"
+  local candidate missing="clang libclang-rt-14-dev"
   for candidate in "${CLANGXX:-}" clang++ clang++-{20..14}; do
     [ -n "$candidate" ] && command -v "$candidate" >/dev/null || continue
     if echo 'extern "C" int LLVMFuzzerTestOneInput(const char*, unsigned long) { return 0; }' |
@@ -140,7 +140,8 @@ for target in "${targets[@]}"; do
     keep)
       mkdir -p "$new"
       before=$(inputs_in "$kept")
-      run "$target" -merge=1 "$kept" "$new"
+      # Whether code is reached counts, and not how often, else the corpus grows by thousands.
+      run "$target" -merge=1 -use_counters=0 "$kept" "$new"
       report "$target" $? "$(($(inputs_in "$kept") - before)) inputs added"
       ;;
   esac
