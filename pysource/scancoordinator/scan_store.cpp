@@ -5,27 +5,23 @@
 namespace pysource {
 namespace {
 
-// Identity hashes are addresses: their low bits alone would crowd a table.
-std::uint64_t Mix(Py_hash_t hash) {
-  return static_cast<std::uint64_t>(hash) * 0x9E3779B97F4A7C15ULL;
+// The upper half of a mixed hash: identity hashes are addresses, and their low bits alone would
+// crowd a table.
+std::uint32_t Short(Py_hash_t hash) {
+  return static_cast<std::uint32_t>((static_cast<std::uint64_t>(hash) * 0x9E3779B97F4A7C15ULL) >>
+                                    32);
 }
-
-std::uint32_t Short(Py_hash_t hash) { return static_cast<std::uint32_t>(Mix(hash)); }
 
 constexpr unsigned kInitialBits = 3;
 
 }  // namespace
 
-ScanStore::ScanStore() : table_(std::size_t{1} << kInitialBits), shift_(64 - kInitialBits) {}
-
-std::size_t ScanStore::HomeOf(Py_hash_t hash) const noexcept {
-  return static_cast<std::size_t>(Mix(hash) >> shift_);
-}
+ScanStore::ScanStore() : table_(std::size_t{1} << kInitialBits), shift_(32 - kInitialBits) {}
 
 LocId ScanStore::FindIdentical(const Location& location, bool& same_hash_seen) const {
   const std::uint32_t short_hash = Short(location.hash());
   const std::size_t mask = table_.size() - 1;
-  for (std::size_t i = HomeOf(location.hash()); table_[i].id != kNoIndex; i = (i + 1) & mask) {
+  for (std::size_t i = HomeOf(short_hash); table_[i].id != kNoIndex; i = (i + 1) & mask) {
     if (table_[i].hash != short_hash) continue;
     const Location& candidate = records_[table_[i].id].location;
     if (candidate.is(location)) return table_[i].id;
@@ -42,7 +38,7 @@ LocId ScanStore::Find(const Location& location) const {
 
     const std::uint64_t version = version_;
     const std::size_t mask = table_.size() - 1;
-    for (std::size_t i = HomeOf(location.hash());; i = (i + 1) & mask) {
+    for (std::size_t i = HomeOf(Short(location.hash()));; i = (i + 1) & mask) {
       const LocId id = table_[i].id;
       if (id == kNoIndex) return kNoIndex;
       if (records_[id].location.hash() != location.hash()) continue;
@@ -61,9 +57,10 @@ LocId ScanStore::Intern(const Location& location) {
   const LocId id = records_.Allocate();
   records_[id].location = location;
   const std::size_t mask = table_.size() - 1;
-  std::size_t i = HomeOf(location.hash());
+  const std::uint32_t short_hash = Short(location.hash());
+  std::size_t i = HomeOf(short_hash);
   while (table_[i].id != kNoIndex) i = (i + 1) & mask;
-  table_[i] = {Short(location.hash()), id};
+  table_[i] = {short_hash, id};
   ++used_slots_;
   ++version_;
   return id;
@@ -75,7 +72,7 @@ void ScanStore::Grow() {
   const std::size_t mask = grown.size() - 1;
   for (const Slot& slot : table_) {
     if (slot.id == kNoIndex) continue;
-    std::size_t i = HomeOf(records_[slot.id].location.hash());
+    std::size_t i = HomeOf(slot.hash);
     while (grown[i].id != kNoIndex) i = (i + 1) & mask;
     grown[i] = slot;
   }
@@ -85,11 +82,11 @@ void ScanStore::Grow() {
 
 void ScanStore::RemoveSlot(LocId id) {
   const std::size_t mask = table_.size() - 1;
-  std::size_t hole = HomeOf(records_[id].location.hash());
+  std::size_t hole = HomeOf(Short(records_[id].location.hash()));
   while (table_[hole].id != id) hole = (hole + 1) & mask;
   // Entries that were pushed past the hole move back, so that no search ends too early.
   for (std::size_t i = (hole + 1) & mask; table_[i].id != kNoIndex; i = (i + 1) & mask) {
-    const std::size_t home = HomeOf(records_[table_[i].id].location.hash());
+    const std::size_t home = HomeOf(table_[i].hash);
     if (((i - home) & mask) >= ((i - hole) & mask)) {
       table_[hole] = table_[i];
       hole = i;

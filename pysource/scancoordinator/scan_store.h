@@ -152,11 +152,12 @@ class ScanStore {
   friend class OrderedScopes;
 
   struct Slot {
-    std::uint32_t hash = 0;
+    std::uint32_t hash = 0;  // in short form, so that the table grows without a look at the records
     LocId id = kNoIndex;
   };
 
-  std::size_t HomeOf(Py_hash_t hash) const noexcept;
+  // Where a search for a hash in short form begins.
+  std::size_t HomeOf(std::uint32_t short_hash) const noexcept { return short_hash >> shift_; }
   // Looks for the very object; tells whether another one has its hash.
   LocId FindIdentical(const Location& location, bool& same_hash_seen) const;
   void Grow();
@@ -167,7 +168,7 @@ class ScanStore {
   Pool<Place> places_;
   std::vector<Slot> table_;
   std::size_t used_slots_ = 0;
-  unsigned shift_;             // 64 less the binary logarithm of the table's size
+  unsigned shift_;             // 32 less the binary logarithm of the table's size
   std::uint64_t version_ = 0;  // counts changes of the table
   std::vector<ScanNameTotals> names_;
   std::vector<Priority> priorities_;
