@@ -220,7 +220,11 @@ void _CScanQueue::_AddReadyScanPairs(const ScanPairs& ready_pair_list, const Tex
                                      Priority priority, bool add_to_check) {
   Object target = _GetSingleQueue(scan_name, priority);
   const Text wildcard = host::symbols::WildcardScope();
-  for (const ScanPair& pair : ready_pair_list.pairs) {
+  const std::vector<ScanPair>& pairs = ready_pair_list.pairs;
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    constexpr std::size_t kAhead = 8;
+    if (i + kAhead < pairs.size()) store_->Prefetch(pairs[i + kAhead].loc);
+    const ScanPair& pair = pairs[i];
     if (!AddReadyPair(pair, scan_name, priority, wildcard, target)) continue;
     if (add_to_check) store_->SetCheck(store_->Intern(pair.loc), priority);
   }

@@ -19,15 +19,21 @@ constexpr unsigned kInitialBits = 3;
 ScanStore::ScanStore() : table_(std::size_t{1} << kInitialBits), shift_(32 - kInitialBits) {}
 
 LocId ScanStore::FindIdentical(const Location& location, bool& same_hash_seen) const {
+  // A record that was freed meanwhile holds no location.
+  if (last_found_ != kNoIndex && records_[last_found_].location.is(location)) return last_found_;
   const std::uint32_t short_hash = Short(location.hash());
   const std::size_t mask = table_.size() - 1;
   for (std::size_t i = HomeOf(short_hash); table_[i].id != kNoIndex; i = (i + 1) & mask) {
     if (table_[i].hash != short_hash) continue;
     const Location& candidate = records_[table_[i].id].location;
-    if (candidate.is(location)) return table_[i].id;
+    if (candidate.is(location)) return last_found_ = table_[i].id;
     same_hash_seen = same_hash_seen || candidate.hash() == location.hash();
   }
   return kNoIndex;
+}
+
+void ScanStore::Prefetch(const Location& location) const noexcept {
+  __builtin_prefetch(&table_[HomeOf(Short(location.hash()))]);
 }
 
 LocId ScanStore::Find(const Location& location) const {
@@ -63,7 +69,7 @@ LocId ScanStore::Intern(const Location& location) {
   table_[i] = {short_hash, id};
   ++used_slots_;
   ++version_;
-  return id;
+  return last_found_ = id;
 }
 
 void ScanStore::Grow() {

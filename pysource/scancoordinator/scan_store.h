@@ -88,6 +88,8 @@ class ScanStore {
   LocId Intern(const Location& location);
   LocationRecord& operator[](LocId id) noexcept { return records_[id]; }
   const LocationRecord& operator[](LocId id) const noexcept { return records_[id]; }
+  // Starts to fetch what Find will look at, for a walk through many locations in no order.
+  void Prefetch(const Location& location) const noexcept;
   // Removes the record if nothing is kept of the location any more. The result is the location, to
   // be released by the caller.
   [[nodiscard]] Location ForgetIfUnused(LocId id);
@@ -168,8 +170,9 @@ class ScanStore {
   Pool<Place> places_;
   std::vector<Slot> table_;
   std::size_t used_slots_ = 0;
-  unsigned shift_;             // 32 less the binary logarithm of the table's size
-  std::uint64_t version_ = 0;  // counts changes of the table
+  mutable LocId last_found_ = kNoIndex;  // an operation asks for one location again and again
+  unsigned shift_;                       // 32 less the binary logarithm of the table's size
+  std::uint64_t version_ = 0;            // counts changes of the table
   std::vector<ScanNameTotals> names_;
   std::vector<Priority> priorities_;
   std::size_t queued_locations_ = 0;
@@ -188,6 +191,7 @@ class LocationPin {
       : LocationPin(store, store.Intern(location)) {}
   // Requires: the record exists.
   LocationPin(ScanStore& store, LocId id) : store_(store), id_(id), location_(store[id].location) {
+    store_.last_found_ = id_;
     ++store_[id_].pins;
   }
   LocationPin(const LocationPin&) = delete;
