@@ -289,7 +289,7 @@ class FormattedStringSkipper {
   }
 
   const char* InSpecification(const char* p) {
-    p = FindAny(p, end_, Top().quote, '{', '}', '\n', '\r');
+    p = FindAny(p, end_, Top().quote, '\\', '{', '}', '\n', '\r');
     if (p == end_) return p;
     if (const char* behind = Closed(p); behind != nullptr) {
       PopLiteral();
@@ -301,6 +301,8 @@ class FormattedStringSkipper {
       case '}':
         depth_ -= 2;  // the field ends with it
         return p + 1;
+      case '\\':
+        return InEscape(p);
       case '\n':
       case '\r':
         if (!Top().triple) --depth_;

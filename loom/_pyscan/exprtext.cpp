@@ -61,7 +61,9 @@ void AppendExpression(std::string_view source, const TokenList& tokens, std::siz
   for (std::size_t i = begin; i < end; ++i) {
     const Token& token = tokens[i];
     const bool opaque = (token.flags & kOpaqueToken) != 0;
-    const bool balanced = token.kind != Tok::kOpen || (!opaque && token.match < end);
+    // In a half-typed line brackets stay open, and a ";" may stand in them.
+    const bool whole = token.kind != Tok::kSemicolon &&
+                       (token.kind != Tok::kOpen || (!opaque && token.match < end));
     const bool apart = token.begin != run_end;
     const bool blank = apart && tokens[i - 1].kind != Tok::kOpen && token.kind != Tok::kClose;
     const bool short_string = token.kind == Tok::kString && opaque;
@@ -77,7 +79,7 @@ void AppendExpression(std::string_view source, const TokenList& tokens, std::siz
       AppendShortString(source, token, out);
       run_begin = token.end;
     }
-    if (!balanced || out.size() - start + (run_end - run_begin) > kMaxExpressionText) {
+    if (!whole || out.size() - start + (run_end - run_begin) > kMaxExpressionText) {
       out.resize(start);
       AppendShape(source, tokens, begin, end, out);
       return;

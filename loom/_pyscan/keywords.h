@@ -93,7 +93,7 @@ inline constexpr KeywordTable kKeywordTable = [] {
 }  // namespace internal
 
 // The keyword that `text` is, or Tok::kName. `readable` is the number of bytes that may be read
-// from text.data(), at least text.size().
+// from text.data(), at least text.size(). Requires: a word of identifier bytes, so no zero bytes.
 inline Tok ClassifyWord(std::string_view text, std::size_t readable) {
   using namespace internal;
   if (text.size() < 2 || text.size() > kLongestKeyword) return Tok::kName;

@@ -79,13 +79,9 @@ class LiteralModel {
       if (Has(pos, "{{")) {
         pos += 2;
       } else if (text_[pos] == '{') {
-        if (!Field(pos + 1, quotes, depth, pos)) return pos;
-      } else if (Has(pos, "\\{") || Has(pos, "\\}")) {
-        ++pos;
-      } else if (!raw && Has(pos, "\\N{")) {
-        pos += 3;
+        if (!Field(pos + 1, quotes, raw, depth, pos)) return pos;
       } else if (text_[pos] == '\\') {
-        pos += Has(pos + 1, "\r\n") ? 3 : 2;
+        pos = Escape(pos, raw);
       } else if (AtLineEnd(pos) && quotes.size() == 1) {
         return pos;
       } else {
@@ -95,9 +91,16 @@ class LiteralModel {
     return text_.size();
   }
 
+  // Behind the backslash at `pos` and what it takes with it.
+  std::size_t Escape(std::size_t pos, bool raw) const {
+    if (Has(pos, "\\{") || Has(pos, "\\}")) return pos + 1;
+    if (!raw && Has(pos, "\\N{")) return pos + 3;
+    return pos + (Has(pos + 1, "\r\n") ? 3 : 2);
+  }
+
   // Goes to the position behind the field whose content begins at `pos`. False if the literal
   // around it ends there, too.
-  bool Field(std::size_t pos, std::string_view quotes, int depth, std::size_t& behind) {
+  bool Field(std::size_t pos, std::string_view quotes, bool raw, int depth, std::size_t& behind) {
     behind = text_.size();
     if (depth == kMaxDepth) return true;
     const std::size_t begin = pos;
@@ -118,7 +121,7 @@ class LiteralModel {
         level -= level > 0 ? 1 : 0;
         ++pos;
       } else if (c == ':' && level == 0) {
-        switch (Specification(pos + 1, quotes, depth + 1, pos)) {
+        switch (Specification(pos + 1, quotes, raw, depth + 1, pos)) {
           case Ending::kField:
             behind = pos;
             return true;
@@ -138,7 +141,8 @@ class LiteralModel {
   // What ends with a format specification.
   enum class Ending { kField, kLiteral, kLine };
 
-  Ending Specification(std::size_t pos, std::string_view quotes, int depth, std::size_t& behind) {
+  Ending Specification(std::size_t pos, std::string_view quotes, bool raw, int depth,
+                       std::size_t& behind) {
     behind = text_.size();
     if (depth == kMaxDepth) return Ending::kField;
     while (pos < text_.size()) {
@@ -151,10 +155,12 @@ class LiteralModel {
         return Ending::kField;
       }
       if (text_[pos] == '{') {
-        if (!Field(pos + 1, quotes, depth + 1, pos)) {
+        if (!Field(pos + 1, quotes, raw, depth + 1, pos)) {
           behind = pos;
           return Ending::kLiteral;
         }
+      } else if (text_[pos] == '\\') {
+        pos = Escape(pos, raw);
       } else if (AtLineEnd(pos) && quotes.size() == 1) {
         behind = pos + 1;
         return Ending::kLine;

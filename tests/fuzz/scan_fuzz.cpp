@@ -112,12 +112,6 @@ void CheckPart(const Results& results, std::string_view part) {
   }));
 }
 
-// A ";" where an argument or a type parameter ends gets into information strings as it stands.
-bool HoldsKnownFlaw(std::string_view source) {
-  return source.find(';') != std::string_view::npos &&
-         source.find_first_of("([") != std::string_view::npos;
-}
-
 // Whoever splits an information string gets the very parts that were put in, and whoever unpacks a
 // scope's names the very names.
 void CheckInformation(const Results& results) {
@@ -191,7 +185,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   const std::uint32_t lines = CountLines(source.view());
   CheckScopes(whole.results(), lines);
-  if (!HoldsKnownFlaw(source.view())) CheckInformation(whole.results());
+  CheckInformation(whole.results());
   CheckLists(whole, lines);
   return 0;
 }

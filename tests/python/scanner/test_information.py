@@ -143,6 +143,21 @@ def test_text_of_a_broken_expression_is_balanced(broken: str) -> None:
     assert information.count(b'"') % 2 == 0
 
 
+@pytest.mark.parametrize(
+    ("source", "scope", "name", "information"),
+    [
+        ("def f(t=;)", "f", "t", b":r0=..."),
+        ("def f(t=;", "f", "t", b":r0=..."),
+        ("def f(a=1, t=x;y=2)", "f", "t", b":r1=..."),
+        ("class A[T:;]", "A", "T", b":p..."),
+    ],
+)
+def test_semicolon_in_half_typed_brackets_parts_nothing(
+    source: str, scope: str, name: str, information: bytes
+) -> None:
+    assert Scanned(source).info(name, scope) == information
+
+
 def test_parts_that_quote_expressions_are_limited() -> None:
     """The 25th different value of a name tells nothing more; a definition always does."""
     source = "".join(f"x = {n}\n" for n in range(30)) + "def x(): pass\n"

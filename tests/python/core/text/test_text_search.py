@@ -238,6 +238,11 @@ def test_in_brackets_and_literals_nothing_is_found():
     assert matches(b"';';", b";") == [3]
 
 
+def test_an_escape_in_a_format_specification_is_part_of_the_literal():
+    assert matches(rb"f'{x!r:\'}';", b";") == [12]
+    assert matches(rb"f'{x:\}}';", b";") == [9]
+
+
 def test_positions_are_those_of_the_utf8_form():
     assert matches("é;中;", b";") == [2, 6]
     assert matches("é;中;".encode(), b";") == [2, 6]
