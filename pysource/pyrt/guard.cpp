@@ -18,4 +18,9 @@ void SetPendingFromCurrentException() noexcept {
   }
 }
 
+PythonError CurrentError() noexcept {
+  SetPendingFromCurrentException();
+  return PythonError(Object::Steal(PyErr_GetRaisedException()));
+}
+
 }  // namespace pyrt

@@ -16,6 +16,10 @@ namespace pyrt {
 // Makes the C++ exception in hand pending in Python. Requires: called from a catch block.
 void SetPendingFromCurrentException() noexcept;
 
+// The C++ exception in hand as the Python exception that it becomes. Requires: called from a catch
+// block.
+PythonError CurrentError() noexcept;
+
 // Runs `body` and returns its result in the form that CPython expects of a slot: an Object becomes
 // a new reference (empty becomes None), void becomes 0 and an int stays as it is. On any exception
 // the result is null or -1, with the exception pending.

@@ -61,11 +61,12 @@ std::optional<bool> CScanCoordinator::_CB_DoIdleAnalysis() {
   }
   try {
     return RunSlice(slow_engine ? kDebugSliceSeconds : kSliceSeconds);
-  } catch (const pyrt::PythonError& error) {
+  } catch (...) {
+    const pyrt::PythonError error = pyrt::CurrentError();
     _fIdleProcId = nullptr;
     fLog("Exception raised in _CB_DoIdleAnalysis(); implicitly returning None");
     host::ReportException(error);
-    if (pyrt::DebugChecks()) throw;
+    if (pyrt::DebugChecks()) throw error;
     return std::nullopt;
   }
 }
