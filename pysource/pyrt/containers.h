@@ -56,6 +56,12 @@ Object MakeTuple(const Args&... args) {
 class List {
  public:
   List() : object_(Own(PyList_New(0))) {}
+  // A new list of just that element.
+  static List With(const Object& element) {
+    List list;
+    list.Append(element);
+    return list;
+  }
   // A new list of the elements of an iterable.
   static List Of(const Object& iterable) {
     return List(Own(PySequence_List(iterable.get_or_none())));

@@ -22,7 +22,8 @@ void CScanCoordinator::_QueueBasicModules(double /*end_time*/) {
   }
   pyrt::List pairs;
   const Object wildcard = pyrt::ToPython("*");
-  pyrt::ForEach(locations.object(), [&](const Object& loc) { AddPair(loc, wildcard, pairs); });
+  pyrt::ForEach(locations.object(),
+                [&](const Object& loc) { pairs.Append(pyrt::MakeTuple(loc, wildcard)); });
   AddPairsToPrimaryQueue(pairs.object(), true, kTypingModulePriority);
   _fAllBasicModuleQueued = true;
 }

@@ -198,7 +198,6 @@ class CScanCoordinator : public pyrt::Body {
   void FollowStoredImports(const pyrt::List& up_to_date, const pyrt::Dict& priorities);
   Object ModtimesOf(const Object& loc_seq);
   Priority ChoosePriority(bool first, MaybePriority priority) const;
-  void AddPair(const Object& loc, const Object& scope_name, pyrt::List& pairs) const;
   void QueueInstanceScope(const host::Scanner& scanner, const CScanItem& scan_item);
   bool TryToScanTriples(const pyrt::List& triples, double end_time, pyrt::Set& remaining);
   Object ScanPrimaryNow(const Object& loc, const Text& scope_name, double end_time);

@@ -104,8 +104,7 @@ void CScanCoordinator::OnModCacheUnsuspend(const Object& self) {
 }
 
 void CScanCoordinator::OnModified(const Object& self, const Object& ana) {
-  pyrt::List locations;
-  locations.Append(host::fLocation(ana));
+  const pyrt::List locations = pyrt::List::With(host::fLocation(ana));
   From(self.get()).ClearLastScanInfo(locations.object());
 }
 

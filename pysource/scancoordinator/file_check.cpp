@@ -11,12 +11,6 @@
 namespace pysource {
 namespace {
 
-pyrt::List ListOf(const Object& element) {
-  pyrt::List list;
-  list.Append(element);
-  return list;
-}
-
 bool Holds(const Object& text, const Text& scan_name) {
   return pyrt::Contains(text, scan_name.object());
 }
@@ -67,10 +61,10 @@ void CScanCoordinator::CheckBatch(const Object& batch) {
     const auto [loc, done] = pyrt::Unpack<2>(entry);
     if (!Holds(done, fAnaMgr.fPrimaryScanName())) return;
     up_to_date.Append(loc);
-    queue().RemoveAllForLocations(ListOf(loc).object(), Object());
+    queue().RemoveAllForLocations(pyrt::List::With(loc).object(), Object());
     if (!Holds(done, fAnaMgr.fDerivedScanName()) && _fInfoCache.WantDerivedInfo(loc)) {
-      pyrt::List pairs;
-      AddPair(loc, host::symbols::WildcardScope().object(), pairs);
+      const pyrt::List pairs =
+          pyrt::List::With(pyrt::MakeTuple(loc, host::symbols::WildcardScope().object()));
       AddPairsToSecondaryQueue(pairs.object(), false,
                                pyrt::FromPython<Priority>(PriorityOf(priorities, loc).get()));
     }

@@ -21,7 +21,7 @@ void CScanCoordinator::_UpdateForHelperProcess() {
     const Object wildcard = pyrt::ToPython("*");
     pyrt::List pairs;
     pyrt::ForEach(pyrt::List::Of(_fLocsQueuedInHelper.object()).object(),
-                  [&](const Object& loc) { AddPair(loc, wildcard, pairs); });
+                  [&](const Object& loc) { pairs.Append(pyrt::MakeTuple(loc, wildcard)); });
     AddPairsToPrimaryQueue(pairs.object(), false);
     _fLocsQueuedInHelper.Clear();
   }
@@ -61,7 +61,7 @@ void CScanCoordinator::SendLocalScansToHelper(const Object& single_queue) {
   pyrt::List pairs;
   for (const Location& loc : whole_files) {
     queue().RemoveScanTriple({loc, wildcard, single.fScanName}, single.fPriority);
-    AddPair(loc.object(), wildcard.object(), pairs);
+    pairs.Append(pyrt::MakeTuple(loc.object(), wildcard.object()));
   }
   if (!pairs.empty()) AddPairsToPrimaryQueue(pairs.object(), true, single.fPriority);
 }

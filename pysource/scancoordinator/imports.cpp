@@ -96,7 +96,9 @@ void CScanCoordinator::__AddImportEquivsToQueue(const Object& imported_equivs, c
   pyrt::ForEach(changed.object(), [&](const Object& loc) {
     const MaybePriority existing =
         queue()._FindScanPriority(Location(loc), whole_file, primary_name);
-    if (!existing || *existing > priority) AddPair(loc, whole_file.object(), pairs_to_add);
+    if (!existing || *existing > priority) {
+      pairs_to_add.Append(pyrt::MakeTuple(loc, whole_file.object()));
+    }
   });
   AddPairsToPrimaryQueue(pairs_to_add.object(), false, priority);
 }

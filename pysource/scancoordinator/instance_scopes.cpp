@@ -78,7 +78,7 @@ Object CScanCoordinator::BuildInstanceScopeNoScanning(const Object& loc, const T
     if (!method_scope) return true;
     const host::ScopeInfo method = _fInfoCache.GetScopeInfo(loc, method_scope);
     if (method.is_none()) {
-      AddPair(loc, method_scope, missing_pairs);
+      missing_pairs.Append(pyrt::MakeTuple(loc, method_scope));
     } else {
       method_infos.Append(method.object());
     }
@@ -101,8 +101,7 @@ Object CScanCoordinator::ReportMissingClass(const Object& loc, const Object& cla
   const auto [parent_name, leaf] =
       pyrt::Unpack<2>(host::symbols::ParentAndLeafScopeNames(class_name));
   const auto queue_scope = [&](const Object& scope) {
-    pyrt::List pairs;
-    AddPair(loc, scope, pairs);
+    const pyrt::List pairs = pyrt::List::With(pyrt::MakeTuple(loc, scope));
     AddPairsToPrimaryQueue(pairs.object());
   };
   const host::ScopeInfo parent_info = _fInfoCache.GetScopeInfo(loc, parent_name);

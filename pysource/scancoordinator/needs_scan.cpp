@@ -44,9 +44,9 @@ void CScanCoordinator::AddNeedsScanSetToQueues(const Object& needs_scan_set) {
     const auto [loc, scope_name, scan_name] = pyrt::Unpack<3>(triple);
     if (pyrt::Equal(scan_name, fAnaMgr.fPrimaryScanName().object())) {
       const bool has_buffer = pyrt::IsTrue(fCacheMgr.DoesCacheBufferExist(loc).object());
-      AddPair(loc, has_buffer ? scope_name : pyrt::ToPython("*"), primary_pairs);
+      primary_pairs.Append(pyrt::MakeTuple(loc, has_buffer ? scope_name : pyrt::ToPython("*")));
     } else if (pyrt::Equal(scan_name, fAnaMgr.fDerivedScanName().object())) {
-      AddPair(loc, scope_name, secondary_pairs);
+      secondary_pairs.Append(pyrt::MakeTuple(loc, scope_name));
     }
   });
   if (!secondary_pairs.empty()) AddPairsToSecondaryQueue(secondary_pairs.object(), true);
@@ -63,7 +63,7 @@ void CScanCoordinator::_CB_ActiveEditLinenoChanged(const Object& ana, std::int64
                                    : Object();
   pyrt::List pairs;
   pyrt::ForEach(pyrt::List::Of(incomplete).object(), [&](const Object& scope_name) {
-    if (!pyrt::Equal(scope_name, current_scope)) AddPair(loc, scope_name, pairs);
+    if (!pyrt::Equal(scope_name, current_scope)) pairs.Append(pyrt::MakeTuple(loc, scope_name));
   });
   if (pairs.empty()) return;
   // The minimum interval between scans must not hold these back.

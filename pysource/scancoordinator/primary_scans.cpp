@@ -43,8 +43,7 @@ bool CScanCoordinator::__DoPrimaryWholeFileScan(const CScanItem& scan_item, doub
   const Object incomplete = _fIncompleteScansByLoc.Get(loc);
   if (incomplete && !pyrt::IsTrue(incomplete)) _fIncompleteScansByLoc.Discard(loc);
 
-  pyrt::List locations;
-  locations.Append(loc);
+  const pyrt::List locations = pyrt::List::With(loc);
   pyrt::List imported_equivs;
   pyrt::ForEach(_fInfoCache.GetAllImports(locations),
                 [&](const Object& record) { imported_equivs.Append(pyrt::Item(record, -1)); });
@@ -57,12 +56,12 @@ bool CScanCoordinator::__DoPrimaryWholeFileScan(const CScanItem& scan_item, doub
   const Object wildcard = pyrt::ToPython("*");
   if (pyrt::IsTrue(secondary_locations)) {
     pyrt::List pairs;
-    pyrt::ForEach(secondary_locations,
-                  [&](const Object& secondary) { AddPair(secondary, wildcard, pairs); });
+    pyrt::ForEach(secondary_locations, [&](const Object& secondary) {
+      pairs.Append(pyrt::MakeTuple(secondary, wildcard));
+    });
     AddPairsToPrimaryQueue(pairs.object(), true, priority);
   }
-  pyrt::List pairs;
-  AddPair(loc, wildcard, pairs);
+  const pyrt::List pairs = pyrt::List::With(pyrt::MakeTuple(loc, wildcard));
   AddPairsToSecondaryQueue(pairs.object(), true, priority);
   return false;
 }
@@ -121,8 +120,7 @@ bool CScanCoordinator::__DoPrimarySingleScopeScan(const CScanItem& scan_item, do
                              scan_item.priority().value_or(kBackgroundPriority));
   }
   // No priority: both additions take that of the scan that is running.
-  pyrt::List pairs;
-  AddPair(loc, scope_name.object(), pairs);
+  const pyrt::List pairs = pyrt::List::With(pyrt::MakeTuple(loc, scope_name.object()));
   AddPairsToSecondaryQueue(pairs.object(), false);
   QueueInstanceScope(scanner, scan_item);
   scanner.destroy();
@@ -142,8 +140,8 @@ void CScanCoordinator::QueueInstanceScope(const host::Scanner& scanner,
         host::symbols::ParentScopeName(scan_item.scope_name().object()));
   }
   if (instance_scope.is_none()) return;
-  pyrt::List pairs;
-  AddPair(scan_item.loc().object(), instance_scope, pairs);
+  const pyrt::List pairs =
+      pyrt::List::With(pyrt::MakeTuple(scan_item.loc().object(), instance_scope));
   AddPairsToPrimaryQueue(pairs.object(), true);
 }
 

@@ -208,8 +208,8 @@ void _CScanQueue::AddScanPairs(const Object& pair_seq, const Text& scan_name,
       ready.pairs.push_back(std::move(pair));
       return;
     }
-    pyrt::List items;
-    items.Append(CScanItem(pair.loc, pair.scope_name, scan_name, at).record());
+    const pyrt::List items =
+        pyrt::List::With(CScanItem(pair.loc, pair.scope_name, scan_name, at).record());
     _AddItemsWaitingForInspect(pair.loc, items.object());
     if (add_to_check) _SetWholeFileCheckWaitingForInspect(pair.loc, at);
   });

@@ -6,11 +6,6 @@
 
 namespace pysource {
 
-void CScanCoordinator::AddPair(const Object& loc, const Object& scope_name,
-                               pyrt::List& pairs) const {
-  pairs.Append(pyrt::MakeTuple(loc, scope_name));
-}
-
 // Work found while a scan runs inherits that scan's priority; `first` decides only where nothing
 // else does.
 Priority CScanCoordinator::ChoosePriority(bool first, MaybePriority priority) const {
@@ -67,7 +62,7 @@ void CScanCoordinator::AddParseablesToQueue(const Object& loc_seq, MaybePriority
   const Object wildcard = host::symbols::WildcardScope().object();
   pyrt::List pairs;
   mime_types.ForEachItem([&](const Object& loc, const Object& mime_type) {
-    if (host::IsAnalyzable(mime_type)) AddPair(loc, wildcard, pairs);
+    if (host::IsAnalyzable(mime_type)) pairs.Append(pyrt::MakeTuple(loc, wildcard));
   });
   if (!pairs.empty()) AddPairsToPrimaryQueue(pairs.object(), true, priority);
 }

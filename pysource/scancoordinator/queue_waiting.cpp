@@ -57,8 +57,7 @@ void _CScanQueue::_MoveScansForLocToWaitingForInspect(const Location& loc,
       check_whole_file_priority = store_->priority((*store_)[id].check_priority);
     }
   }
-  pyrt::List locations;
-  locations.Append(loc.object());
+  const pyrt::List locations = pyrt::List::With(loc.object());
   // What has left the queue must arrive in the waiting area, whatever fails on the way.
   pyrt::AllSteps steps;
   steps.Run([&] { RemoveAllForLocations(locations.object(), Object(), false); });
@@ -131,8 +130,8 @@ void _CScanQueue::StartWaitingForData(const CScanItem& scan_item) {
 
 void _CScanQueue::FinishedWaitingForData(const CScanItem& scan_item) {
   if (!_fScanItemsWaitingForData.Contains(scan_item.record())) return;
-  pyrt::List pairs;
-  pairs.Append(pyrt::MakeTuple(scan_item.loc().object(), scan_item.scope_name()));
+  const pyrt::List pairs =
+      pyrt::List::With(pyrt::MakeTuple(scan_item.loc().object(), scan_item.scope_name()));
   AddScanPairs(pairs.object(), scan_item.scan_name(), scan_item.priority());
   _fScanItemsWaitingForData.Discard(scan_item.record());
 }

@@ -9,8 +9,7 @@ namespace pysource {
 void CScanCoordinator::_WaitForScannerToBeReady(const Object& scanner, const CScanItem& scan_item) {
   queue().StartWaitingForData(scan_item);
   // The callback is made before the id of its own connection is known.
-  pyrt::List connect_id_holder;
-  connect_id_holder.Append(Object::None());
+  pyrt::List connect_id_holder = pyrt::List::With(Object::None());
   const Object callback = pyrt::Closure<"cb_state_change(scanner)", &OnScannerStateChange>::New(
       pyrt::MakeTuple(self(), scan_item, connect_id_holder));
   const Object id = host::ConnectWhileAlive(scanner, "scan-state-changed", callback, self());

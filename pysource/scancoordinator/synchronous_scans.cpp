@@ -34,8 +34,7 @@ bool CScanCoordinator::TryToScanDictNow(const Object&, const Object&, const Obje
     if (pyrt::Equal(scan_name, primary_name.object())) {
       primary.Append(triple);
     } else if (!_fPendingScanNowTriples.Contains(triple)) {
-      pyrt::List pairs;
-      AddPair(loc, scope_name, pairs);
+      const pyrt::List pairs = pyrt::List::With(pyrt::MakeTuple(loc, scope_name));
       AddPairsToSecondaryQueue(pairs.object());
     }
   });
@@ -68,8 +67,7 @@ bool CScanCoordinator::TryToScanTriples(const pyrt::List& triples, double end_ti
         [&] {
           _fActiveScanNowTriples.Add(triple);
           const auto [loc, scope_name, scan_name] = pyrt::Unpack<3>(triple);
-          pyrt::List names;
-          names.Append(scan_name);
+          const pyrt::List names = pyrt::List::With(scan_name);
           TryToScanNow(loc, Text(scope_name), names.object(), end_time);
           if (WallClock() > end_time) return false;
           _fPendingScanNowTriples.Discard(triple);
@@ -125,8 +123,7 @@ Object CScanCoordinator::ScanPrimaryNow(const Object& loc, const Text& scope_nam
           return pyrt::MakeTuple(false, Object::None(), Object::None());
         }
         if (!state.Is(host::kFinishedScanning) && !state.Is(host::kScanAbandoned)) {
-          pyrt::List pairs;
-          AddPair(loc, scope_name.object(), pairs);
+          const pyrt::List pairs = pyrt::List::With(pyrt::MakeTuple(loc, scope_name.object()));
           AddPairsToPrimaryQueue(pairs.object(), true);
         }
         if (state.Is(host::kWaitingForData)) {
