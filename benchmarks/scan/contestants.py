@@ -101,9 +101,7 @@ def loom(files: Sequence[str], folder: Path) -> dict[str, Any]:
     from loom.mainloop.queues import IdleQueue
 
     lengths, cpu_lengths = array("d"), array("d")
-    IdleQueue.run_one = _measured(  # type: ignore[method-assign]
-        IdleQueue.run_one, lengths, cpu_lengths
-    )
+    setattr(IdleQueue, "run_one", _measured(IdleQueue.run_one, lengths, cpu_lengths))
     with contextlib.redirect_stdout(output):
         code = run(["scan", "--json", "--db", str(database), *arguments])
     seconds = perf_counter() - start
