@@ -19,6 +19,7 @@ from guiutils import lgtk
 from loombase.destroyable import CDestroyable
 from loombase.location import CLocalFileLocation, CLocation
 from pysource import _fastaccess
+from pysource.loccache import CLocCache
 
 from loom._pyscan import unpack_info
 from loom.mainloop.base import LOW_IDLE_PRIORITY
@@ -30,7 +31,7 @@ from loom.store.queries import path_of
 from loom.store.records import AddedScope, FileRecord, FileState, StoredScope
 from loom.store.writer import Writer
 
-__all__ = ["CInfoCache", "CLocCache", "CScopeInfo", "CScopeInfoKey"]
+__all__ = ["CInfoCache", "CScopeInfo", "CScopeInfoKey"]
 
 _log = logging.getLogger("loom.infocache")
 _T = TypeVar("_T")
@@ -127,22 +128,6 @@ class CScopeInfo:
 
     def __repr__(self) -> str:
         return f"CScopeInfo({self.key.loc!r}, {self.key.scope_name!r}, {self.key.scan_name!r})"
-
-
-class CLocCache:
-    """What is known of locations as such.
-
-    There is no derived scanner in this host, so no file wants derived information, and nobody asks
-    for the builtins.
-    """
-
-    def GetBuiltinLoc(self) -> CLocation | None:
-        """The location of the builtins, or none if it isn't known."""
-        return None
-
-    def WantDerivedInfo(self, loc: CLocation) -> bool:
-        """Whether secondary scans are wanted for the file."""
-        return False
 
 
 class _DiskState(NamedTuple):

@@ -171,8 +171,8 @@ def test_result_is_the_same_whatever_the_slices(
     loc = make_file("a.py", source)
     incomplete: set[str] = set()
     assert new_scanner(loc, incomplete).Scan(clock.now + 1_000.0) is kFinishedScanning
-    monkeypatch.setattr(scopescanner, "_kStepBytes", step_bytes)
-    monkeypatch.setattr(scopescanner, "_kItemsPerStep", 3)
+    monkeypatch.setattr(scopescanner.wholefile, "_kStepBytes", step_bytes)
+    monkeypatch.setattr(scopescanner.wholefile, "_kItemsPerStep", 3)
     clock.per_look = 1.0
     scanner = new_scanner(loc, incomplete_again := set[str]())
     while scanner.Scan(clock.now + looks + 0.5) is kTimedOut:
@@ -247,7 +247,7 @@ def test_several_errors_are_counted(
         def errors(self) -> list[tuple[int, str]]:
             return [(4, "later"), (2, "sooner" * 100), (9, "last")]
 
-    monkeypatch.setattr(scopescanner, "SourceScanner", Scanner)
+    monkeypatch.setattr(scopescanner.wholefile, "SourceScanner", Scanner)
     loc = make_file("a.py", kSource)
     incomplete: set[str] = set()
     scan(loc, incomplete)
@@ -329,8 +329,8 @@ def test_too_many_scopes_or_definitions(
     what: str,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
-    monkeypatch.setattr(scopescanner, "_kMaxItems", 50)
-    monkeypatch.setattr(scopescanner, "_kItemsPerStep", 7)
+    monkeypatch.setattr(scopescanner.wholefile, "_kMaxItems", 50)
+    monkeypatch.setattr(scopescanner.wholefile, "_kItemsPerStep", 7)
     line = "def f(): pass\n" if what == "scopes" else "n{} = 1\n"
     good = make_file("a.py", "".join(line.format(n) for n in range(45)))
     bad = make_file("b.py", "".join(line.format(n) for n in range(60)))
@@ -422,7 +422,7 @@ def test_fault_of_the_scanner_itself_ends_this_scan_only(
 
     loc = make_file("a.py", kSource)
     with monkeypatch.context() as patch:
-        patch.setattr(scopescanner, "SourceScanner", Scanner)
+        patch.setattr(scopescanner.wholefile, "SourceScanner", Scanner)
         assert scan(loc) is kScanAbandoned
     assert "a fault of ours" in caplog.text
     cache.WriteEverything()

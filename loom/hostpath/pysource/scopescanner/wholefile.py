@@ -1,4 +1,4 @@
-"""The scanners: live objects that carry one scan forward slice by slice."""
+"""The scanner of whole files."""
 
 from __future__ import annotations
 
@@ -7,25 +7,16 @@ from collections.abc import Callable, Generator, Sequence
 from typing import Final, TypeVar
 
 import singleton
-from loombase.destroyable import CDestroyable
 from loombase.location import CLocalFileLocation
-from pysource import _fastaccess
 
 from loom._pyscan import SourceScanner
 from loom.sourcetext import SourceError, SourceText, read_source
 from loom.store.definitions import pack
 from loom.store.records import FileRecord, ScopeRow, join_scans
 
-__all__ = [
-    "CScanner",
-    "CScanState",
-    "CWholeFilePrimaryScanner",
-    "kFinishedScanning",
-    "kReadyToScan",
-    "kScanAbandoned",
-    "kTimedOut",
-    "kWaitingForData",
-]
+from .base import CScanner, ScanSteps, kFinishedScanning, kScanAbandoned
+
+__all__ = ["CWholeFilePrimaryScanner", "ScopesOfLines"]
 
 _log = logging.getLogger("loom.scan")
 
@@ -46,75 +37,7 @@ _kMaxItems: Final = 200_000
 # A rendered reason is a line of a report, not a dump.
 _kMaxReasonLength: Final = 300
 
-
-class CScanState:
-    """Where a scanner stands. There are five, compared by identity alone."""
-
-    __slots__ = ("_name",)
-
-    def __init__(self, name: str) -> None:
-        self._name = name
-
-    def __repr__(self) -> str:
-        return self._name
-
-
-kReadyToScan: Final = CScanState("kReadyToScan")
-kWaitingForData: Final = CScanState("kWaitingForData")
-kFinishedScanning: Final = CScanState("kFinishedScanning")
-kTimedOut: Final = CScanState("kTimedOut")
-kScanAbandoned: Final = CScanState("kScanAbandoned")
-
-_Steps = Generator[None, None, CScanState]
 _Item = TypeVar("_Item")
-
-
-class CScanner(CDestroyable):
-    """Base class of the scanners.
-
-    Signals: "scan-state-changed" (the scanner), when a scanner that waits for data may go on.
-
-    `log` is called with a format and its arguments. A subclass says what it does in
-    `_ScanInSteps`.
-    """
-
-    def __init__(self, loc: CLocalFileLocation, log: Callable[..., object]) -> None:
-        super().__init__(("scan-state-changed",))
-        self.fLocation = loc
-        self.fLog = log
-        self.fState = kReadyToScan
-        self.fFileDoesntExist = False
-        self._fSteps: _Steps | None = self._ScanInSteps()
-
-    def Scan(self, end_time: float) -> CScanState:
-        """Work until `end_time` or until done; returns the state reached.
-
-        Does one step at least, however late it is. A scan that is over stays so. Raises
-        `RuntimeError` on a destroyed scanner.
-        """
-        if self.fState is kFinishedScanning or self.fState is kScanAbandoned:
-            return self.fState
-        if self._fSteps is None:
-            raise RuntimeError(f"the scan of {self.fLocation!r} was destroyed")
-        singleton.GetSingletons().fAnalysisMgr.fInfoCache.NoteSliceEnd(end_time)
-        while True:
-            try:
-                next(self._fSteps)
-            except StopIteration as end:
-                self.fState = end.value
-                return self.fState
-            if _fastaccess.OutOfTime(end_time):
-                self.fState = kTimedOut
-                return self.fState
-
-    def _ScanInSteps(self) -> _Steps:
-        """The scan: yields after each step, returns the state it ends in."""
-        raise NotImplementedError
-
-    def _destroy_impl(self) -> None:
-        if self._fSteps is not None:
-            self._fSteps.close()
-            self._fSteps = None
 
 
 class CWholeFilePrimaryScanner(CScanner):
@@ -136,7 +59,7 @@ class CWholeFilePrimaryScanner(CScanner):
         self._fIncompleteScopes = incomplete_scope_set
         super().__init__(loc, log)
 
-    def _ScanInSteps(self) -> _Steps:
+    def _ScanInSteps(self) -> ScanSteps:
         text = SourceText()
         try:
             buffer = singleton.GetSingletons().fCacheMgr.DoesCacheBufferExist(self.fLocation, True)

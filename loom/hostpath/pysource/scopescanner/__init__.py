@@ -1,0 +1,26 @@
+"""The scanners: live objects that carry one scan forward slice by slice."""
+
+from __future__ import annotations
+
+from .base import (
+    CScanner,
+    CScanState,
+    kFinishedScanning,
+    kReadyToScan,
+    kScanAbandoned,
+    kTimedOut,
+    kWaitingForData,
+)
+from .wholefile import CWholeFilePrimaryScanner, ScopesOfLines
+
+__all__ = [
+    "CScanState",
+    "CScanner",
+    "CWholeFilePrimaryScanner",
+    "ScopesOfLines",
+    "kFinishedScanning",
+    "kReadyToScan",
+    "kScanAbandoned",
+    "kTimedOut",
+    "kWaitingForData",
+]
