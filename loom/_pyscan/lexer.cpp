@@ -50,6 +50,7 @@ Lexer::Event Lexer::Run(std::size_t max_bytes) {
     line_done_ = false;
     line_.tokens.Resize(0);
     line_.walruses.clear();
+    line_.yields.clear();
     last_ = Token{};
   }
   const std::size_t start = position();
@@ -302,6 +303,7 @@ void Lexer::CutLine(const char* at) {
   for (Walrus& walrus : walruses) {
     if (walrus.token >= size) walrus.token = kNoToken;
   }
+  while (!line_.yields.empty() && line_.yields.back() >= size) line_.yields.pop_back();
   line_.last_line = tokens.back().line;
   frames_.clear();
   ForgetLambdas();

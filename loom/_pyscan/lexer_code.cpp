@@ -118,11 +118,20 @@ void Lexer::LexWord() {
   }
   const Tok kind = ClassifyWord(word, static_cast<std::size_t>(end_ - begin));
   p_ = q;
-  Emit(kind, begin, q);
-  if (kind == Tok::kKwLambda) {
-    lambdas_.push_back({frames_.size(), false});
-  } else if (kind == Tok::kKwFor || kind == Tok::kKwAsync) {
-    PopLambdaBodies();
+  const bool stored = Emit(kind, begin, q) != nullptr;
+  switch (kind) {
+    case Tok::kKwLambda:
+      lambdas_.push_back({frames_.size(), false});
+      break;
+    case Tok::kKwFor:
+    case Tok::kKwAsync:
+      PopLambdaBodies();
+      break;
+    case Tok::kKwYield:
+      if (stored && lambda_bodies_ == 0) line_.yields.push_back(line_.tokens.size() - 1);
+      break;
+    default:
+      break;
   }
 }
 

@@ -29,6 +29,7 @@ bool StatementParser::ParseLine(const LogicalLine& line, const BlockContext& blo
     }
   }
   BindWalruses(kNoToken);
+  Yields();
   for (ScopeIndex scope : inline_scopes_) results_.scope(scope).end_line = line.last_line;
   return opens_block_;
 }
@@ -68,6 +69,8 @@ std::size_t StatementParser::Statement(std::size_t i, const BlockContext& block)
       return NameList(i, pysource::kNonlocalKind, pysource::kNonlocalPrefix);
     case Tok::kKwDel:
       return Delete(i);
+    case Tok::kKwReturn:
+      return Return(i);
     case Tok::kName:
       if (i == 0 && block.match && Text(i) == "case" && count_ > 2) return Case(i, block);
       if (IsMatch(i)) return Match(i);
@@ -147,6 +150,45 @@ void StatementParser::BindWalruses(std::uint32_t before) {
         end = Next(end);
       }
       Expression(begin, end, part_);
+    }
+    results_.AddPart(entry, part_);
+  }
+}
+
+// --- What a function gives back ------------------------------------------------------------------
+
+std::size_t StatementParser::Return(std::size_t i) {
+  const std::size_t end = StatementEnd(i);
+  if (IsFunction(scope_)) {
+    part_ = pysource::kSetPrefix;
+    if (i + 1 < end) {
+      Expression(i + 1, end, part_);
+    } else {
+      part_ += "None";
+    }
+    results_.AddPart(results_.EntryOf(scope_, "return"), part_);
+  }
+  return end;
+}
+
+// What the "yield" of a line give. Behind a header with its suite on the same line, `scope_` is
+// that of the suite.
+void StatementParser::Yields() {
+  if (line_->yields.empty() || !IsFunction(scope_)) return;
+  const EntryIndex entry = results_.EntryOf(scope_, "yield");
+  for (const std::uint32_t yield : line_->yields) {
+    const bool from = Kind(yield + 1) == Tok::kKwFrom;
+    const std::size_t begin = from ? yield + 2 : yield + 1;
+    std::size_t end = begin;
+    while (end < count_ && Kind(end) != Tok::kClose && Kind(end) != Tok::kSemicolon) {
+      end = Next(end);
+    }
+    part_ = from ? pysource::kWithinExprPrefix : pysource::kSetPrefix;
+    if (from) part_.append(pysource::kIterationSubscript).append(1, ' ');
+    if (begin < end) {
+      Expression(begin, end, part_);
+    } else {
+      part_ += "None";
     }
     results_.AddPart(entry, part_);
   }

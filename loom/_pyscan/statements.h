@@ -71,6 +71,7 @@ class StatementParser {
   std::size_t FromImport(std::size_t i);
   std::size_t NameList(std::size_t i, unsigned char kind, std::string_view prefix);
   std::size_t Delete(std::size_t i);
+  std::size_t Return(std::size_t i);
 
   bool IsMatch(std::size_t i) const;
   bool IsTypeAlias(std::size_t i) const;
@@ -85,6 +86,7 @@ class StatementParser {
   void Arguments(std::size_t open, ScopeIndex scope);
   void TypeParameters(std::size_t open, ScopeIndex scope);
   void BindWalruses(std::uint32_t before);
+  void Yields();
   void AttachDecorators(EntryIndex entry);
   bool IsStatic() const;
 
@@ -124,6 +126,7 @@ class StatementParser {
   // prefix + expression, valid until the next call.
   std::string_view Part(std::string_view prefix, std::size_t begin, std::size_t end);
   bool IsModuleOrClass(ScopeIndex scope) const;
+  bool IsFunction(ScopeIndex scope) const { return !IsModuleOrClass(scope); }
 
   const std::string_view source_;
   Results& results_;

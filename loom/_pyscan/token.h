@@ -136,9 +136,10 @@ struct Walrus {
 struct LogicalLine {
   TokenList tokens;
   std::vector<Walrus> walruses;
-  std::uint32_t column = 0;      // of the first token, tabs to multiples of 8
-  std::uint32_t alt_column = 0;  // the same with tabs as one column
-  std::uint32_t last_line = 0;   // line on which the last token ends
+  std::vector<std::uint32_t> yields;  // tokens "yield" outside of lambdas and f-strings
+  std::uint32_t column = 0;           // of the first token, tabs to multiples of 8
+  std::uint32_t alt_column = 0;       // the same with tabs as one column
+  std::uint32_t last_line = 0;        // line on which the last token ends
 };
 
 }  // namespace loom::pyscan
