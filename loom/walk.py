@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import os
 import stat
-from collections.abc import Generator, Sequence
+from collections.abc import Generator, Sequence, Set
 from typing import Final, NamedTuple
 
 from loombase.mime import kPythonSuffixes
@@ -20,7 +20,17 @@ from loom.ignore import (
 )
 from pysource.utils import HasPythonShebang
 
-__all__ = ["Found", "Problem", "walk"]
+__all__ = [
+    "Entered",
+    "Entering",
+    "Found",
+    "Problem",
+    "Step",
+    "is_left_out",
+    "looks_like_python",
+    "walk",
+    "walk_below",
+]
 
 # Entries of a folder that are looked at in one step.
 _ENTRIES_PER_STEP: Final = 200
@@ -40,9 +50,33 @@ class Problem(NamedTuple):
     reason: str
 
 
+class Entering(NamedTuple):
+    """A folder that is listed when the walk goes on. Whoever follows changes begins now.
+
+    `root` is the given folder that it is, or is below of.
+    """
+
+    path: str
+    root: str
+
+
+class Entered(NamedTuple):
+    """A folder that was listed. `rules` are those for what is in it.
+
+    It isn't `kept` if what is in it tells that it is no folder of sources.
+    """
+
+    path: str
+    rules: IgnoreRules | None
+    kept: bool
+
+
+Step = Found | Problem | Entering | Entered | None
+
+
 def walk(
     paths: Sequence[str], exclude: GitIgnoreSpec | None = None
-) -> Generator[Found | Problem | None, None, None]:
+) -> Generator[Step, None, None]:
     """The Python files at and below `paths`, each once, and what couldn't be looked at.
 
     Yields none where nothing was found but a step has been done, so that the caller can stop in
@@ -71,25 +105,41 @@ def walk(
             seen_files.add(root)
             yield Found(root, True)
     for root in folders:
-        yield from _walk_folder(root, exclude, seen_files, seen_folders)
+        first = _Folder(root, rules_above(root))
+        yield from _walk_folder(first, root, exclude, seen_files, seen_folders)
+
+
+def walk_below(
+    folder: str,
+    root: str,
+    rules: IgnoreRules | None,
+    exclude: GitIgnoreSpec | None = None,
+    named_files: Set[str] = frozenset(),
+) -> Generator[Step, None, None]:
+    """As `walk`, for a folder that a walk of `root` came to: `root` itself, or one below it.
+
+    `rules` are those that hold for the folder, without its own ".gitignore". `named_files` were
+    given by name, and aren't found once more.
+    """
+    return _walk_folder(_Folder(folder, rules), root, exclude, named_files, set())
 
 
 class _Folder(NamedTuple):
     path: str
     rules: IgnoreRules | None
-    is_root: bool
 
 
 def _walk_folder(
+    first: _Folder,
     root: str,
     exclude: GitIgnoreSpec | None,
-    named_files: set[str],
+    named_files: Set[str],
     seen_folders: set[tuple[int, int]],
-) -> Generator[Found | Problem | None, None, None]:
-    start = len(root.rstrip("/")) + 1
-    pending = [_Folder(root, rules_above(root), True)]
+) -> Generator[Step, None, None]:
+    pending = [first]
     while pending:
         folder = pending.pop()
+        yield Entering(folder.path, root)
         entries: list[os.DirEntry[str]] = []
         try:
             status = os.stat(folder.path)
@@ -106,58 +156,71 @@ def _walk_folder(
             if not entries:  # what was listed before the failure is still good
                 continue
         names = {entry.name for entry in entries}
-        if not folder.is_root and _leaves_out_folder(exclude, folder.path, start, names):
-            continue
         rules = folder.rules
         if ".gitignore" in names:
             rules = rules_of_folder(folder.path, rules)
+        kept = folder.path == root or not _leaves_out_folder(exclude, folder.path, root, names)
+        yield Entered(folder.path, rules, kept)
+        if not kept:
+            continue
         subfolders: list[str] = []
         files: list[os.DirEntry[str]] = []
         for count, entry in enumerate(entries, 1):
             if count % _ENTRIES_PER_STEP == 0:
                 yield None
             if _is_folder(entry):
-                if not _leaves_out(exclude, rules, entry, start, is_folder=True):
+                if not is_left_out(entry.path, root, rules, exclude, is_folder=True):
                     subfolders.append(entry.path)
-            elif os.path.splitext(entry.name)[1] in kPythonSuffixes or "." not in entry.name:
+            elif looks_like_python(entry.name):
                 files.append(entry)
         for entry in sorted(files, key=lambda entry: entry.name):
             if (
                 entry.path not in named_files
-                and not _leaves_out(exclude, rules, entry, start, is_folder=False)
+                and not is_left_out(entry.path, root, rules, exclude, is_folder=False)
                 and _is_file(entry)
                 and ("." in entry.name or HasPythonShebang(entry.path))
             ):
                 yield Found(entry.path, False)
             else:
                 yield None
-        pending.extend(_Folder(path, rules, False) for path in sorted(subfolders, reverse=True))
+        pending.extend(_Folder(path, rules) for path in sorted(subfolders, reverse=True))
         yield None
 
 
-def _leaves_out(
-    exclude: GitIgnoreSpec | None,
+def looks_like_python(name: str) -> bool:
+    """Whether a file of this name may be Python: by its suffix, or as a script without one."""
+    return os.path.splitext(name)[1] in kPythonSuffixes or "." not in name
+
+
+def is_left_out(
+    path: str,
+    root: str,
     rules: IgnoreRules | None,
-    entry: os.DirEntry[str],
-    start: int,
+    exclude: GitIgnoreSpec | None,
+    *,
     is_folder: bool,
 ) -> bool:
+    """Whether a file or folder below `root` is left out. `rules` are those of its folder."""
     if exclude is not None:
-        verdict = verdict_of(exclude, entry.path[start:], is_folder)
+        verdict = verdict_of(exclude, _relative(path, root), is_folder)
         if verdict is not None:
             return verdict
-    if is_folder and entry.name in EXCLUDED_FOLDERS:
+    if is_folder and os.path.basename(path) in EXCLUDED_FOLDERS:
         return True
-    return rules is not None and rules.leaves_out(entry.path, is_folder)
+    return rules is not None and rules.leaves_out(path, is_folder)
 
 
 def _leaves_out_folder(
-    exclude: GitIgnoreSpec | None, path: str, start: int, names: set[str]
+    exclude: GitIgnoreSpec | None, path: str, root: str, names: set[str]
 ) -> bool:
     """What only a folder's entries tell."""
     if excluded_by_content(os.path.basename(path), names) is None:
         return False
-    return exclude is None or verdict_of(exclude, path[start:], True) is not False
+    return exclude is None or verdict_of(exclude, _relative(path, root), True) is not False
+
+
+def _relative(path: str, root: str) -> str:
+    return path[len(root.rstrip("/")) + 1 :]
 
 
 def _is_folder(entry: os.DirEntry[str]) -> bool:

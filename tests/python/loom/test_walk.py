@@ -7,7 +7,7 @@ import pytest
 from loombase.mime import kPythonSuffixes
 
 from loom.ignore import EXCLUDED_FOLDERS, parse_patterns
-from loom.walk import Found, Problem, walk
+from loom.walk import Entered, Entering, Found, Problem, is_left_out, walk, walk_below
 
 
 @pytest.fixture
@@ -86,7 +86,7 @@ def test_each_file_is_found_once_however_often_it_is_given(tree):
 
 def test_named_tells_what_was_given_by_name(tree):
     top = tree("a.py", "b.py")
-    steps = [step for step in walk([str(top / "b.py"), str(top)]) if step]
+    steps = [step for step in walk([str(top / "b.py"), str(top)]) if isinstance(step, Found)]
     assert steps == [Found(str(top / "b.py"), True), Found(str(top / "a.py"), False)]
 
 
@@ -306,7 +306,8 @@ def test_names_that_are_not_utf8_are_found(tmp_path):
     name = os.fsencode(tmp_path) + b"/\xff\xfe.py"
     with open(name, "wb"):
         pass
-    assert [os.fsencode(step.path) for step in walk([str(tmp_path)]) if step] == [name]
+    steps = walk([str(tmp_path)])
+    assert [os.fsencode(step.path) for step in steps if isinstance(step, Found)] == [name]
 
 
 def test_a_folder_is_walked_in_steps_however_large(tree):
@@ -326,3 +327,56 @@ def test_a_walk_that_is_closed_leaves_nothing_open(tree):
 
 def test_suffixes_agree_with_what_the_scheduler_takes_for_python():
     assert {".py", ".pi", ".pyi"} <= kPythonSuffixes
+
+
+# --- for those who follow changes
+
+
+def test_a_folder_is_announced_before_it_is_listed(tree):
+    """What appears in it after the announcement is found, or seen by whoever began to follow."""
+    top = tree("a/x.py")
+    names = []
+    for step in walk([str(top)]):
+        if isinstance(step, Entering):
+            (top / "late.py").touch()
+            (top / "a/late.py").touch()
+        elif isinstance(step, Found):
+            names.append(os.path.relpath(step.path, top))
+    assert names == ["late.py", "a/late.py", "a/x.py"]
+
+
+def test_each_folder_comes_with_the_rules_for_what_is_in_it(tree):
+    top = tree({".gitignore": "no.py"}, "a/no.py", {"b/.gitignore": "!no.py"}, "b/no.py")
+    steps = list(walk([str(top)]))
+    assert [step.path for step in steps if isinstance(step, Entering)] == [
+        str(top),
+        str(top / "a"),
+        str(top / "b"),
+    ]
+    assert {step.root for step in steps if isinstance(step, Entering)} == {str(top)}
+    for step in steps:
+        if isinstance(step, Entered) and step.path != str(top):
+            no_py = os.path.join(step.path, "no.py")
+            left_out = is_left_out(no_py, str(top), step.rules, None, is_folder=False)
+            assert left_out is (step.path == str(top / "a"))
+            assert step.kept
+
+
+def test_a_folder_that_is_left_out_for_its_content_is_listed_and_not_kept(tree):
+    top = tree("env/pyvenv.cfg", "env/lib/x.py", "node_modules/x.py")
+    steps = list(walk([str(top)]))
+    kept = {step.path: step.kept for step in steps if isinstance(step, Entered)}
+    assert kept == {str(top): True, str(top / "env"): False}
+
+
+def test_a_part_of_a_tree_is_walked_again_by_the_rules_that_hold_for_it(tree):
+    top = tree({".gitignore": "no.py"}, {"a/.gitignore": "also.py"}, "a/no.py", "a/also.py")
+    tree("a/b/yes.py", "a/b/no.py", "a/b/named.py", "a/env/pyvenv.cfg", "a/env/x.py")
+    (rules,) = [
+        step.rules
+        for step in walk([str(top)])
+        if isinstance(step, Entered) and step.path == str(top)
+    ]
+    steps = walk_below(str(top / "a"), str(top), rules, None, {str(top / "a/b/named.py")})
+    paths = [step.path for step in steps if isinstance(step, Found)]
+    assert paths == [str(top / "a/b/yes.py")]
