@@ -42,7 +42,7 @@ class CAnalysisMgr(CDestroyable):
         self._fHelperProcessSupport = None
         self.fPyConfig = CPyConfig()
         self.fLocationDataCache = CLocationDataCache()
-        self.fAnalysisFactory = CAnalysisFactory()
+        self.fAnalysisFactory = CAnalysisFactory(self.fPyConfig)
         self.fInfoCache = CInfoCache(db_path)
         self.fInferenceEngine = CInferenceEngine(self.fInfoCache)
         self.fScanCoordinator = coordinator_class(LOW_IDLE_PRIORITY, self)

@@ -1,0 +1,1 @@
+"""From module names to files: where imports lead."""

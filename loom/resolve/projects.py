@@ -1,0 +1,57 @@
+"""Which folders a project imports from."""
+
+from __future__ import annotations
+
+import os
+from typing import Final
+
+from loom.resolve.folders import Folders
+
+__all__ = ["Projects"]
+
+# A folder with one of these is the top of a project.
+_MARKERS: Final = ("pyproject.toml", "setup.py", "setup.cfg", ".git")
+
+
+class Projects:
+    """Finds the project that a folder belongs to. What was found is remembered."""
+
+    def __init__(self, folders: Folders) -> None:
+        self._folders = folders
+        self._tops: dict[str, str | None] = {}
+
+    def forget(self) -> None:
+        """Look again the next time."""
+        self._tops.clear()
+
+    def roots_of(self, folder: str) -> tuple[str, ...]:
+        """The folders that modules of the project around `folder` are imported from, or nothing."""
+        top = self._top_of(folder)
+        return () if top is None else self.roots_below(top)
+
+    def roots_below(self, top: str) -> tuple[str, ...]:
+        """The folders that modules of the project at `top` are imported from."""
+        source = os.path.join(top, "src")
+        if os.path.isdir(source) and not self._folders.is_package(source):
+            return source, top
+        return (top,)
+
+    def package_root_of(self, folder: str) -> str:
+        """The folder in which the outermost package around `folder` stands, or `folder` itself."""
+        while self._folders.is_package(folder) and folder != os.path.dirname(folder):
+            folder = os.path.dirname(folder)
+        return folder
+
+    def _top_of(self, folder: str) -> str | None:
+        try:
+            return self._tops[folder]
+        except KeyError:
+            pass
+        parent = os.path.dirname(folder)
+        top: str | None
+        if any(os.path.lexists(os.path.join(folder, marker)) for marker in _MARKERS):
+            top = folder
+        else:
+            top = self._top_of(parent) if parent != folder else None
+        self._tops[folder] = top
+        return top

@@ -1,0 +1,180 @@
+"""Names as they stand in a file, to modules."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Iterable
+from typing import Final
+
+from loombase.location import CLocalFileLocation
+
+from loom.resolve import typeshed
+from loom.resolve.environment import PythonEnvironment
+from loom.resolve.folders import Folders
+from loom.resolve.projects import Projects
+from loom.resolve.search import Module, SearchPath
+
+__all__ = ["Module", "Resolver"]
+
+# Where installed packages stand, in whatever environment.
+_SITE_FOLDERS: Final = frozenset({"site-packages", "dist-packages"})
+
+
+class _Place:
+    """What the names in the files of one folder mean."""
+
+    def __init__(self, folder: str, path: SearchPath, beside: SearchPath | None) -> None:
+        self._folder = folder
+        self._path = path
+        self._beside = beside  # the folder itself, if it is no package
+        self._package: str | None = None
+        self._package_known = False
+
+    def find(self, name: str) -> Module | None:
+        if name.startswith("."):
+            return self._find_relative(name)
+        if self._beside is not None:
+            found = self._beside.find(name)
+            if found is not None and found.files and not self._is_standard(name):
+                return found
+        return self._path.find(name)
+
+    def _is_standard(self, name: str) -> bool:
+        return self._path.is_standard(name.partition(".")[0])
+
+    def _find_relative(self, name: str) -> Module | None:
+        rest = name.lstrip(".")
+        ups = len(name) - len(rest) - 1
+        # By the package's name, for a package may have several folders.
+        package = self._package_name()
+        if package is not None and package.count(".") >= ups:
+            parts = package.split(".")
+            absolute = ".".join(parts[: len(parts) - ups])
+            found = self._path.find(f"{absolute}.{rest}" if rest else absolute)
+            if found is not None:
+                return found
+        folder = self._folder
+        for _ in range(ups):
+            folder = os.path.dirname(folder)
+        return self._path.find_in(folder, rest)
+
+    def _package_name(self) -> str | None:
+        if not self._package_known:
+            self._package = self._path.name_of_folder(self._folder)
+            self._package_known = True
+        return self._package
+
+
+class Resolver:
+    """Finds modules for files of projects and of an environment.
+
+    Answers are remembered; `recheck` and `forget_below` tell that they may have changed. Where
+    files are told by folder, the folder's path is absolute and normal.
+    """
+
+    def __init__(self, environment: PythonEnvironment) -> None:
+        self._folders = Folders()
+        self._projects = Projects(self._folders)
+        self._environment = environment
+        self._scanned: tuple[str, ...] = ()
+        self._forget_paths()
+
+    def _forget_paths(self) -> None:
+        self._paths: dict[tuple[tuple[str, ...], tuple[str, ...]], SearchPath] = {}
+        self._places: dict[str, _Place] = {}
+        self._environment_path = self._path((), ())
+
+    @property
+    def environment(self) -> PythonEnvironment:
+        return self._environment
+
+    @environment.setter
+    def environment(self, environment: PythonEnvironment) -> None:
+        self._environment = environment
+        self._forget_paths()
+
+    def set_scanned(self, folders: Iterable[str]) -> None:
+        """The folders that the user has scanned: their projects are seen from everywhere."""
+        self._scanned = tuple(folders)
+        self._forget_paths()
+
+    def recheck(self) -> None:
+        """Folders may have changed: look at each once more when it is next asked for."""
+        self._folders.recheck()
+        self._projects.forget()
+        self._forget_paths()
+
+    def forget_below(self, path: str) -> None:
+        """The folder `path`, or something in it, has changed."""
+        self._folders.forget_below(path)
+        self._projects.forget()
+        self._forget_paths()
+
+    # --- questions
+
+    def find(self, name: str, folder: str | None) -> Module | None:
+        """The module that `name` means in a file of `folder`; none: in the environment alone."""
+        if folder is None:
+            return self._environment_path.find(name)
+        place = self._places.get(folder)
+        if place is None:
+            place = self._places[folder] = self._place(folder)
+        return place.find(name)
+
+    def name_of_file(self, path: str) -> str | None:
+        """The name under which a file is imported from beside itself, or none if it can't be."""
+        folder = os.path.dirname(path)
+        name = self._path_for(folder).name_of_file(path)
+        if name is None and not self._folders.is_package(folder):
+            name = self._path((folder,), ()).name_of_file(path)
+        return name
+
+    # --- from a folder to what is searched
+
+    def _place(self, folder: str) -> _Place:
+        path = self._path_for(folder)
+        beside = None
+        if not self._folders.is_package(folder) and not path.has_root(folder):
+            beside = SearchPath(self._folders, None, (folder,))
+        return _Place(folder, path, beside)
+
+    def _path_for(self, folder: str) -> SearchPath:
+        environment = self._environment
+        for library in (typeshed.stubs_folder(), *environment.stdlib):
+            if library is not None and _is_below(folder, library):
+                if not _SITE_FOLDERS.intersection(folder[len(library) :].split("/")):
+                    return self._environment_path
+        site = _site_folder_above(folder)
+        if site is not None:
+            return self._path((), () if site in environment.path else (site,))
+        roots = (
+            self._projects.package_root_of(folder) if self._folders.is_package(folder) else None,
+            *self._projects.roots_of(folder),
+            *(root for scanned in self._scanned for root in self._roots_of_scanned(scanned)),
+        )
+        return self._path(tuple(dict.fromkeys(root for root in roots if root is not None)), ())
+
+    def _roots_of_scanned(self, folder: str) -> tuple[str, ...]:
+        if self._folders.is_package(folder):
+            return (self._projects.package_root_of(folder),)
+        return self._projects.roots_of(folder) or self._projects.roots_below(folder)
+
+    def _path(self, roots: tuple[str, ...], late_roots: tuple[str, ...]) -> SearchPath:
+        path = self._paths.get((roots, late_roots))
+        if path is None:
+            path = SearchPath(self._folders, self._environment, roots, late_roots)
+            self._paths[roots, late_roots] = path
+        return path
+
+
+def _site_folder_above(folder: str) -> str | None:
+    """The innermost folder of installed packages that holds `folder`, or is it."""
+    while folder != os.path.dirname(folder):
+        if os.path.basename(folder) in _SITE_FOLDERS:
+            return folder
+        folder = os.path.dirname(folder)
+    return None
+
+
+def _is_below(path: str, folder: str) -> bool:
+    return path == folder or path.startswith(folder.rstrip("/") + "/")
