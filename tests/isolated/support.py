@@ -30,7 +30,8 @@ def package_folder() -> Path:
 
 def script_path(*first: Path) -> list[str]:
     """`sys.path` entries of a script: host first, the package last."""
-    return [str(p) for p in (*first, kHere, kCore / "fakehost", kCore / "coordinator")]
+    shared = (kCore / "fakehost", kCore / "coordinator", kCore / "queue")
+    return [str(p) for p in (*first, kHere, *shared)]
 
 
 def start(

@@ -528,3 +528,41 @@ quietly(coordinator.FlushQueue)
 coordinator.destroy()
 """
     )
+
+
+def test_memory_errors_at_any_point_of_a_session(either):
+    """The n-th allocation of each step fails, for many n; the queue stays whole."""
+    pytest.importorskip("_testcapi", reason="only its hooks can make an allocation fail")
+    either(
+        kSetup
+        + """
+import _testcapi
+import os
+import sys
+from queue_support import check_invariants
+from session import Session
+
+# What can't be raised is told here, and is nothing but MemoryErrors; a crash is told elsewhere.
+sys.stderr = open(os.devnull, "w")
+
+def run(nth):
+    session = Session(new_world())
+    session.construct()
+    for step in session.steps()[1:]:
+        _testcapi.set_nomemory(nth, nth + 1)
+        try:
+            step()
+        except Exception:
+            # A MemoryError, or what the standard library makes of one.
+            pass
+        finally:
+            _testcapi.remove_mem_hooks()
+        check_invariants(session.coordinator._fScanQueue)
+        check(not session.coordinator._fActiveScanNowTriples)
+        check(not session.coordinator._fPendingScanNowTriples)
+    hostlog.calls.clear()
+
+for nth in [*range(1, 120), *range(120, 2000, 41)]:
+    run(nth)
+"""
+    )

@@ -5,6 +5,7 @@ the virtual clock and runs the timers that fall due. All requests are noted in `
 """
 
 import itertools
+import operator
 from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any
@@ -27,6 +28,9 @@ class _Proc:
     interval: float = 0.0
     due: float | None = None
 
+
+_urgency = operator.attrgetter("priority", "turn")
+_due_time = operator.attrgetter("due", "id")
 
 _ids = itertools.count(1)
 _turns = itertools.count(1)
@@ -95,7 +99,7 @@ def step() -> bool:
     _drop_dead(_idles)
     if not _idles:
         return False
-    proc = min(_idles.values(), key=lambda p: (p.priority, p.turn))
+    proc = min(_idles.values(), key=_urgency)
     again = False
     try:
         again = bool(proc.callback())
@@ -123,7 +127,7 @@ def advance(seconds: float) -> int:
         due = [proc for proc in _timers.values() if proc.due is not None and proc.due <= end]
         if not due:
             break
-        proc = min(due, key=lambda p: (p.due, p.id))
+        proc = min(due, key=_due_time)
         assert proc.due is not None
         hostclock.advance(max(0.0, proc.due - hostclock.now()))
         again = False
