@@ -13,31 +13,19 @@ from collections.abc import Callable, Iterable
 from typing import Self
 from urllib.parse import quote_from_bytes, unquote_to_bytes, urlsplit
 
-__all__ = ["CLocation", "CLocalFileLocation", "IsAsyncInspectLocation", "LocationFromUrl"]
+from .inspection import GetInspector
+from .locationbase import CLocation
+from .sshlocation import CServerName, CSshFileLocation, IsSshUrl
 
-
-class CLocation:
-    """Base class of all locations.
-
-    `fUrl` is the URL as text. `fAsyncInspect` is true for a class whose locations must be
-    inspected asynchronously before anything is asked of them.
-    """
-
-    __slots__ = ("__weakref__",)
-
-    fAsyncInspect = False
-
-    @property
-    def fUrl(self) -> str:
-        raise NotImplementedError
-
-    def GetParentDir(self) -> CLocation:
-        """The location of the folder that holds this one; the topmost folder holds itself."""
-        raise NotImplementedError
-
-    def IsReady(self) -> bool:
-        """Whether everything can be asked of the location without waiting."""
-        return True
+__all__ = [
+    "CLocalFileLocation",
+    "CLocation",
+    "CServerName",
+    "CSshFileLocation",
+    "IsAsyncInspectLocation",
+    "IsSshUrl",
+    "LocationFromUrl",
+]
 
 
 class CLocalFileLocation(CLocation):
@@ -87,6 +75,10 @@ class CLocalFileLocation(CLocation):
             self._url = "file://" + quote_from_bytes(os.fsencode(self.path))
         return self._url
 
+    @property
+    def fShownName(self) -> str:
+        return self.path
+
     def GetParentDir(self) -> CLocalFileLocation:
         return self._of_normal(os.path.dirname(self.path))  # of a normal path it is normal
 
@@ -104,8 +96,13 @@ _interned: weakref.WeakValueDictionary[tuple[type[CLocalFileLocation], str], CLo
 _interned = weakref.WeakValueDictionary()
 
 
-def LocationFromUrl(url: str) -> CLocalFileLocation:
-    """The location with this `fUrl`. Raises `ValueError` for what isn't a local "file:" URL."""
+def LocationFromUrl(url: str) -> CLocalFileLocation | CSshFileLocation:
+    """The location with this `fUrl`.
+
+    Raises `ValueError` for what is neither a local "file:" URL nor an "ssh:" URL.
+    """
+    if IsSshUrl(url):
+        return CSshFileLocation.FromUrl(url)
     parts = urlsplit(url)
     if parts.scheme != "file" or parts.netloc not in ("", "localhost") or not parts.path:
         raise ValueError(f"not the URL of a local file: {url!r}")
@@ -122,8 +119,16 @@ def _WaitForInspectMultiple(
 ) -> None:
     """Call `callback(abort)` once, when all the locations are inspected.
 
-    Local locations are always inspected, so the call comes before this returns, and `force`, which
-    asks for a fresh inspection, has nothing to do. This host has no remote agent: a location that
-    isn't ready never will be, and `abort` is then true.
+    If they are already, as local ones always are, the call comes before this returns. `force` asks
+    for a fresh inspection of the others. `abort` is true if one couldn't be inspected because its
+    server gave up, or because this host has no inspector.
     """
-    callback(not all(loc.IsReady() for loc in loc_seq))
+    remote = [loc for loc in loc_seq if loc.fAsyncInspect]
+    if not force and all(loc.IsReady() for loc in remote):
+        callback(False)
+        return
+    inspector = GetInspector()
+    if inspector is None or not remote:
+        callback(bool(remote))
+    else:
+        inspector.Inspect(remote, callback, force)
