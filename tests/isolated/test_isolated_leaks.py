@@ -240,3 +240,54 @@ for loc, count in zip(locs, before):
     check(abs(sys.getrefcount(loc) - count) < 20, (count, sys.getrefcount(loc)))
 """,
     )
+
+
+def test_whole_sessions(over):
+    """Every operation of the coordinator, with all of its collaborators doing something."""
+    over(
+        kSetup
+        + """
+from session import Session
+
+def life():
+    for step in Session(new_world()).steps():
+        step()
+    hostreset.reset()
+
+flat(life, rounds=40)
+"""
+    )
+
+
+def test_sessions_in_which_the_host_fails(over):
+    """What an operation holds is released on every way out of it."""
+    over(
+        kSetup
+        + """
+import random
+import pytest
+from session import Session, watch_host
+
+chance = random.Random(1)
+
+def fail_now_and_then(name):
+    if chance.random() < 0.03:
+        raise ValueError(name)
+
+def life():
+    session = Session(new_world())
+    session.construct()
+    session.make_ready()
+    patch = pytest.MonkeyPatch()
+    watch_host(patch, fail_now_and_then)
+    for step in session.steps()[2:]:
+        try:
+            step()
+        except ValueError:
+            pass
+    patch.undo()
+    hostreset.reset()
+
+flat(life, rounds=40)
+"""
+    )
