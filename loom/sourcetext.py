@@ -1,7 +1,7 @@
 """Reading source files as UTF-8, and saying why one can't be read.
 
-A file is read and decoded in steps (`read_source` is a generator), so that no single step is long,
-however big the file or slow its codec.
+A file is read and decoded in steps (`read_source` and `decode_source` are generators), so that no
+single step is long, however big the file or slow its codec.
 """
 
 import codecs
@@ -15,7 +15,9 @@ from collections.abc import Generator, Iterator
 from dataclasses import dataclass
 from typing import Final
 
-__all__ = ["SourceError", "SourceText", "kMaxSourceBytes", "read_source"]
+from loom import freshness
+
+__all__ = ["SourceError", "SourceText", "decode_source", "kMaxSourceBytes", "read_source"]
 
 # Files above this size are data in the form of source, or no source at all. The biggest ones in
 # real trees, generated clients and tables, have about 6 MB.
@@ -52,14 +54,16 @@ class SourceError(Exception):
 class SourceText:
     """What was read. `mtime_ns` and `size` are those of the file, also if reading it failed.
 
-    `digest` tells the file's bytes from others; it is empty if they weren't read to their end.
+    `settled` tells that the time can be trusted (see `freshness`). `digest` tells the file's bytes
+    from others; it is empty if they weren't read to their end.
 
-    `data` is the text in UTF-8 without byte order mark. `warning`, if not empty, says why it may
+    `data` are the bytes, once decoded the text in UTF-8 without byte order mark. `warning`, if not empty, says why it may
     not be the text that its author wrote, and `warning_lineno` where.
     """
 
     mtime_ns: int = 0
     size: int = 0
+    settled: bool = False
     digest: bytes = b""
     data: bytes = b""
     encoding: str = "utf-8"
@@ -68,7 +72,7 @@ class SourceText:
 
 
 def read_source(path: str, text: SourceText) -> Iterator[None]:
-    """Read the file into `text`; yields between steps. Raises `SourceError`."""
+    """Read the file's bytes into `text`; yields between steps. Raises `SourceError`."""
     try:
         yield from _read(path, text)
     except OSError as error:
@@ -76,15 +80,15 @@ def read_source(path: str, text: SourceText) -> Iterator[None]:
             f"can't be read: {error.strerror or error}",
             gone=error.errno in (errno.ENOENT, errno.ENOTDIR),
         ) from error
-    yield from _decode(text)
 
 
 def _read(path: str, text: SourceText) -> Iterator[None]:
+    read_ns = freshness.now_ns()
     # Looked at before it is opened: opening a device or a pipe can do things.
-    _take_status(os.stat(path), text)
+    _take_status(os.stat(path), text, read_ns)
     descriptor = os.open(path, os.O_RDONLY | os.O_CLOEXEC | os.O_NONBLOCK | os.O_NOCTTY)
     try:
-        _take_status(os.fstat(descriptor), text)
+        _take_status(os.fstat(descriptor), text, read_ns)
         if text.size <= _kReadBytes:
             # One byte more than there should be, to notice that the file is growing.
             text.data = os.read(descriptor, text.size + 1)
@@ -110,9 +114,10 @@ def _new_digest(data: bytes) -> "hashlib.blake2b":
     return hashlib.blake2b(data, digest_size=16, usedforsecurity=False)
 
 
-def _take_status(status: os.stat_result, text: SourceText) -> None:
-    text.mtime_ns = status.st_mtime_ns
+def _take_status(status: os.stat_result, text: SourceText, read_ns: int) -> None:
+    text.mtime_ns = freshness.mtime_ns_of(status)
     text.size = status.st_size
+    text.settled = freshness.is_settled(text.mtime_ns, read_ns)
     if not stat.S_ISREG(status.st_mode):
         raise SourceError(f"not a regular file, but {_file_type(status.st_mode)}", lasting=True)
     _check_size(text.size)
@@ -138,7 +143,8 @@ def _file_type(mode: int) -> str:
     return "something else"
 
 
-def _decode(text: SourceText) -> Iterator[None]:
+def decode_source(text: SourceText) -> Iterator[None]:
+    """Turn the bytes that were read into text; yields between steps. Raises `SourceError`."""
     data = text.data
     if (position := data.find(b"\0")) >= 0:
         raise SourceError(f"not text: null byte at offset {position:,}", lasting=True)

@@ -27,8 +27,12 @@ class Lookup:
 
     def states(self, urls: Sequence[str]) -> dict[str, FileState]:
         """What was scanned of the files, without those that aren't known."""
-        rows = self._by_url("SELECT url, mtime_ns, size, scans FROM files WHERE url IN ", urls)
-        return {url: FileState(mtime_ns, size, scans) for url, mtime_ns, size, scans in rows}
+        rows = self._by_url(
+            "SELECT url, mtime_ns, size, settled, digest, scanner, scans FROM files"
+            " WHERE url IN ",
+            urls,
+        )
+        return {url: FileState(*state) for url, *state in rows}
 
     def imports(self, urls: Sequence[str]) -> dict[str, bytes]:
         """The joined import equivalents of the files, without those that have none."""
@@ -37,7 +41,7 @@ class Lookup:
         )
         return dict(rows)
 
-    def scope(self, url: str, name: str) -> StoredScope | None:
+    def scope(self, url: str, name: str, with_added: bool = True) -> StoredScope | None:
         """A scope of a file; one that was added by itself comes before a scanned one."""
         file = self._connection.execute(
             "SELECT id, mtime_ns, scans FROM files WHERE url = ?", (url,)
@@ -50,7 +54,7 @@ class Lookup:
             " WHERE file_id = ? AND name = ?",
             (file_id, name),
         ).fetchone()
-        if row is not None:
+        if row is not None and with_added:
             scan_name, disk_mtime, incomplete, absent, info = row
             return StoredScope(scan_name, disk_mtime, bool(incomplete), bool(absent), info)
         if not scans:

@@ -4,7 +4,15 @@ from collections.abc import Sequence
 from dataclasses import dataclass
 from typing import NamedTuple
 
-__all__ = ["AddedScope", "FileRecord", "FileState", "ScopeRow", "StoredScope", "join_scans"]
+__all__ = [
+    "AddedScope",
+    "FileRecord",
+    "FileState",
+    "FileTimes",
+    "ScopeRow",
+    "StoredScope",
+    "join_scans",
+]
 
 # (scope name, index of the parent scope or -1, kind, first line, last line, packed information),
 # just as the native scanner makes it.
@@ -13,7 +21,10 @@ ScopeRow = tuple[str, int, int, int, int, bytes]
 
 @dataclass(slots=True, frozen=True)
 class FileRecord:
-    """All that a whole-file scan found. `definitions` is packed, `names` are those in it, once."""
+    """All that a whole-file scan found. `definitions` is packed, `names` are those in it, once.
+
+    `settled` tells that the time can be trusted, `scanner` is the version of the scanner.
+    """
 
     url: str
     mtime_ns: int
@@ -28,6 +39,14 @@ class FileRecord:
     scopes: Sequence[ScopeRow] = ()
     definitions: bytes = b""
     names: Sequence[str] = ()
+    settled: bool = False
+    scanner: int = 0
+
+    def state(self) -> "FileState":
+        """For which state of the file the results are valid."""
+        return FileState(
+            self.mtime_ns, self.size, self.settled, self.digest, self.scanner, self.scans
+        )
 
     def memory(self) -> int:
         """Roughly the bytes that the record holds on to."""
@@ -36,11 +55,22 @@ class FileRecord:
         return 500 + texts + 300 * len(self.scopes) + 80 * len(self.names)
 
 
-class FileState(NamedTuple):
-    """For which state of a file its results are valid."""
+class FileTimes(NamedTuple):
+    """When a file was read whose results stay as they are."""
 
     mtime_ns: int
     size: int
+    settled: bool
+
+
+class FileState(NamedTuple):
+    """For which state of a file its results are valid, and who made them."""
+
+    mtime_ns: int
+    size: int
+    settled: bool
+    digest: bytes
+    scanner: int
     scans: str
 
 

@@ -5,8 +5,10 @@ is a new step at the end of `kMigrations`; a step that was released is never edi
 
 files         One row a file. `scans` holds the names of the scans whose results are valid for
               `mtime_ns` and `size`, each between blanks; it is empty while the file's other rows
-              are being written. `digest` is that of the file's bytes, empty if they weren't read;
-              nothing depends on it yet. `imports` holds import equivalents, joined by ";".
+              are being written. `digest` is that of the file's bytes, empty if they weren't read.
+              `settled` is 1 if the time was old enough to be trusted when the file was read, and
+              `scanner` the version of the scanner (0 for rows from before there were versions).
+              `imports` holds import equivalents, joined by ";".
               `error` says what was wrong with the file, and `error_lineno` where, or 0 if it
               couldn't be scanned at all. `indexed` is 1 when all its names stand in `names`.
 scopes        What each scope of a file defines. `id` is the file's id times `kScopesPerFile` plus
@@ -77,8 +79,13 @@ CREATE TABLE names(
 ) STRICT, WITHOUT ROWID;
 """
 
+_kFreshness = """
+ALTER TABLE files ADD COLUMN settled INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE files ADD COLUMN scanner INTEGER NOT NULL DEFAULT 0;
+"""
+
 # Each step is a script of statements without transaction control.
-kMigrations: Final[tuple[str, ...]] = (_kFirstTables,)
+kMigrations: Final[tuple[str, ...]] = (_kFirstTables, _kFreshness)
 kSchemaVersion: Final = len(kMigrations)
 
 

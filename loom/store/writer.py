@@ -6,12 +6,13 @@ transaction: until its last one `files.scans` is empty, so that nobody takes it 
 
 import sqlite3
 from collections.abc import Callable, Iterator, Sequence
+from dataclasses import replace
 from typing import Final
 
 from loom.store import definitions
 from loom.store.database import transaction
 from loom.store.nameindex import NameIndex
-from loom.store.records import AddedScope, FileRecord, ScopeRow
+from loom.store.records import AddedScope, FileRecord, FileTimes, ScopeRow
 from loom.store.schema import kScopesPerFile
 
 __all__ = ["Writer"]
@@ -21,6 +22,9 @@ _kScopesPerCheck: Final = 500
 
 # Files staged at a time that an earlier process didn't get to index.
 _kRecoverFiles: Final = 200
+
+# Memory of a time that waits, in bytes.
+_kTimesMemory: Final = 300
 
 # (file id, names before, names now): what the index has to be told after a transaction.
 _Renamed = tuple[int, Sequence[str] | set[str], Sequence[str] | set[str]]
@@ -35,6 +39,8 @@ class Writer:
         # With the memory that each takes; a record of none says that the file is to be deleted.
         self._files: dict[str, tuple[FileRecord | None, int]] = {}
         self._added: dict[tuple[str, str], AddedScope] = {}
+        # New times of files whose results stay, with the digest that they were found for.
+        self._times: dict[str, tuple[bytes, FileTimes]] = {}
         self._memory = 0
         # The file that a transaction left half written.
         self._half_written: tuple[FileRecord, Iterator[None]] | None = None
@@ -68,7 +74,7 @@ class Writer:
     @property
     def rows_written(self) -> bool:
         """Whether no result waits; the index may still lag behind."""
-        return not self._files and not self._added
+        return not self._files and not self._added and not self._times
 
     def pending_file(self, url: str) -> FileRecord | None:
         """The result of a file that waits, or none."""
@@ -82,6 +88,10 @@ class Writer:
         """The added scope that waits, or none."""
         return self._added.get((url, name))
 
+    def pending_times(self, url: str) -> FileTimes | None:
+        """The new time of a file that waits, or none."""
+        return self._times[url][1] if url in self._times else None
+
     def put_file(self, record: FileRecord) -> None:
         """Take the result of a whole-file scan, in place of all that is known of the file."""
         self._drop(record.url)
@@ -93,6 +103,20 @@ class Writer:
         """Forget a file."""
         self._drop(url)
         self._files[url] = None, 0
+
+    def put_times(self, url: str, digest: bytes, times: FileTimes) -> None:
+        """Take a new time for a file that was scanned again to the same result.
+
+        Scopes that were added go, as with any scan. Does nothing if by then another process has
+        written the file with another digest.
+        """
+        record = self.pending_file(url)
+        if record is not None:
+            self.put_file(replace(record, **times._asdict()))
+            return
+        self._drop(url)
+        self._times[url] = digest, times
+        self._memory += _kTimesMemory
 
     def put_scope(self, added: AddedScope) -> None:
         """Take a scope by itself. One for a file that is unknown makes the file known."""
@@ -107,6 +131,8 @@ class Writer:
         old = self._files.pop(url, None)
         if old is not None:
             self._memory -= old[1]
+        if self._times.pop(url, None) is not None:
+            self._memory -= _kTimesMemory
         if self._added:
             for key in [key for key in self._added if key[0] == url]:
                 self._memory -= self._added.pop(key).memory()
@@ -124,14 +150,17 @@ class Writer:
         still waiting.
         """
         written: list[str] = []
+        times: list[str] = []
         scopes: list[tuple[str, str]] = []
         done = False
         if self.rows_written and self._index.empty():
             return not index_all or self._recover()
         try:
             with transaction(self._connection, wait_seconds):
-                if self._write_files(written, out_of_time) and self._write_scopes(
-                    scopes, out_of_time
+                if (
+                    self._write_files(written, out_of_time)
+                    and self._write_times(times, out_of_time)
+                    and self._write_scopes(scopes, out_of_time)
                 ):
                     if index_all or self._index.merge_due():
                         changed = {file_id for file_id, _, _ in self._renamed}
@@ -145,6 +174,9 @@ class Writer:
             raise
         for url in written:
             self._memory -= self._files.pop(url)[1]
+        for url in times:
+            del self._times[url]
+            self._memory -= _kTimesMemory
         for key in scopes:
             self._memory -= self._added.pop(key).memory()
         for file_id, old, new in self._renamed:
@@ -175,6 +207,21 @@ class Writer:
                     if out_of_time():
                         self._half_written = (record, steps)
                         return False
+            written.append(url)
+            if out_of_time():
+                return False
+        return True
+
+    def _write_times(self, written: list[str], out_of_time: Callable[[], bool]) -> bool:
+        execute = self._connection.execute
+        for url, (digest, times) in self._times.items():
+            changed = execute(
+                "UPDATE files SET mtime_ns = ?, size = ?, settled = ?"
+                " WHERE url = ? AND digest = ? AND scans != '' RETURNING id",
+                (*times, url, digest),
+            ).fetchone()
+            if changed is not None:
+                execute("DELETE FROM added_scopes WHERE file_id = ?", changed)
             written.append(url)
             if out_of_time():
                 return False
@@ -223,8 +270,8 @@ class Writer:
             self._forget_scopes(file_id, bool(indexed), record.names)
             execute(
                 "UPDATE files SET mtime_ns = ?, size = ?, digest = ?, scans = ?, error = ?,"
-                " error_lineno = ?, line_count = ?, definition_count = ?, imports = ?, indexed = ?"
-                " WHERE id = ?",
+                " error_lineno = ?, line_count = ?, definition_count = ?, imports = ?, indexed = ?,"
+                " settled = ?, scanner = ? WHERE id = ?",
                 (
                     record.mtime_ns,
                     record.size,
@@ -236,6 +283,8 @@ class Writer:
                     record.definition_count,
                     record.imports,
                     0,
+                    record.settled,
+                    record.scanner,
                     file_id,
                 ),
             )
@@ -261,7 +310,8 @@ class Writer:
     def _insert_file(self, record: FileRecord, scans: str) -> int:
         cursor = self._connection.execute(
             "INSERT INTO files(url, mtime_ns, size, digest, scans, error, error_lineno, line_count,"
-            " definition_count, imports, indexed) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+            " definition_count, imports, indexed, settled, scanner)"
+            " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
             (
                 record.url,
                 record.mtime_ns,
@@ -274,6 +324,8 @@ class Writer:
                 record.definition_count,
                 record.imports,
                 0 if record.names else 1,
+                record.settled,
+                record.scanner,
             ),
         )
         assert cursor.lastrowid is not None

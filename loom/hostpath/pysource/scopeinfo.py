@@ -21,6 +21,7 @@ from loombase.location import CLocalFileLocation, CLocation
 from pysource import _fastaccess
 from pysource.loccache import CLocCache
 
+from loom import freshness
 from loom._pyscan import unpack_info
 from loom.mainloop.base import LOW_IDLE_PRIORITY
 from loom.store.checkpoint import Checkpointer
@@ -28,7 +29,7 @@ from loom.store.database import kLockWaitSeconds, open_for_writing, set_aside, t
 from loom.store.errors import StoreError, is_damage
 from loom.store.lookup import Lookup
 from loom.store.queries import path_of
-from loom.store.records import AddedScope, FileRecord, FileState, StoredScope
+from loom.store.records import AddedScope, FileRecord, FileState, FileTimes, StoredScope
 from loom.store.writer import Writer
 
 __all__ = ["CInfoCache", "CScopeInfo", "CScopeInfoKey"]
@@ -143,7 +144,8 @@ class CInfoCache(CDestroyable):
 
     Signals: "needs-scan-added" (the cache, a set of triples of location, scope name and scan name,
     a priority or none); "file-stored" (the cache, a location, its `FileRecord`) when the result of
-    a whole-file scan came in, a failure included.
+    a whole-file scan came in, a failure included; "file-reread" (the cache, a location) when the
+    file's bytes turned out to be those that were scanned before.
 
     A damaged database, or one of a newer version, is set aside and a new one begun, at the start
     or whenever the damage shows; `fMessages` then says so. Raises `StoreError` if there is no way
@@ -151,7 +153,7 @@ class CInfoCache(CDestroyable):
     """
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
-        super().__init__(("needs-scan-added", "file-stored"))
+        super().__init__(("needs-scan-added", "file-stored", "file-reread"))
         self.fPath = Path(path).absolute()
         self.fMessages: list[str] = []
         self.fLocCache = CLocCache()
@@ -186,7 +188,7 @@ class CInfoCache(CDestroyable):
             return 0.0
         except OSError:
             return 0.0
-        mtime_ns = status.st_mtime_ns
+        mtime_ns = freshness.mtime_ns_of(status)
         mtime = _Seconds(mtime_ns)
         self._fDiskStates[loc] = _DiskState(mtime, mtime_ns, status.st_size)
         return mtime
@@ -196,37 +198,47 @@ class CInfoCache(CDestroyable):
     ) -> dict[CLocation, str]:
         """For each file whose results are of the given time, the names of the scans done.
 
-        The text holds each name between blanks. Files that aren't known, or that were scanned at
-        another time, are missing. Where `GetDiskMTime` found the time, the size must be the same
-        as well.
+        The text holds each name between blanks. Files that aren't known, that were scanned at
+        another time or by another version of the scanner, or whose time can't be trusted, are
+        missing. Where `GetDiskMTime` found the time, the size must be the same as well.
         """
         self._NoticeOtherWriters()
         urls = [loc.fUrl for loc in modtimes]
-        states: dict[str, FileState] = {}
-        to_ask: list[str] = []
-        for url in urls:
-            record = self._fWriter.pending_file(url)
-            if record is not None:
-                states[url] = FileState(record.mtime_ns, record.size, record.scans)
-            elif not self._fWriter.pending_deletion(url):
-                to_ask.append(url)
-        if to_ask:
-            unknown: dict[str, FileState] = {}
-            states.update(self._Ask(lambda: self._fLookup.states(to_ask), unknown))
+        states = self._States(urls)
         result: dict[CLocation, str] = {}
         for url, (loc, modtime) in zip(urls, modtimes.items(), strict=True):
             disk = self._fDiskStates.pop(loc, None)
             state = states.get(url)
             if state is None:
                 continue
-            mtime_ns, size, scans = state
             if disk is not None and disk.mtime == modtime:
-                valid = disk.mtime_ns == mtime_ns and disk.size == size
+                valid = freshness.is_fresh(state, disk.mtime_ns, disk.size)
+            elif abs(_Seconds(state.mtime_ns) - modtime) < _kSameTimeSeconds:
+                valid = freshness.is_fresh(state, state.mtime_ns, state.size)
             else:
-                valid = abs(_Seconds(mtime_ns) - modtime) < _kSameTimeSeconds
-            if valid and scans:
-                result[loc] = scans
+                valid = False
+            if valid and state.scans:
+                result[loc] = state.scans
         return result
+
+    def _States(self, urls: Iterable[str]) -> dict[str, FileState]:
+        """For which state of the files results are stored or wait, without unknown files."""
+        writer = self._fWriter
+        states: dict[str, FileState] = {}
+        to_ask: list[str] = []
+        for url in urls:
+            record = writer.pending_file(url)
+            if record is not None:
+                states[url] = record.state()
+            elif not writer.pending_deletion(url):
+                to_ask.append(url)
+        if to_ask:
+            stored: dict[str, FileState] = {}
+            stored = self._Ask(lambda: self._fLookup.states(to_ask), stored)
+            for url, state in stored.items():
+                times = writer.pending_times(url)
+                states[url] = state if times is None else state._replace(**times._asdict())
+        return states
 
     def GetAllImports(self, locs: Sequence[CLocation]) -> list[tuple[CLocation, None, bytes]]:
         """(file, none, its import equivalents joined by ";") of each file that imports anything."""
@@ -280,7 +292,11 @@ class CInfoCache(CDestroyable):
             return None
         if self._fWriter.pending_deletion(url):
             return None
-        return self._Ask(lambda: self._fLookup.scope(url, scope_name), None)
+        times = self._fWriter.pending_times(url)
+        if times is None:
+            return self._Ask(lambda: self._fLookup.scope(url, scope_name), None)
+        stored = self._Ask(lambda: self._fLookup.scope(url, scope_name, with_added=False), None)
+        return stored and stored._replace(disk_mtime=_Seconds(times.mtime_ns))
 
     def GetScopeLines(self, loc: CLocation) -> list[tuple[str, int, int]]:
         """(scope name, first line, last line) of all scopes of a file, parents before children.
@@ -301,6 +317,21 @@ class CInfoCache(CDestroyable):
         self._fWriter.put_file(record)
         self._Forget(loc)
         self.emit("file-stored", self, loc, record)
+
+    def RefreshFile(
+        self, loc: CLocation, scan_name: str, digest: bytes, times: FileTimes
+    ) -> bool:
+        """Whether the scan was done already for bytes with this digest; `times` is then noted.
+
+        An empty digest is that of no file.
+        """
+        state = self._States([loc.fUrl]).get(loc.fUrl)
+        if state is None or not freshness.was_scanned(state, digest, scan_name):
+            return False
+        self._fWriter.put_times(loc.fUrl, digest, times)
+        self._Forget(loc)  # records tell the time
+        self.emit("file-reread", self, loc)
+        return True
 
     def AddScopeInfo(self, info: CScopeInfo) -> None:
         """Store one scope, until its file is scanned again."""

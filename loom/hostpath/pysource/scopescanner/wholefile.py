@@ -4,17 +4,21 @@ from __future__ import annotations
 
 import logging
 from collections.abc import Callable, Generator, Sequence
-from typing import Final, TypeVar
+from typing import TYPE_CHECKING, Final, TypeVar
 
 import singleton
 from loombase.location import CLocalFileLocation
 
+from loom import freshness
 from loom._pyscan import SourceScanner
-from loom.sourcetext import SourceError, SourceText, read_source
+from loom.sourcetext import SourceError, SourceText, decode_source, read_source
 from loom.store.definitions import pack
-from loom.store.records import FileRecord, ScopeRow, join_scans
+from loom.store.records import FileRecord, FileTimes, ScopeRow, join_scans
 
 from .base import CScanner, ScanSteps, kFinishedScanning, kScanAbandoned
+
+if TYPE_CHECKING:
+    from pysource.scopeinfo import CInfoCache
 
 __all__ = ["CWholeFilePrimaryScanner", "ScopesOfLines"]
 
@@ -43,6 +47,9 @@ _Item = TypeVar("_Item")
 class CWholeFilePrimaryScanner(CScanner):
     """Parses a file from its first to its last line and stores what its scopes define.
 
+    A file that holds the very bytes that were parsed before isn't parsed again: the scan ends when
+    it is read, and only its new time is stored.
+
     `incomplete_scope_set` is filled, when the scan is over, with the names of the scopes that
     couldn't be read to their end. What is wrong with a file ends its own scan only: the reason is
     stored with the file. A scan is abandoned if there was nothing to parse.
@@ -69,6 +76,9 @@ class CWholeFilePrimaryScanner(CScanner):
                 text.mtime_ns = _kUnsavedTime
             else:
                 yield from read_source(self.fLocation.path, text)
+                if self._IsAsStored(text):
+                    return kFinishedScanning
+                yield from decode_source(text)
             record = yield from self._Parse(text)
         except SourceError as error:
             self.fFileDoesntExist = error.gone
@@ -81,6 +91,10 @@ class CWholeFilePrimaryScanner(CScanner):
             return kScanAbandoned
         self._Store(record)
         return kFinishedScanning
+
+    def _IsAsStored(self, text: SourceText) -> bool:
+        times = FileTimes(text.mtime_ns, text.size, text.settled)
+        return self._InfoCache().RefreshFile(self.fLocation, self._fScanName, text.digest, times)
 
     def _Parse(self, text: SourceText) -> Generator[None, None, FileRecord]:
         source = SourceScanner(text.data)
@@ -115,6 +129,8 @@ class CWholeFilePrimaryScanner(CScanner):
             scopes=scopes,
             definitions=b"".join(packed),
             names=list(names),
+            settled=text.settled,
+            scanner=freshness.kScannerVersion,
         )
 
     def _Abandon(self, text: SourceText, reason: str, lasting: bool) -> None:
@@ -128,12 +144,18 @@ class CWholeFilePrimaryScanner(CScanner):
                 digest=text.digest,
                 scans=join_scans([self._fScanName] if lasting else []),
                 error=reason[:_kMaxReasonLength],
+                settled=text.settled,
+                scanner=freshness.kScannerVersion,
             )
         )
 
     def _Store(self, record: FileRecord) -> None:
+        self._InfoCache().AddFile(self.fLocation, record)
+
+    def _InfoCache(self) -> CInfoCache:
         # Looked up late: the info cache isn't there yet when this module is first imported.
-        singleton.GetSingletons().fAnalysisMgr.fInfoCache.AddFile(self.fLocation, record)
+        cache: CInfoCache = singleton.GetSingletons().fAnalysisMgr.fInfoCache
+        return cache
 
 
 def _InParts(

@@ -3,6 +3,7 @@
 import os
 import sqlite3
 import sys
+import time
 from collections.abc import Callable, Iterator
 from pathlib import Path
 from types import SimpleNamespace
@@ -86,7 +87,11 @@ def cache(
 
 @pytest.fixture
 def make_file(tmp_path: Path) -> Callable[..., CLocalFileLocation]:
-    """Writes a file and returns its location; with a time, in nanoseconds, if one is given."""
+    """Writes a file and returns its location.
+
+    Its time, in nanoseconds, is that of an hour ago, old enough to be trusted, unless one is given.
+    """
+    an_hour_ago = time.time_ns() - 3_600_000_000_000
 
     def make(
         name: str, content: str | bytes = "", mtime_ns: int | None = None
@@ -94,8 +99,8 @@ def make_file(tmp_path: Path) -> Callable[..., CLocalFileLocation]:
         path = tmp_path / name
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(content.encode() if isinstance(content, str) else content)
-        if mtime_ns is not None:
-            os.utime(path, ns=(mtime_ns, mtime_ns))
+        when = an_hour_ago if mtime_ns is None else mtime_ns
+        os.utime(path, ns=(when, when))
         return CLocalFileLocation(path)
 
     return make

@@ -171,6 +171,7 @@ def test_result_is_the_same_whatever_the_slices(
     loc = make_file("a.py", source)
     incomplete: set[str] = set()
     assert new_scanner(loc, incomplete).Scan(clock.now + 1_000.0) is kFinishedScanning
+    cache.ForgetFile(loc)
     monkeypatch.setattr(scopescanner.wholefile, "_kStepBytes", step_bytes)
     monkeypatch.setattr(scopescanner.wholefile, "_kItemsPerStep", 3)
     clock.per_look = 1.0

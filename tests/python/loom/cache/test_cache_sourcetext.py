@@ -6,7 +6,7 @@ import hashlib
 import os
 import socket
 import tokenize
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from io import BytesIO
 from pathlib import Path
 
@@ -14,14 +14,25 @@ import pytest
 from loombase.location import CLocalFileLocation
 
 from loom import sourcetext
-from loom.sourcetext import SourceError, SourceText, kMaxSourceBytes, read_source
+from loom.sourcetext import (
+    SourceError,
+    SourceText,
+    decode_source,
+    kMaxSourceBytes,
+    read_source,
+)
 
 MakeFile = Callable[..., CLocalFileLocation]
 
 
+def steps(path: str | os.PathLike[str], text: SourceText) -> Iterator[None]:
+    yield from read_source(os.fspath(path), text)
+    yield from decode_source(text)
+
+
 def read(path: str | os.PathLike[str]) -> SourceText:
     text = SourceText()
-    for _ in read_source(os.fspath(path), text):
+    for _ in steps(path, text):
         pass
     return text
 
@@ -258,9 +269,9 @@ def test_file_of_the_greatest_size_is_read_in_steps(tmp_path: Path) -> None:
     path = tmp_path / "big.py"
     path.write_bytes(b"# " + b"x" * (kMaxSourceBytes - 3) + b"\n")
     text = SourceText()
-    steps = sum(1 for _ in read_source(str(path), text))
+    count = sum(1 for _ in steps(path, text))
     assert len(text.data) == kMaxSourceBytes
-    assert steps >= 20
+    assert count >= 20
 
 
 def test_decoded_text_is_bounded(make_file: MakeFile, monkeypatch: pytest.MonkeyPatch) -> None:

@@ -48,6 +48,8 @@ def make_record() -> Callable[..., FileRecord]:
             "mtime_ns": mtime_ns,
             "size": 10,
             "digest": url.encode(),
+            "settled": True,
+            "scanner": 1,
             "scans": " primary ",
             "line_count": 100,
             "definition_count": len(found),
