@@ -1,10 +1,12 @@
-"""The scheduler with a stopwatch, and with a note of the scan that failed."""
+"""The scheduler with a stopwatch, and with notes of scans that failed, run, or are over."""
 
 from __future__ import annotations
 
 from array import array
+from collections.abc import Callable
 from dataclasses import dataclass
 from time import perf_counter
+from typing import Any
 
 from pysource.scancoordinator import CScanCoordinator, CScanItem
 
@@ -40,13 +42,15 @@ class MeasuredCoordinator(CScanCoordinator):
     """Notes the length of each slice, and the scan in which the last failure happened.
 
     `failed_item` is for whoever handles a failure: it is the failed scan, or none if something
-    else failed, and stays until that one clears it.
+    else failed, and stays until that one clears it. `on_scan_over` is called with each scan that is
+    over, in whatever way, inside of the slice.
     """
 
     def __init__(self, idle_priority: int, ana_mgr: object) -> None:
         super().__init__(idle_priority, ana_mgr)
         self.slices = array("d")
         self.failed_item: CScanItem | None = None
+        self.on_scan_over: Callable[[CScanItem], object] | None = None
 
     def _CB_DoIdleAnalysis(self) -> bool | None:
         start = perf_counter()
@@ -56,8 +60,22 @@ class MeasuredCoordinator(CScanCoordinator):
             self.slices.append(perf_counter() - start)
 
     def _DoSingleScan(self, scan_item: CScanItem, end_time: float) -> bool:
+        goes_on = False
         try:
-            return super()._DoSingleScan(scan_item, end_time)
+            goes_on = super()._DoSingleScan(scan_item, end_time)
+            return goes_on
         except Exception:
             self.failed_item = scan_item
             raise
+        finally:
+            if not goes_on and self.on_scan_over is not None:
+                self.on_scan_over(scan_item)
+
+    def WholeFileScanBegun(self, loc: Any) -> bool:
+        """Whether a whole-file scan of the file is under way, and may have read it already."""
+        # By its full name: it is the base class's own.
+        return loc in getattr(self, "_CScanCoordinator__fActivePrimaryWholeFileScanners")
+
+    def ActiveLocation(self) -> Any:
+        """The file whose scan ran out of time and goes on in the next slice, or none."""
+        return getattr(self, "_CScanCoordinator__fActiveLoc")

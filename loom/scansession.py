@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import logging
 import os
-from collections.abc import Iterator, Mapping, Sequence
+from collections.abc import Generator, Iterator, Mapping, Sequence
 from dataclasses import dataclass, field
 from time import perf_counter
 from typing import Final
@@ -20,7 +20,7 @@ from loom.app import App
 from loom.mainloop.base import LOW_IDLE_PRIORITY
 from loom.store.errors import StoreError
 from loom.store.records import FileRecord
-from loom.walk import Found, Problem, walk
+from loom.walk import Found, Problem, Step, walk
 from pysource.scancoordinator import kBackgroundPriority
 
 __all__ = ["FileError", "ScanCounts", "ScanSession"]
@@ -54,12 +54,13 @@ class ScanCounts:
 
     `found` files were queued, `left` of them are still to be looked at. `scanned` were parsed,
     `failed` couldn't be, `vanished` were gone when their turn came. What remains, `unchanged`,
-    had valid results. `errors` are of files and of folders that couldn't be walked.
+    had valid results; `reread` of them had to be read to know it. `errors` are of files and of folders that couldn't be walked.
     """
 
     found: int = 0
     left: int = 0
     scanned: int = 0
+    reread: int = 0
     failed: int = 0
     vanished: int = 0
     definitions: int = 0
@@ -81,15 +82,24 @@ class ScanSession(CDestroyable):
 
     A scan that fails leaves the queue with a recorded error, and the others go on. The session
     ends when every file is done and written, when `stop` is called, or when the engine fails again
-    and again outside of scans; `failure` is then the exception.
+    and again outside of scans; `failure` is then the exception. An `endless` session doesn't end
+    when all is done, and more files may be added to it at any time.
 
-    Signals: "finished" (session), once.
+    `steps` find the files, by default those of a walk of the paths.
+
+    Signals: "finished" (session), once; "at-rest" (session) whenever all is done and written.
     """
 
     def __init__(
-        self, app: App, paths: Sequence[str], exclude: GitIgnoreSpec | None = None
+        self,
+        app: App,
+        paths: Sequence[str],
+        exclude: GitIgnoreSpec | None = None,
+        *,
+        steps: Generator[Step, None, None] | None = None,
+        endless: bool = False,
     ) -> None:
-        super().__init__(("finished",))
+        super().__init__(("finished", "at-rest"))
         self.app = app
         self.counts = ScanCounts()
         self.seconds = 0.0
@@ -97,7 +107,8 @@ class ScanSession(CDestroyable):
         self.failure: BaseException | None = None
         self._start = perf_counter()
         self._is_over = False
-        self._walk = walk(paths, exclude)
+        self._endless = endless
+        self._walk = walk(paths, exclude) if steps is None else steps
         self._folders = [os.path.abspath(path) for path in paths if os.path.isdir(path)]
         self._unwalkable: set[str] = set()
         self._forgetting = self._forget_steps()
@@ -108,6 +119,7 @@ class ScanSession(CDestroyable):
         coordinator.connect_while_alive("scheduled", self._watch_for_end, self)
         coordinator.connect_while_alive("modtimes-updated", self._count_vanished, self)
         app.info_cache.connect_while_alive("file-stored", self._count_file, self)
+        app.info_cache.connect_while_alive("file-reread", self._count_reread, self)
         GetFailureReporter().connect_while_alive("failure-reported", self._note_failure, self)
 
     def start(self) -> None:
@@ -123,6 +135,21 @@ class ScanSession(CDestroyable):
             self.stopped = True
             self.app.coordinator.Quitting()
             self._finish()
+
+    def add(self, locs: Sequence[CLocation], priority: int) -> None:
+        """Have files looked at, and scanned if they have changed."""
+        coordinator = self.app.coordinator
+        self.counts.found += sum(not coordinator.LocationInPrimaryScanQueue(loc) for loc in locs)
+        pairs = [(loc, _kWholeFile) for loc in locs]
+        coordinator.AddPairsToPrimaryQueue(pairs, False, priority)
+        self._watch_for_end()
+
+    def take_counts(self) -> ScanCounts:
+        """The counts since the last call; those that follow begin anew."""
+        self.update_left()
+        taken = self.counts
+        self.counts = ScanCounts(found=taken.left, left=taken.left, all_found=taken.all_found)
+        return taken
 
     def update_left(self) -> None:
         """Bring `counts.left` up to date with the queue."""
@@ -140,7 +167,7 @@ class ScanSession(CDestroyable):
         try:
             return self._find_for_a_while()
         except Exception as error:  # nobody would go on with the walk, or end the session
-            self._give_up(error)
+            self.give_up(error)
             return False
 
     def _find_for_a_while(self) -> bool:
@@ -183,7 +210,7 @@ class ScanSession(CDestroyable):
             if self.app.info_cache.HasUnwritten():
                 self.app.info_cache.WriteToDatabase()
         except Exception as error:
-            self._give_up(error)
+            self.give_up(error)
         self._walk_idle = None
         return False
 
@@ -207,11 +234,16 @@ class ScanSession(CDestroyable):
         counts.definitions += record.definition_count
         counts.bytes += record.size
 
+    def _count_reread(self, info_cache: object, loc: CLocation) -> None:
+        self._failures = 0
+        self.counts.reread += 1
+
     def _count_vanished(self, modtimes: Mapping[CLocation, float]) -> None:
         for loc, modtime in modtimes.items():
             if modtime == 0 and isinstance(loc, CLocalFileLocation):
                 self.counts.vanished += 1
-                self._add_error(FileError(loc.path, "file is gone or can't be reached"))
+                if not self._endless:  # there it is nothing unusual
+                    self._add_error(FileError(loc.path, "file is gone or can't be reached"))
 
     def _add_error(self, error: FileError) -> None:
         _log.info("%s:%d: %s", error.path, error.lineno, error.reason)
@@ -245,7 +277,7 @@ class ScanSession(CDestroyable):
         try:
             self._go_on_or_end()
         except Exception as error:
-            self._give_up(error)
+            self.give_up(error)
 
     def _go_on_or_end(self) -> None:
         coordinator = self.app.coordinator
@@ -257,9 +289,12 @@ class ScanSession(CDestroyable):
             coordinator._ScheduleIdle()
         elif self.counts.all_found and coordinator.QueuesEmpty():
             self.failure = None
-            self._finish()
+            self.emit("at-rest", self)
+            if not self._endless:
+                self._finish()
 
-    def _give_up(self, failure: BaseException) -> None:
+    def give_up(self, failure: BaseException) -> None:
+        """End because of a failure."""
         self.failure = failure
         self._finish()
 
