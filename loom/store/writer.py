@@ -84,6 +84,11 @@ class Writer:
         """Whether the file waits to be deleted."""
         return url in self._files and self._files[url][0] is None
 
+    def pending_urls_below(self, folder_url: str) -> list[str]:
+        """The files below a folder whose results wait."""
+        start = folder_url.rstrip("/") + "/"
+        return [url for url, (record, _) in self._files.items() if record and url.startswith(start)]
+
     def pending_scope(self, url: str, name: str) -> AddedScope | None:
         """The added scope that waits, or none."""
         return self._added.get((url, name))

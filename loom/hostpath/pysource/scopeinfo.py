@@ -348,20 +348,35 @@ class CInfoCache(CDestroyable):
         self._Forget(loc)
         self._fDiskStates.pop(loc, None)
 
-    def ForgetVanishedBelow(self, folder: CLocalFileLocation) -> Iterator[None]:
+    def IsKnown(self, loc: CLocation) -> bool:
+        """Whether anything is stored of the file, were it a failure."""
+        return loc.fUrl in self._States([loc.fUrl])
+
+    def ForgetVanishedBelow(
+        self, folder: CLocalFileLocation, is_left_out: Callable[[str], bool] | None = None
+    ) -> Iterator[None]:
         """Drop the files below a folder that are there no more; yields now and then.
 
         For the end of a scan of the folder: nobody asks for the times of files that aren't found.
+        With `is_left_out`, those for whose paths it is true are dropped, too.
         """
+
+        def forget_some(urls: Iterable[str]) -> None:
+            for url in urls:
+                path = path_of(url)
+                if path is not None and (_IsGone(path) or (is_left_out and is_left_out(path))):
+                    self.ForgetFile(CLocalFileLocation(path))
+
+        waiting = self._fWriter.pending_urls_below(folder.fUrl)
+        for start in range(0, len(waiting), _kVanishedStep):
+            forget_some(waiting[start : start + _kVanishedStep])
+            yield
         after = ""
         while True:
             urls = self._Ask(
                 partial(self._fLookup.urls_below, folder.fUrl, after, _kVanishedStep), list[str]()
             )
-            for url in urls:
-                path = path_of(url)
-                if path is not None and _IsGone(path):
-                    self.ForgetFile(CLocalFileLocation(path))
+            forget_some(urls)
             if len(urls) < _kVanishedStep:
                 return
             after = urls[-1]
