@@ -9,8 +9,8 @@ from guiutils import lgtk
 from loombase.destroyable import CDestroyable
 from singleton import GetSingletons
 
+from loom.followed import FollowingCoordinator
 from loom.mainloop.base import MainLoop
-from loom.measure import MeasuredCoordinator
 from loom.services.engine import CAnalysisMgr
 from loom.services.managers import CCacheMgr, CFileAttribMgr, CPrefMgr, CSavableMgr
 
@@ -48,14 +48,14 @@ class App(CDestroyable):
             self.attribs = table.fFileAttribMgr = CFileAttribMgr()
             table.fCacheMgr = CCacheMgr(self.attribs)
             table.fSavableMgr = CSavableMgr()
-            self.ana_mgr = CAnalysisMgr(db_path, MeasuredCoordinator)
+            self.ana_mgr = CAnalysisMgr(db_path, FollowingCoordinator)
         except BaseException:
             self._clear_table()
             raise
         table.fAnalysisMgr = self.ana_mgr
         self.info_cache = self.ana_mgr.fInfoCache
         coordinator = self.ana_mgr.fScanCoordinator
-        assert isinstance(coordinator, MeasuredCoordinator)
+        assert isinstance(coordinator, FollowingCoordinator)
         self.coordinator = coordinator
 
     def _destroy_impl(self) -> None:

@@ -5,7 +5,6 @@ from __future__ import annotations
 import logging
 import os
 from collections.abc import Generator, Iterator, Mapping, Sequence
-from dataclasses import dataclass, field
 from time import perf_counter
 from typing import Final
 
@@ -18,10 +17,10 @@ from pathspec import GitIgnoreSpec
 
 from loom.app import App
 from loom.mainloop.base import LOW_IDLE_PRIORITY
+from loom.scancounts import FileError, Outcome, ScanCounts, Tally
 from loom.store.errors import StoreError
 from loom.store.records import FileRecord
 from loom.walk import Found, Problem, Step, walk
-from pysource.scancoordinator import kBackgroundPriority
 
 __all__ = ["FileError", "ScanCounts", "ScanSession"]
 
@@ -36,49 +35,12 @@ _LAST_IDLE_PRIORITY: Final = 1000
 # So many failures outside of scans with nothing done in between, and the run is given up.
 _MOST_FAILURES: Final = 5
 
-_kWholeFile: Final = "*"
-
-
-@dataclass(frozen=True, slots=True)
-class FileError:
-    """What was wrong with a file or folder. `lineno` is 0 if nothing of it was scanned."""
-
-    path: str
-    reason: str
-    lineno: int = 0
-
-
-@dataclass(slots=True)
-class ScanCounts:
-    """Where a run stands. Files are counted once each.
-
-    `found` files were queued, `left` of them are still to be looked at. `scanned` were parsed,
-    `failed` couldn't be, `vanished` were gone when their turn came. What remains, `unchanged`,
-    had valid results; `reread` of them had to be read to know it. `errors` are of files and of folders that couldn't be walked.
-    """
-
-    found: int = 0
-    left: int = 0
-    scanned: int = 0
-    reread: int = 0
-    failed: int = 0
-    vanished: int = 0
-    definitions: int = 0
-    bytes: int = 0
-    all_found: bool = False
-    errors: list[FileError] = field(default_factory=list)
-
-    @property
-    def done(self) -> int:
-        return self.found - self.left
-
-    @property
-    def unchanged(self) -> int:
-        return max(0, self.done - self.scanned - self.failed - self.vanished)
-
 
 class ScanSession(CDestroyable):
-    """Scans `paths` in the idle time of the app's main loop.
+    """Scans `paths`, and what they import, in the idle time of the app's main loop.
+
+    The builtins come first, then the files at and below `paths`, then what they import. An imported
+    file that stands below `paths` itself is one of these, whichever way it was come by.
 
     A scan that fails leaves the queue with a recorded error, and the others go on. The session
     ends when every file is done and written, when `stop` is called, or when the engine fails again
@@ -101,7 +63,7 @@ class ScanSession(CDestroyable):
     ) -> None:
         super().__init__(("finished", "at-rest"))
         self.app = app
-        self.counts = ScanCounts()
+        self._tally = Tally()
         self.seconds = 0.0
         self.stopped = False
         self.failure: BaseException | None = None
@@ -116,11 +78,17 @@ class ScanSession(CDestroyable):
         self._last_idle: int | None = None
         self._failures = 0
         coordinator = app.coordinator
+        coordinator.hold_followed()
         coordinator.connect_while_alive("scheduled", self._watch_for_end, self)
         coordinator.connect_while_alive("modtimes-updated", self._count_vanished, self)
+        app.ana_mgr.connect_while_alive("files-followed", self._count_followed, self)
         app.info_cache.connect_while_alive("file-stored", self._count_file, self)
         app.info_cache.connect_while_alive("file-reread", self._count_reread, self)
         GetFailureReporter().connect_while_alive("failure-reported", self._note_failure, self)
+
+    @property
+    def counts(self) -> ScanCounts:
+        return self._tally.counts
 
     def start(self) -> None:
         """Begin. Nothing is looked at before the main loop has idle time."""
@@ -138,28 +106,24 @@ class ScanSession(CDestroyable):
 
     def add(self, locs: Sequence[CLocation], priority: int) -> None:
         """Have files looked at, and scanned if they have changed."""
-        coordinator = self.app.coordinator
-        self.counts.found += sum(not coordinator.LocationInPrimaryScanQueue(loc) for loc in locs)
-        pairs = [(loc, _kWholeFile) for loc in locs]
-        coordinator.AddPairsToPrimaryQueue(pairs, False, priority)
+        for loc in locs:
+            self._tally.ask(loc)
+        self.app.coordinator.ask_for(locs, priority)
         self._watch_for_end()
 
     def take_counts(self) -> ScanCounts:
         """The counts since the last call; those that follow begin anew."""
-        self.update_left()
-        taken = self.counts
-        self.counts = ScanCounts(found=taken.left, left=taken.left, all_found=taken.all_found)
+        self.update_queued()
+        self._tally, taken = self._tally.split(self._is_left)
         return taken
 
-    def update_left(self) -> None:
-        """Bring `counts.left` up to date with the queue."""
-        self.counts.left = self._files_left()
-
-    def _files_left(self) -> int:
-        status = self.app.coordinator.GetStatus()
+    def update_queued(self) -> None:
+        """Bring `counts.queued` up to date with the queue."""
+        coordinator = self.app.coordinator
+        status = coordinator.GetStatus()
         primary = self.app.ana_mgr.fPrimaryScanName
         queued = sum(q.file_count for q in status.queue_status_list if q.scan_name == primary)
-        return queued + status.waiting_count
+        self.counts.queued = queued + status.waiting_count + coordinator.held_count
 
     # --- finding files
 
@@ -172,7 +136,7 @@ class ScanSession(CDestroyable):
 
     def _find_for_a_while(self) -> bool:
         end = perf_counter() + _WALK_SECONDS
-        pairs: list[tuple[CLocation, str]] = []
+        locs: list[CLocation] = []
         more = True
         while more and perf_counter() < end:
             try:
@@ -184,16 +148,17 @@ class ScanSession(CDestroyable):
                 loc = CLocalFileLocation(step.path)
                 if step.named:
                     self.app.attribs.DeclareMimeType(loc, kPythonMimeType)
-                pairs.append((loc, _kWholeFile))
+                self._tally.ask(loc)
+                locs.append(loc)
             elif isinstance(step, Problem):
                 self._unwalkable.add(step.path)
-                self._add_error(FileError(step.path, step.reason))
-        if pairs:
-            self.counts.found += len(pairs)
-            self.app.coordinator.AddPairsToPrimaryQueue(pairs, False, kBackgroundPriority)
+                self.counts.errors.append(self._error(step.path, step.reason))
+        if locs:
+            self.app.coordinator.ask_for(locs)
         if not more:
             _log.info("found %d files", self.counts.found)
             self.counts.all_found = True
+            self.app.coordinator.release_followed()
             self._walk_idle = lgtk.idle_add_while_alive(
                 self._forget_some, self, priority=LOW_IDLE_PRIORITY
             )
@@ -223,46 +188,57 @@ class ScanSession(CDestroyable):
     # --- following the run
 
     def _count_file(self, info_cache: object, loc: CLocalFileLocation, record: FileRecord) -> None:
-        counts = self.counts
         self._failures = 0
+        error = None
         if record.error is not None:
-            self._add_error(FileError(loc.path, record.error, record.error_lineno))
-        if record.error is not None and record.error_lineno == 0:
-            counts.failed += 1
-            return
-        counts.scanned += 1
-        counts.definitions += record.definition_count
-        counts.bytes += record.size
+            error = self._error(loc.path, record.error, record.error_lineno)
+        if error is not None and error.lineno == 0:
+            self._tally.settle(loc, Outcome(failed=1, error=error))
+        else:
+            self._tally.settle(
+                loc,
+                Outcome(
+                    scanned=1, definitions=record.definition_count, bytes=record.size, error=error
+                ),
+            )
 
     def _count_reread(self, info_cache: object, loc: CLocation) -> None:
         self._failures = 0
-        self.counts.reread += 1
+        self._tally.settle(loc, Outcome(reread=1))
+
+    def _count_followed(self, locs: Sequence[CLocation]) -> None:
+        self._tally.follow(locs)
 
     def _count_vanished(self, modtimes: Mapping[CLocation, float]) -> None:
         for loc, modtime in modtimes.items():
             if modtime == 0 and isinstance(loc, CLocalFileLocation):
-                self.counts.vanished += 1
+                error = None
                 if not self._endless:  # there it is nothing unusual
-                    self._add_error(FileError(loc.path, "file is gone or can't be reached"))
+                    error = self._error(loc.path, "file is gone or can't be reached")
+                self._tally.settle(loc, Outcome(vanished=1, error=error))
 
-    def _add_error(self, error: FileError) -> None:
-        _log.info("%s:%d: %s", error.path, error.lineno, error.reason)
-        self.counts.errors.append(error)
+    def _error(self, path: str, reason: str, lineno: int = 0) -> FileError:
+        _log.info("%s:%d: %s", path, lineno, reason)
+        return FileError(path, reason, lineno)
 
     def _note_failure(self, failure: BaseException) -> None:
         """The engine failed in a slice and has no callback any more; `_at_rest` starts it again."""
         coordinator = self.app.coordinator
+        if isinstance(failure, StoreError):
+            # What can't be stored need not be scanned.
+            coordinator.Quitting()
+            self.give_up(failure)
+            return
         item = coordinator.failed_item
         coordinator.failed_item = None
         if item is None or item.loc is None:
-            # What can't be stored can't be scanned either.
-            self._failures += _MOST_FAILURES if isinstance(failure, StoreError) else 1
+            self._failures += 1
             self.failure = failure
         else:
             coordinator.RemoveLocationsFromQueue([item.loc])
-            self.counts.failed += 1
-            reason = f"scan failed: {type(failure).__name__}: {failure}"
-            self._add_error(FileError(str(getattr(item.loc, "path", item.loc)), reason))
+            path = str(getattr(item.loc, "path", item.loc))
+            error = self._error(path, f"scan failed: {type(failure).__name__}: {failure}")
+            self._tally.settle(item.loc, Outcome(failed=1, error=error))
         self._watch_for_end()
 
     def _watch_for_end(self) -> None:
@@ -303,10 +279,16 @@ class ScanSession(CDestroyable):
             return
         self._is_over = True
         self.seconds = perf_counter() - self._start
-        self.update_left()
+        if not self.counts.all_found:
+            self.app.coordinator.release_followed()
+        self.update_queued()
+        self._tally.settle_left(self._is_left)
         if self._walk_idle is not None:
             lgtk.idle_remove(self._walk_idle)
         self.emit("finished", self)
+
+    def _is_left(self, loc: CLocation) -> bool:
+        return self.app.coordinator.LocationInPrimaryScanQueue(loc)
 
     def _destroy_impl(self) -> None:
         self._walk.close()

@@ -53,7 +53,7 @@ class _Display(CDestroyable):
 
     def _status_updated(self, coordinator: object, status: CScanStatus) -> None:
         """The scheduler's news of each second."""
-        self._session.update_left()
+        self._session.update_queued()
         self._show(status)
 
     def _show(self, status: CScanStatus) -> None:
@@ -65,7 +65,7 @@ class _Lines(_Display):
 
     def _show(self, status: CScanStatus) -> None:
         counts = self._session.counts
-        found = f"{counts.found}" if counts.all_found else f"{counts.found} found so far"
+        found = f"{counts.total}" if counts.all_found else f"{counts.total} found so far"
         waiting = f", {status.waiting_count} waiting" if status.waiting_count else ""
         print(f"loom: {counts.done} of {found} files done{waiting}", file=sys.stderr)
 
@@ -111,7 +111,7 @@ class _Bar(_Display):
         self._redraw()
 
     def _redraw(self) -> bool:
-        self._session.update_left()
+        self._session.update_queued()
         counts = self._session.counts
         detail = f"{counts.definitions:,} definitions"
         if self._waiting:
@@ -121,7 +121,7 @@ class _Bar(_Display):
         self._progress.update(
             self._task,
             description="scanning" if counts.all_found else "finding and scanning",
-            total=counts.found,
+            total=counts.total,
             completed=counts.done,
             detail=detail,
         )

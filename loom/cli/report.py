@@ -48,6 +48,7 @@ class ScanReport:
                 "all_found": counts.all_found,
                 "scanned": counts.scanned,
                 "unchanged": counts.unchanged,
+                "reread": counts.reread,
                 "failed": counts.failed,
                 "vanished": counts.vanished,
                 "left": counts.left,
@@ -81,6 +82,8 @@ class ScanReport:
         if counts.errors:
             yield ""
         files = f"{counts.scanned:,} scanned, {counts.unchanged:,} unchanged"
+        if counts.reread:
+            files += f" ({counts.reread:,} read to make sure)"
         if counts.failed:
             files += f", {counts.failed:,} failed"
         if counts.vanished:

@@ -3,6 +3,7 @@
 import gc
 import io
 import os
+import re
 import weakref
 from pathlib import Path
 
@@ -113,15 +114,6 @@ def test_the_scheduler_is_wired_to_the_host(app):
     assert coordinator._fScanQueue._fScansToOrder == {"primary": 0, "derived": 1}
     assert app.ana_mgr.fPyConfig.python_path_locs
     assert app.ana_mgr.fHelperProcessProxy is None
-
-
-def test_this_host_resolves_no_imports(app, top):
-    factory, folder = app.ana_mgr.fAnalysisFactory, CLocalFileLocation(top)
-    assert factory._FindPrimaryLocsForNames({"os", "os.path"}, folder, False) == [None, None]
-    assert factory.FindBuiltinMod() is None
-    assert not factory.GetAllLocsForName("sys", None, False)
-    assert not factory.GetTypingLocations()
-    assert not factory.GetSecondaryLocations(folder)
 
 
 def test_the_inference_engine_answers_from_the_cache_within_its_deadline(app, main_loop, top):
@@ -369,7 +361,10 @@ def test_plain_progress_is_a_line_for_each_status_update(app, main_loop, top, mo
         main_loop.advance(1)
     main_loop.advance(5)  # after the end nothing is shown any more
     lines = stderr.getvalue().splitlines()
-    assert lines == ["loom: 3 of 3 files done"]
+    [line] = lines
+    done, total = re.fullmatch(r"loom: (\d+) of (\d+) files done", line).groups()
+    assert done == total
+    assert int(total) > 3  # the builtins, too
 
 
 def test_slice_lengths():
