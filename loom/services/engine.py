@@ -29,13 +29,16 @@ class CAnalysisMgr(CDestroyable):
     `coordinator_class` makes the scheduler, with the arguments of `CScanCoordinator`. The managers
     of the service table must be set before, and this object must be in it before a scan runs.
 
+    Signals: "files-followed" (list of locations) when files are queued, or held, that nobody asked
+    for, by a coordinator that knows.
+
     Raises what opening the database `db_path` raises.
     """
 
     def __init__(
         self, db_path: Path, coordinator_class: type[CScanCoordinator] = CScanCoordinator
     ) -> None:
-        super().__init__()
+        super().__init__(("files-followed",))
         self.fPrimaryScanName = kPrimaryScanName
         self.fDerivedScanName = kDerivedScanName
         self.fHelperProcessProxy = None
