@@ -19,6 +19,7 @@
 #include "pysource/pyrt/containers.h"
 #include "pysource/pyrt/operation.h"
 #include "pysource/pyrt/shell.h"
+#include "pysource/symbolkinds.h"
 
 namespace loom::pyscan {
 namespace {
@@ -75,7 +76,7 @@ struct Range {
 
 class Scanner {
  public:
-  explicit Scanner(Object source) : source_(std::move(source)), scan_(BytesOf(source_)) {}
+  Scanner(Object source, bool uses) : source_(std::move(source)), scan_(BytesOf(source_), uses) {}
 
   static Scanner& From(PyObject* self);
 
@@ -86,6 +87,11 @@ class Scanner {
 
   std::int64_t position() const { return static_cast<std::int64_t>(scan_.position()); }
   std::int64_t steps() const { return static_cast<std::int64_t>(scan_.steps()); }
+
+  bool MayGrow(std::int64_t scope) {
+    if (scope < 0) pyrt::Raise(PyExc_ValueError, "scope must not be negative");
+    return scan_.MayGrow(static_cast<ScopeIndex>(std::min<std::int64_t>(scope, kNoIndex)));
+  }
 
   Object Scopes(std::int64_t first, std::int64_t limit) const {
     const Results& results = scan_.results();
@@ -138,6 +144,35 @@ class Scanner {
     return list.object();
   }
 
+  Object Uses(std::int64_t first, std::int64_t limit) const {
+    const UseCollector& collector = Collector();
+    const Range range(collector.uses().size(), first, limit);
+    List list;
+    for (std::size_t i = range.begin; i < range.end; ++i) {
+      const NameUse& use = collector.uses()[i];
+      const UseGroup& group = collector.groups()[use.group];
+      list.Append(MakeTuple(MakeInt(group.scope), MakeInt(group.home), MakeName(group.text),
+                            MakeInt(static_cast<std::int64_t>(group.kind)), MakeInt(use.line),
+                            MakeInt(use.column)));
+    }
+    return list.object();
+  }
+
+  Object Used(std::int64_t first, std::int64_t limit) const {
+    const UseCollector& collector = Collector();
+    const Range range(collector.groups().size(), first, limit);
+    List list;
+    for (std::size_t i = range.begin; i < range.end; ++i) {
+      const UseGroup& group = collector.groups()[i];
+      if (!group.first || IsLocalVariable(group)) continue;
+      list.Append(MakeTuple(MakeInt(group.home), MakeName(group.text),
+                            MakeInt(static_cast<std::int64_t>(group.kind))));
+    }
+    return list.object();
+  }
+
+  std::int64_t UsedGroups() const { return static_cast<std::int64_t>(Collector().groups().size()); }
+
   Object Errors() const {
     List list;
     for (const SourceError& error : scan_.errors().errors()) {
@@ -147,6 +182,24 @@ class Scanner {
   }
 
  private:
+  const UseCollector& Collector() const {
+    if (scan_.uses() == nullptr) pyrt::Raise(PyExc_ValueError, "uses aren't recorded");
+    if (!scan_.done()) pyrt::Raise(PyExc_ValueError, "the source isn't scanned to its end");
+    return *scan_.uses();
+  }
+
+  // Whether nothing but the function itself can mean the name.
+  bool IsLocalVariable(const UseGroup& group) const {
+    if (group.text.find('.') != group.text.npos) return false;
+    return group.home == kExpression ||
+           (group.home >= 0 &&
+            IsFunctionKind(scan_.results().scopes()[static_cast<std::size_t>(group.home)].kind));
+  }
+
+  static bool IsFunctionKind(unsigned char kind) {
+    return kind != pysource::kModuleKind && kind != pysource::kClassKind;
+  }
+
   const Object source_;
   SourceScan scan_;
 };
@@ -160,14 +213,15 @@ Scanner& Scanner::From(PyObject* self) { return *reinterpret_cast<ScannerObject*
 
 PyObject* NewScanner(PyTypeObject* type, PyObject* args, PyObject* kwargs) noexcept {
   return pyrt::Guard([&]() -> Object {
-    const auto [source] = pyrt::BindInit<"SourceScanner(source)">(args, kwargs);
+    const auto [source, uses] = pyrt::BindInit<"SourceScanner(source, uses=False)">(args, kwargs);
     Object bytes = ExactBytes(source, "source");
     if (BytesOf(bytes).size() > SourceScan::kMaxSource) {
       pyrt::Raise(PyExc_ValueError, "source is longer than 4 GiB");
     }
     const auto alloc = reinterpret_cast<allocfunc>(PyType_GetSlot(type, Py_tp_alloc));
     Object self = Own(alloc(type, 0));
-    reinterpret_cast<ScannerObject*>(self.get())->scanner = new Scanner(std::move(bytes));
+    reinterpret_cast<ScannerObject*>(self.get())->scanner =
+        new Scanner(std::move(bytes), uses != nullptr && pyrt::Check(PyObject_IsTrue(uses)) != 0);
     return self;
   });
 }
@@ -220,6 +274,8 @@ Object MakeScannerType(const Object& module) {
       kMethod<"scan(max_bytes)",
               "Go on for about max_bytes bytes; return True when the source is scanned.",
               &Scanner::Scan>(),
+      kMethod<"may_grow(scope)", "Return whether what follows may still add to a scope.",
+              &Scanner::MayGrow>(),
       kMethod<"scopes(first=0, limit=-1)", "Return the scopes found so far, the module first.",
               &Scanner::Scopes>(),
       kMethod<"names(first=0, limit=-1)", "Return each binding of a name found so far.",
@@ -227,17 +283,23 @@ Object MakeScannerType(const Object& module) {
       kMethod<"definitions(first=0, limit=-1)", "Return the names worth finding from anywhere.",
               &Scanner::Definitions>(),
       kMethod<"imports()", "Return what the source imports, each once.", &Scanner::Imports>(),
+      kMethod<"uses(first=0, limit=-1)", "Return each place where a name stands.",
+              &Scanner::Uses>(),
+      kMethod<"used(first=0, limit=-1)", "Return what the source uses, each once.",
+              &Scanner::Used>(),
       kMethod<"errors()", "Return what is wrong with the source, the first 100 remarks.",
               &Scanner::Errors>(),
       {nullptr, nullptr, 0, nullptr}};
   static PyGetSetDef fields[] = {
       pyrt::Field<"position", "How many bytes have been walked.", Scanner,
                   [](Scanner& scanner) { return scanner.position(); }>::Def(),
+      pyrt::Field<"used_groups", "How many groups of uses used() walks over.", Scanner,
+                  [](Scanner& scanner) { return scanner.UsedGroups(); }>::Def(),
       pyrt::Field<"_steps", "How much work was done: bytes walked and tokens looked at.", Scanner,
                   [](Scanner& scanner) { return scanner.steps(); }>::Def(),
       {nullptr, nullptr, nullptr, nullptr, nullptr}};
   static constexpr char kDoc[] =
-      "SourceScanner(source)\n--\n\nA resumable scan of Python source in UTF-8.";
+      "SourceScanner(source, uses=False)\n--\n\nA resumable scan of Python source in UTF-8.";
   static PyType_Slot slots[] = {{Py_tp_doc, const_cast<char*>(kDoc)},
                                 {Py_tp_new, reinterpret_cast<void*>(&NewScanner)},
                                 {Py_tp_dealloc, reinterpret_cast<void*>(&DeallocScanner)},

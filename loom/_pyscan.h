@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,6 +22,7 @@
 #include "loom/_pyscan/lexer.h"
 #include "loom/_pyscan/results.h"
 #include "loom/_pyscan/statements.h"
+#include "loom/_pyscan/uses.h"
 
 namespace loom::pyscan {
 
@@ -31,8 +33,9 @@ class SourceScan {
   // Deeper blocks are scanned as if they belonged to the one around them. Python allows 100.
   static constexpr std::size_t kMaxBlocks = 100;
 
-  // Requires: source.size() <= kMaxSource. The text is not copied and must outlive the scan.
-  explicit SourceScan(std::string_view source);
+  // Requires: source.size() <= kMaxSource. The text is not copied and must outlive the scan. Uses
+  // of names are recorded only with record_uses.
+  explicit SourceScan(std::string_view source, bool record_uses = false);
   SourceScan(const SourceScan&) = delete;
   SourceScan& operator=(const SourceScan&) = delete;
 
@@ -40,12 +43,17 @@ class SourceScan {
   // been found does not depend on how the walk was divided.
   bool Scan(std::size_t max_bytes);
   bool done() const { return done_; }
+  // Whether what follows may still add to a scope: its block is open, or goes on if the next line is
+  // indented too deeply. A scope that hasn't been found yet may.
+  bool MayGrow(ScopeIndex scope) const;
   // How far the walk has come; never goes back.
   std::size_t position() const { return done_ ? source_size_ : position_; }
   // A measure of the work done: bytes walked, tokens looked at.
   std::uint64_t steps() const { return walked_ + parser_.steps(); }
 
   const Results& results() const { return results_; }
+  // None without record_uses. The homes of names are known when the scan is done.
+  const UseCollector* uses() const { return uses_ ? &*uses_ : nullptr; }
   const ErrorList& errors() const { return errors_; }
 
  private:
@@ -65,6 +73,7 @@ class SourceScan {
   const std::size_t source_size_;
   ErrorList errors_;
   Results results_;
+  std::optional<UseCollector> uses_;
   Lexer lexer_;
   StatementParser parser_;
   std::vector<Block> blocks_;
@@ -74,6 +83,7 @@ class SourceScan {
   bool expects_block_ = false;
   BlockContext expected_;
   std::uint32_t last_line_ = 1;  // line on which the last logical line ended
+  bool at_end_ = false;          // of the text; the homes of uses may still be looked for
   bool done_ = false;
   std::size_t position_ = 0;
   std::uint64_t walked_ = 0;

@@ -9,6 +9,7 @@ class SourceScanner:
 
     `source` is UTF-8 and may start with a byte order mark; it need be neither valid UTF-8 nor valid
     Python. It is kept and not copied. Anything but bytes is a TypeError, 4 GiB or more a ValueError.
+    With `uses`, the uses of names are recorded, too, which takes about as long as the rest.
 
     All results can be asked for at any time and cover what has been scanned so far. They do not
     depend on how the scan was divided. Long lists can be asked for in parts: `limit` items from item
@@ -18,12 +19,19 @@ class SourceScanner:
     escapes such as "\\xff" in place of the bytes. Line numbers count from 1.
     """
 
-    def __new__(cls, source: bytes) -> Self: ...
+    def __new__(cls, source: bytes, uses: bool = False) -> Self: ...
     def scan(self, max_bytes: int) -> bool:
         """Go on for about `max_bytes` bytes, and at least one token.
 
         Return True when the whole source is scanned; further calls do nothing then. A `max_bytes`
         below 1 is a ValueError.
+        """
+
+    def may_grow(self, scope: int) -> bool:
+        """Return whether what follows may still add to the scope with this index.
+
+        True for a scope that hasn't been found yet, False for all when the source is scanned. A
+        negative index is a ValueError.
         """
 
     @property
@@ -54,6 +62,32 @@ class SourceScanner:
         or class bind (each once, kind "="), and the attributes that methods give to their instances
         (each once a class, the bare attribute, kind "I", in the scope of the method).
         """
+
+    def uses(
+        self, first: int = 0, limit: int = -1
+    ) -> list[tuple[int, int, str, int, int, int]]:
+        """Return (scope index, home, text, kind, lineno, column) of each place where a name stands.
+
+        `text` is the name with the attributes behind it, "a.b.c"; ".b" are attributes of something
+        that isn't a name; for a name of a from-import, kind "f", "module name". `home` is the index of
+        the scope that the first name belongs to, -1 for one that no scope of the file binds, -2 for one
+        that a comprehension or a lambda binds, -3 for what is no name of a scope. `column` is that of
+        the first name, in bytes from the begin of its line, from 0. In order of places.
+
+        A ValueError unless the scanner was made with `uses` and the scan is over; the same for `used`.
+        """
+
+    def used(self, first: int = 0, limit: int = -1) -> list[tuple[int, str, int]]:
+        """Return (home, text, kind) of what `uses` tells, each once.
+
+        Plain variables of functions, comprehensions and lambdas are left out. `first` and `limit` count
+        groups of uses, of which not all are listed: a part can be shorter than its limit, or empty.
+        Whoever takes parts needs `used_groups`.
+        """
+
+    @property
+    def used_groups(self) -> int:
+        """How many groups of uses `used` walks over."""
 
     def imports(self) -> list[bytes]:
         """Return the import equivalents, each once: b":ia.b" or b":fmodule name"."""

@@ -101,7 +101,10 @@ void StatementParser::Annotated(std::size_t begin, std::size_t colon, std::size_
   if (name.empty()) return;
   const bool has_value = equal < end;
   const bool annotates = target == begin || !attribute.empty();
-  if (!annotates && !has_value) return;
+  if (!annotates && !has_value) {
+    PassWord(target);
+    return;
+  }
   EntryIndex entry = kNoIndex;
   if (annotates) {
     entry = results_.Bind(scope_, name, pysource::kTypeHintKind, Line(target));

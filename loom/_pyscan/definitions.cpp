@@ -201,6 +201,17 @@ std::size_t StatementParser::TypeAlias(std::size_t i) {
   const std::size_t name = i + 1;
   const std::size_t end = StatementEnd(i);
   const std::size_t equal = Find(Tok::kEqual, name, end);
+  PassWord(i);
+  if (uses_ != nullptr && Bracket(name + 1) == '[') {
+    for (std::size_t j = name + 2; j < CloseOf(name + 1);
+         j = Find(Tok::kComma, j, CloseOf(name + 1)) + 1) {
+      const std::size_t parameter =
+          Kind(j) == Tok::kStar || Kind(j) == Tok::kDoubleStar ? j + 1 : j;
+      if (Kind(parameter) != Tok::kName) continue;
+      PassWord(parameter);
+      uses_->LocalOfLine(Text(parameter));
+    }
+  }
   const EntryIndex entry =
       results_.Bind(scope_, Text(name), pysource::kGenericTypeAliasKind, Line(name));
   results_.AddPart(entry, Part(pysource::kGenericTypeAliasPrefix, name + 1, equal));

@@ -33,10 +33,11 @@ bool StartsBlock(Tok first) {
 
 }  // namespace
 
-Lexer::Lexer(std::string_view source, ErrorList& errors)
+Lexer::Lexer(std::string_view source, ErrorList& errors, bool keep_inner)
     : base_(source.data()),
       end_(source.data() + source.size()),
       errors_(errors),
+      keep_inner_(keep_inner),
       p_(base_),
       limit_(base_),
       line_start_(base_),
@@ -51,6 +52,7 @@ Lexer::Event Lexer::Run(std::size_t max_bytes) {
     line_.tokens.Resize(0);
     line_.walruses.clear();
     line_.yields.clear();
+    line_.inner.Resize(0);
     last_ = Token{};
   }
   const std::size_t start = position();
@@ -275,6 +277,12 @@ void Lexer::Recover(const char* line_start, std::uint32_t line_number) {
   line_done_ = true;
 }
 
+void Lexer::CutInner(std::uint32_t at) {
+  std::uint32_t size = line_.inner.size();
+  while (size > 0 && line_.inner[size - 1].begin >= at) --size;
+  line_.inner.Resize(size);
+}
+
 // Drops what begins at or behind `at` from the line, and everything that is open.
 void Lexer::CutLine(const char* at) {
   const std::uint32_t cut = Offset(at);
@@ -304,6 +312,7 @@ void Lexer::CutLine(const char* at) {
     if (walrus.token >= size) walrus.token = kNoToken;
   }
   while (!line_.yields.empty() && line_.yields.back() >= size) line_.yields.pop_back();
+  CutInner(cut);
   line_.last_line = tokens.back().line;
   frames_.clear();
   ForgetLambdas();

@@ -57,7 +57,8 @@ class Lexer {
   static constexpr std::ptrdiff_t kMaxLookAhead = 4096;
 
   // Requires `source` to be shorter than 4 GiB and, like `errors`, to outlive the lexer.
-  Lexer(std::string_view source, ErrorList& errors);
+  // With keep_inner, the tokens inside of f-strings are kept apart.
+  Lexer(std::string_view source, ErrorList& errors, bool keep_inner = false);
 
   // Lexes about max_bytes, at least one token. The line of an earlier kLine is gone.
   Event Run(std::size_t max_bytes);
@@ -123,6 +124,7 @@ class Lexer {
   void Recover(const char* line_start, std::uint32_t line_number);
   bool MayWalkBack(const char* to);
   void CutLine(const char* at);
+  void CutInner(std::uint32_t at);
   bool SkipBlanks();
   bool SkipComment();
   bool SkipConflictMarker();
@@ -134,7 +136,12 @@ class Lexer {
   [[gnu::always_inline]] Token* Emit(Tok kind, const char* begin, const char* end) {
     last_ = {Offset(begin), Offset(end), line_number_, kNoToken, kind, 0};
     line_.last_line = line_number_;
-    return MayStore() ? &line_.tokens.Add(last_) : nullptr;
+    if (MayStore()) return &line_.tokens.Add(last_);
+    if (keep_inner_) KeepInner(last_);
+    return nullptr;
+  }
+  void KeepInner(const Token& token) {
+    if (literals_ != 0 && line_.inner.size() < kMaxNestedTokens) line_.inner.Add(token);
   }
   bool MayStore() const {
     return literals_ == 0 &&
@@ -149,6 +156,7 @@ class Lexer {
   const char* const base_;
   const char* const end_;
   ErrorList& errors_;
+  const bool keep_inner_;
   const char* p_;
   const char* limit_;
   const char* line_start_;

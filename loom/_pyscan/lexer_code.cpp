@@ -341,6 +341,8 @@ void Lexer::CloseBracket() {
   if (opener != kNoToken) {
     line_.tokens[opener].match = line_.tokens.size();
     line_.tokens.Add(last_);
+  } else if (keep_inner_) {
+    KeepInner(last_);
   }
 }
 

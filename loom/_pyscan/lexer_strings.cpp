@@ -69,6 +69,7 @@ bool Lexer::WalkBackInto(const Frame& literal) {
   std::vector<Walrus>& walruses = line_.walruses;
   const std::uint32_t cut = Offset(p_);
   while (!walruses.empty() && walruses.back().begin >= cut) walruses.pop_back();
+  CutInner(cut);
   return true;
 }
 
@@ -128,6 +129,7 @@ void Lexer::EndField() {
   while (frames_.back().kind != FrameKind::kField) {
     PopFrame(frames_.back().kind != FrameKind::kFormat);
   }
+  if (keep_inner_) KeepInner({Offset(p_) - 1, Offset(p_), line_number_, kNoToken, Tok::kClose, 0});
   PopFrame(false);
   mode_ = Mode::kFormatted;
 }
@@ -191,6 +193,8 @@ Lexer::Stop Lexer::LexFormatted() {
       field.line = line_number_;
       field.token = kNoToken;
       field.kind = FrameKind::kField;
+      if (keep_inner_)
+        KeepInner({field.begin, field.begin + 1, line_number_, kNoToken, Tok::kOpen, 0});
       ++p_;
       outer_open_.push_back(open_);
       open_ = {};

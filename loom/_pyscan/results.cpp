@@ -3,6 +3,7 @@
 #include <chrono>
 #include <utility>
 
+#include "loom/_pyscan/uses.h"
 #include "pysource/symbolkinds.h"
 
 namespace loom::pyscan {
@@ -27,6 +28,19 @@ bool QuotesExpression(std::string_view part) {
   const std::string_view prefix = part.substr(0, pysource::kPrefixLen);
   return prefix == pysource::kSetPrefix || prefix == pysource::kWithinExprPrefix ||
          prefix == pysource::kDecoratorPrefix || prefix == pysource::kTypeHintPrefix;
+}
+
+std::uint8_t HowBound(unsigned char kind) {
+  switch (kind) {
+    case pysource::kGlobalKind:
+      return kDeclaredGlobal;
+    case pysource::kNonlocalKind:
+      return kDeclaredNonlocal;
+    case pysource::kTypeParameterKind:
+      return kBoundAsTypeParameter;
+    default:
+      return kBoundHere;
+  }
 }
 
 }  // namespace
@@ -69,13 +83,22 @@ ScopeIndex Results::OpenScope(ScopeIndex parent, std::string_view name, unsigned
   return static_cast<ScopeIndex>(scopes_.size() - 1);
 }
 
+EntryIndex Results::Find(ScopeIndex scope, std::string_view name, std::uint32_t hash) const {
+  return entry_table_.Find(
+      hash, [&](EntryIndex e) { return entries_[e].scope == scope && entries_[e].name == name; });
+}
+
+std::uint8_t Results::Binds(ScopeIndex scope, std::string_view name) const {
+  const EntryIndex entry = Find(scope, name, HashText(name, scope));
+  return entry == kNoIndex ? 0 : entries_[entry].binds;
+}
+
 EntryIndex Results::EntryOf(ScopeIndex scope, std::string_view name) {
   const std::uint32_t hash = HashText(name, scope);
-  const EntryIndex found = entry_table_.Find(
-      hash, [&](EntryIndex e) { return entries_[e].scope == scope && entries_[e].name == name; });
+  const EntryIndex found = Find(scope, name, hash);
   if (found != kNoIndex) return found;
   const EntryIndex entry = static_cast<EntryIndex>(entries_.size());
-  entries_.push_back({name, scope, kNoIndex, kNoIndex, kNoIndex, 0, 0, 0, false});
+  entries_.push_back({name, scope, kNoIndex, kNoIndex, kNoIndex, 0, 0, 0, false, 0});
   entry_table_.Add(hash, entry);
   Scope& owner = scopes_[scope];
   if (owner.first_entry == kNoIndex) {
@@ -91,6 +114,8 @@ EntryIndex Results::Bind(ScopeIndex scope, std::string_view name, unsigned char 
                          std::uint32_t line) {
   const EntryIndex entry = EntryOf(scope, name);
   bindings_.push_back({entry, line, kind});
+  entries_[entry].binds |= HowBound(kind);
+  if (uses_ != nullptr) uses_->Bind(name, scope, kind);
   return entry;
 }
 

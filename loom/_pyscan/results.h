@@ -17,9 +17,17 @@
 
 namespace loom::pyscan {
 
+class UseCollector;
+
 using ScopeIndex = std::uint32_t;
 using EntryIndex = std::uint32_t;
 inline constexpr std::uint32_t kNoIndex = 0xFFFFFFFFu;
+
+// How a scope binds a name, as bits.
+inline constexpr std::uint8_t kBoundHere = 1;
+inline constexpr std::uint8_t kDeclaredGlobal = 2;
+inline constexpr std::uint8_t kDeclaredNonlocal = 4;
+inline constexpr std::uint8_t kBoundAsTypeParameter = 8;
 
 struct Scope {
   std::string name;   // full; empty for the module
@@ -44,6 +52,7 @@ struct Entry {
   std::uint32_t definitions;  // how many definitions of this name the scope holds
   std::uint16_t expressions;  // how many parts quote an expression
   bool listed;                // stands in definitions() as an assignment
+  std::uint8_t binds;         // 0 for a name that has information only
 };
 
 // A part of an information string, its text in a common buffer.
@@ -89,6 +98,8 @@ class Results {
   EntryIndex EntryOf(ScopeIndex scope, std::string_view name);
   // Records a binding of the name.
   EntryIndex Bind(ScopeIndex scope, std::string_view name, unsigned char kind, std::uint32_t line);
+  // How the scope itself binds the name; 0 if it doesn't.
+  std::uint8_t Binds(ScopeIndex scope, std::string_view name) const;
   // Adds a part to the information of a name, unless it stands there. A part of the kinds that
   // quote an expression is dropped beyond kMaxExpressions.
   void AddPart(EntryIndex entry, std::string_view part);
@@ -110,6 +121,9 @@ class Results {
   const std::vector<Binding>& bindings() const { return bindings_; }
   const std::vector<Definition>& definitions() const { return definitions_; }
   const std::vector<std::string_view>& imports() const { return imports_; }
+
+  // Whoever wants to be told of each binding; none if null.
+  void set_uses(UseCollector* uses) { uses_ = uses; }
 
   // Calls fn(name, information) for each name of a scope that has information, in order of
   // appearance.
@@ -136,6 +150,7 @@ class Results {
     std::uint32_t definition;  // index in definitions_
   };
 
+  EntryIndex Find(ScopeIndex scope, std::string_view name, std::uint32_t hash) const;
   bool HasPart(const Entry& owner, EntryIndex entry, std::string_view part) const;
   std::string_view PartText(const Part& part) const {
     return std::string_view(part_text_).substr(part.begin, part.length);
@@ -154,6 +169,7 @@ class Results {
   IndexTable import_table_;
   std::vector<Attribute> attributes_;
   IndexTable attribute_table_;  // over attributes_
+  UseCollector* uses_ = nullptr;
 };
 
 }  // namespace loom::pyscan

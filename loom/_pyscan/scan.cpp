@@ -7,17 +7,22 @@
 
 namespace loom::pyscan {
 
-SourceScan::SourceScan(std::string_view source)
+// What finding the home of a name is worth, in bytes of lexing.
+constexpr std::size_t kBytesPerHome = 32;
+
+SourceScan::SourceScan(std::string_view source, bool record_uses)
     : source_size_(source.size()),
       results_(source.size()),
-      lexer_(source, errors_),
-      parser_(source, results_, errors_) {
+      uses_(record_uses ? std::make_optional<UseCollector>(source, results_) : std::nullopt),
+      lexer_(source, errors_, record_uses),
+      parser_(source, results_, errors_, uses_ ? &*uses_ : nullptr) {
+  if (uses_) results_.set_uses(&*uses_);
   blocks_.push_back({});
 }
 
 bool SourceScan::Scan(std::size_t max_bytes) {
   std::size_t left = std::max<std::size_t>(max_bytes, 1);
-  while (!done_) {
+  while (!at_end_) {
     const Lexer::Event event = lexer_.Run(left);
     walked_ += lexer_.walked();
     position_ = std::max(position_, lexer_.position());
@@ -26,12 +31,25 @@ bool SourceScan::Scan(std::size_t max_bytes) {
     } else if (event == Lexer::Event::kEnd) {
       if (expects_block_) errors_.Add(last_line_, "expected an indented block");
       while (!blocks_.empty()) PopBlock();
-      done_ = true;
+      at_end_ = true;
     }
-    if (lexer_.walked() >= left) break;
+    if (lexer_.walked() >= left) {
+      if (uses_) return false;
+      break;
+    }
     left -= lexer_.walked();
   }
+  if (at_end_) done_ = !uses_ || uses_->Resolve(std::max<std::size_t>(left / kBytesPerHome, 1));
   return done_;
+}
+
+bool SourceScan::MayGrow(ScopeIndex scope) const {
+  if (done_) return false;
+  if (scope >= results_.scopes().size()) return true;
+  if (expects_block_ && expected_.scope == scope) return true;
+  const auto belongs = [scope](const Block& block) { return block.context.scope == scope; };
+  return std::any_of(blocks_.begin(), blocks_.end(), belongs) ||
+         std::any_of(ended_.begin(), ended_.end(), belongs);
 }
 
 void SourceScan::TakeLine(const LogicalLine& line) {
@@ -60,7 +78,9 @@ void SourceScan::TakeLine(const LogicalLine& line) {
   if (line.column == blocks_.back().column && line.alt_column != blocks_.back().alt_column) {
     errors_.Add(first_line, "inconsistent use of tabs and spaces in indentation");
   }
+  const ScopeIndex scope = blocks_.back().context.scope;
   expects_block_ = parser_.ParseLine(line, blocks_.back().context);
+  if (uses_) uses_->TakeLine(line, scope);
   if (expects_block_) expected_ = parser_.opened();
   last_line_ = line.last_line;
 }

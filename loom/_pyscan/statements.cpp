@@ -8,8 +8,9 @@
 
 namespace loom::pyscan {
 
-StatementParser::StatementParser(std::string_view source, Results& results, ErrorList& errors)
-    : source_(source), results_(results), errors_(errors) {}
+StatementParser::StatementParser(std::string_view source, Results& results, ErrorList& errors,
+                                 UseCollector* uses)
+    : source_(source), results_(results), errors_(errors), uses_(uses) {}
 
 bool StatementParser::ParseLine(const LogicalLine& line, const BlockContext& block) {
   line_ = &line;
@@ -101,6 +102,7 @@ std::size_t StatementParser::Suite(std::size_t colon, BlockContext context) {
   if (complete && colon + 1 < count_) {
     if (context.scope != scope_) {
       inline_scopes_.push_back(context.scope);
+      if (uses_ != nullptr) uses_->ChangeScope((*tokens_)[colon].end, context.scope);
       scope_ = context.scope;
     }
     return colon + 1;
@@ -261,6 +263,7 @@ bool StatementParser::IsMatch(std::size_t i) const {
 }
 
 std::size_t StatementParser::Match(std::size_t i) {
+  PassWord(i);
   const std::size_t colon = HeaderEnd(i);
   BlockContext context{scope_, true};
   Expression(i + 1, colon, context.subject);
@@ -268,12 +271,17 @@ std::size_t StatementParser::Match(std::size_t i) {
 }
 
 std::size_t StatementParser::Case(std::size_t i, const BlockContext& block) {
+  PassWord(i);
   const std::size_t colon = HeaderEnd(i);
   const std::size_t end = Find(Tok::kKwIf, i + 1, colon);
   for (std::size_t j = i + 1; j < end; ++j) {
     ++steps_;
     // A name is a capture unless it is part of a dotted name, a class, or a keyword of a class.
-    if (Kind(j) != Tok::kName || Kind(j - 1) == Tok::kDot || Text(j) == "_") continue;
+    if (Kind(j) != Tok::kName || Kind(j - 1) == Tok::kDot) continue;
+    if (Text(j) == "_") {
+      PassWord(j);
+      continue;
+    }
     if (j + 1 < end &&
         (Kind(j + 1) == Tok::kDot || Bracket(j + 1) == '(' || Kind(j + 1) == Tok::kEqual)) {
       continue;
@@ -308,21 +316,25 @@ std::size_t StatementParser::Import(std::size_t i) {
       ++steps_;
     }
     results_.AddImport(equivalent);
+    NoteImport(UseKind::kImport, std::string_view(equivalent).substr(pysource::kPrefixLen), first);
     const bool aliased = j + 1 < end && Kind(j) == Tok::kKwAs && Kind(j + 1) == Tok::kName;
     const std::size_t bound = aliased ? j + 1 : first;
     const EntryIndex entry = results_.Bind(scope_, Text(bound), pysource::kImportKind, Line(first));
     results_.AddPart(entry, equivalent);
     if (aliased) {
       results_.AddPart(entry, part_.assign(pysource::kImportAsNamePrefix).append(Text(bound)));
+      NoteImport(UseKind::kBound, Text(bound), bound);
     }
     j = Find(Tok::kComma, j, end);
   }
+  PassImport(i, end);
   return end;
 }
 
 std::size_t StatementParser::FromImport(std::size_t i) {
   const std::size_t end = StatementEnd(i);
   const std::size_t import = Find(Tok::kKwImport, i + 1, end);
+  PassImport(i, end);
   if (import == end) return end;
   std::string module(pysource::kFromImportPrefix);
   for (std::size_t j = i + 1; j < import; j = Next(j)) {
@@ -331,6 +343,7 @@ std::size_t StatementParser::FromImport(std::size_t i) {
     }
   }
   if (module.size() == pysource::kPrefixLen) return end;
+  NoteImport(UseKind::kImport, std::string_view(module).substr(pysource::kPrefixLen), i + 1);
   module += ' ';
   const bool parenthesised = Bracket(import + 1) == '(';
   std::size_t j = parenthesised ? import + 2 : import + 1;
@@ -345,6 +358,7 @@ std::size_t StatementParser::FromImport(std::size_t i) {
     module.resize(module_size);
     module += Text(j);
     results_.AddImport(module);
+    NoteImport(UseKind::kFrom, std::string_view(module).substr(pysource::kPrefixLen), j);
     const bool aliased = j + 2 < last && Kind(j) == Tok::kName && Kind(j + 1) == Tok::kKwAs &&
                          Kind(j + 2) == Tok::kName;
     const std::size_t bound = aliased ? j + 2 : j;
@@ -352,6 +366,7 @@ std::size_t StatementParser::FromImport(std::size_t i) {
     results_.AddPart(entry, module);
     if (aliased) {
       results_.AddPart(entry, part_.assign(pysource::kImportAsNamePrefix).append(Text(bound)));
+      NoteImport(UseKind::kBound, Text(bound), bound);
     }
     j = bound + 1;
   }

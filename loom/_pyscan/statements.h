@@ -16,6 +16,7 @@
 #include "loom/_pyscan/errors.h"
 #include "loom/_pyscan/results.h"
 #include "loom/_pyscan/token.h"
+#include "loom/_pyscan/uses.h"
 
 namespace loom::pyscan {
 
@@ -30,7 +31,8 @@ struct BlockContext {
 class StatementParser {
  public:
   // Requires: all outlive the parser; nothing else adds to the results.
-  StatementParser(std::string_view source, Results& results, ErrorList& errors);
+  // `uses` is told about the uses of names; it may be null.
+  StatementParser(std::string_view source, Results& results, ErrorList& errors, UseCollector* uses);
 
   // Records what the line binds in the scope of `block`. Returns true if an indented block is to
   // follow, with its context in opened().
@@ -125,12 +127,23 @@ class StatementParser {
   void Expression(std::size_t begin, std::size_t end, std::string& out) const;
   // prefix + expression, valid until the next call.
   std::string_view Part(std::string_view prefix, std::size_t begin, std::size_t end);
+  // The token is a word of the grammar and no name.
+  void PassWord(std::size_t i) const {
+    if (uses_ != nullptr) uses_->Pass((*tokens_)[i].begin, (*tokens_)[i].end);
+  }
+  void NoteImport(UseKind kind, std::string_view text, std::size_t i) const {
+    if (uses_ != nullptr) uses_->Import(kind, text, (*tokens_)[i].begin, Line(i), scope_);
+  }
+  void PassImport(std::size_t begin, std::size_t end) const {
+    if (uses_ != nullptr) uses_->Pass((*tokens_)[begin].begin, (*tokens_)[end - 1].end);
+  }
   bool IsModuleOrClass(ScopeIndex scope) const;
   bool IsFunction(ScopeIndex scope) const { return !IsModuleOrClass(scope); }
 
   const std::string_view source_;
   Results& results_;
   ErrorList& errors_;
+  UseCollector* const uses_;
   std::uint64_t steps_ = 0;
   std::vector<std::string> decorators_;
 

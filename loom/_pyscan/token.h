@@ -135,6 +135,7 @@ struct Walrus {
 
 struct LogicalLine {
   TokenList tokens;
+  TokenList inner;  // those inside of f-strings, if they are asked for; "{" and "}" of a field, too
   std::vector<Walrus> walruses;
   std::vector<std::uint32_t> yields;  // tokens "yield" outside of lambdas and f-strings
   std::uint32_t column = 0;           // of the first token, tabs to multiples of 8

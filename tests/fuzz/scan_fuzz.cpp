@@ -65,6 +65,41 @@ std::string Found(const SourceScan& scan) {
   return text;
 }
 
+// Everything about uses.
+std::string FoundUses(const SourceScan& scan) {
+  std::string text;
+  for (const auto& use : scan.uses()->uses()) {
+    const auto& group = scan.uses()->groups()[use.group];
+    Append(text, {group.text, std::to_string(group.scope), std::to_string(group.home),
+                  std::to_string(static_cast<int>(group.kind)), std::to_string(use.line),
+                  std::to_string(use.column)});
+  }
+  return text;
+}
+
+// Each use lies within the source, in order, with its first name where it is said to be.
+void CheckUses(const SourceScan& scan, std::string_view source) {
+  std::vector<std::size_t> starts{source.starts_with("\xEF\xBB\xBF") ? std::size_t{3} : 0};
+  for (std::size_t i = 0; i < source.size(); ++i) {
+    if (source[i] == '\n' || (source[i] == '\r' && source.substr(i + 1, 1) != "\n")) {
+      starts.push_back(i + 1);
+    }
+  }
+  const auto scopes = static_cast<std::int64_t>(scan.results().scopes().size());
+  std::size_t last = 0;
+  for (const auto& use : scan.uses()->uses()) {
+    const auto& group = scan.uses()->groups()[use.group];
+    FUZZ_CHECK(group.scope < scopes && group.home >= -3 && group.home < scopes);
+    FUZZ_CHECK(use.line >= 1 && use.line <= starts.size());
+    const std::size_t begin = starts[use.line - 1] + use.column;
+    FUZZ_CHECK(begin < source.size() && begin >= last);
+    last = begin;
+    const std::string_view text = group.text;
+    if (text.starts_with('.') || text.find(' ') != text.npos) continue;
+    FUZZ_CHECK(source.substr(begin).starts_with(text.substr(0, text.find('.'))));
+  }
+}
+
 std::uint32_t CountLines(std::string_view source) {
   std::uint32_t lines = 1;
   for (std::size_t i = 0; i < source.size(); ++i) {
@@ -182,6 +217,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Scan(divided, size, chunk);
     FUZZ_CHECK(Found(divided) == found);
   }
+
+  SourceScan with_uses(source.view(), true);
+  Scan(with_uses, size, size + 1);
+  FUZZ_CHECK(Found(with_uses) == found);
+  CheckUses(with_uses, source.view());
+  SourceScan uses_divided(source.view(), true);
+  Scan(uses_divided, size, 2 + sum % 30);
+  FUZZ_CHECK(FoundUses(uses_divided) == FoundUses(with_uses));
 
   const std::uint32_t lines = CountLines(source.view());
   CheckScopes(whole.results(), lines);

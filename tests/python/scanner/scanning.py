@@ -20,7 +20,7 @@ class Scanned:
     """All results of a finished scan."""
 
     def __init__(self, source: str | bytes, chunk: int = 1 << 20) -> None:
-        data = source.encode() if isinstance(source, str) else source
+        self.data = data = source.encode() if isinstance(source, str) else source
         scanner = SourceScanner(data)
         self.calls = 1
         while not scanner.scan(chunk):
@@ -42,6 +42,26 @@ class Scanned:
         self.errors = self.raw[4]
         self.steps = scanner._steps
         self.position = scanner.position
+
+    def with_uses(self, chunk: int = 1 << 20) -> "Scanned":
+        """Scan once more for `uses`, `used`; everything else must come out the same."""
+        scanner = SourceScanner(self.data, uses=True)
+        while not scanner.scan(chunk):
+            self.calls += 1
+        raw = (
+            scanner.scopes(),
+            scanner.names(),
+            scanner.definitions(),
+            scanner.imports(),
+            scanner.errors(),
+        )
+        assert raw == self.raw
+        self.uses = [
+            (scope, home, text, chr(kind), line, column)
+            for scope, home, text, kind, line, column in scanner.uses()
+        ]
+        self.used = [(home, text, chr(kind)) for home, text, kind in scanner.used()]
+        return self
 
     def scope(self, name: str) -> Scope:
         """Return the scope of that name."""

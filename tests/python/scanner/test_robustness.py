@@ -273,11 +273,11 @@ def test_only_bytes_can_be_scanned(source: object) -> None:
 
 def test_constructor_takes_its_argument_by_name() -> None:
     """As its signature says."""
-    assert SourceScanner(source=b"").scan(1)
+    assert SourceScanner(source=b"", uses=False).scan(1)
     with pytest.raises(TypeError):
         SourceScanner()
     with pytest.raises(TypeError):
-        SourceScanner(b"", b"")
+        SourceScanner(b"", True, b"")
 
 
 @pytest.mark.parametrize("size", [0, -1, -(1 << 62)])
