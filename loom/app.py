@@ -12,6 +12,7 @@ from singleton import GetSingletons
 from loom.followed import FollowingCoordinator
 from loom.mainloop.base import MainLoop
 from loom.services.engine import CAnalysisMgr
+from loom.services.gui import CGuiMgr
 from loom.services.managers import CCacheMgr, CFileAttribMgr, CPrefMgr, CSavableMgr
 
 __all__ = ["App", "spare_full_collections"]
@@ -48,6 +49,7 @@ class App(CDestroyable):
             self.attribs = table.fFileAttribMgr = CFileAttribMgr()
             table.fCacheMgr = CCacheMgr(self.attribs)
             table.fSavableMgr = CSavableMgr()
+            table.fGuiMgr = CGuiMgr()
             self.ana_mgr = CAnalysisMgr(db_path, FollowingCoordinator)
         except BaseException:
             self._clear_table()
@@ -68,6 +70,7 @@ class App(CDestroyable):
     def _clear_table(self) -> None:
         table = GetSingletons()
         table.fAnalysisMgr = None
+        table.fGuiMgr = None
         table.fCacheMgr = None
         table.fSavableMgr = None
         table.fFileAttribMgr = None
