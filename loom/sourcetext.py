@@ -41,13 +41,22 @@ class SourceError(Exception):
     """The file can't be scanned; the text is the reason.
 
     `gone` is true if there is no such file. `lasting` is true if the reason holds for as long as
-    the file's time and size stay what they are, so that trying again is no use.
+    the file's time and size stay what they are, so that trying again is no use. `unreachable` is
+    true if the reason says nothing about the file, so that what is known of it still holds.
     """
 
-    def __init__(self, reason: str, *, gone: bool = False, lasting: bool = False) -> None:
+    def __init__(
+        self,
+        reason: str,
+        *,
+        gone: bool = False,
+        lasting: bool = False,
+        unreachable: bool = False,
+    ) -> None:
         super().__init__(reason)
         self.gone = gone
         self.lasting = lasting
+        self.unreachable = unreachable
 
 
 @dataclass(slots=True)

@@ -1,6 +1,8 @@
-"""Servers on other machines that inspect remote files. This host starts none yet."""
+"""Servers on other machines that inspect remote files."""
 
 from __future__ import annotations
+
+from collections.abc import Iterable
 
 from .destroyable import CDestroyable
 
@@ -8,13 +10,13 @@ __all__ = ["CRemoteServerManager"]
 
 
 class CRemoteServerManager(CDestroyable):
-    """Keeps the server of one remote host.
+    """Keeps the server of one remote host. `names` are a subclass's further signals.
 
     Signals: "server-stopped" (manager) when the server has ended for whatever reason.
     """
 
-    def __init__(self) -> None:
-        super().__init__(("server-stopped",))
+    def __init__(self, names: Iterable[str] = ()) -> None:
+        super().__init__(("server-stopped", *names))
 
     def ServerStopped(self) -> None:
         """To be called by whoever notices that the server is gone."""

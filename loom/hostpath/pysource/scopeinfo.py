@@ -17,6 +17,7 @@ from typing import Final, NamedTuple, TypeVar
 
 from guiutils import lgtk
 from loombase.destroyable import CDestroyable
+from loombase.inspection import CFileKind, StateOf
 from loombase.location import CLocalFileLocation, CLocation
 from pysource import _fastaccess
 from pysource.loccache import CLocCache
@@ -177,10 +178,11 @@ class CInfoCache(CDestroyable):
     def GetDiskMTime(self, loc: CLocation) -> float:
         """The file's modification time in seconds, 0.0 if there is no such file.
 
-        A file that is gone is forgotten.
+        A file that is gone is forgotten. The time of a remote file is what its inspection found,
+        and -1.0, the time of no results, if it isn't inspected.
         """
         if not isinstance(loc, CLocalFileLocation):
-            return 0.0
+            return self._InspectedMTime(loc)
         try:
             status = os.stat(loc.path)
         except (FileNotFoundError, NotADirectoryError):
@@ -191,6 +193,18 @@ class CInfoCache(CDestroyable):
         mtime_ns = freshness.mtime_ns_of(status)
         mtime = _Seconds(mtime_ns)
         self._fDiskStates[loc] = _DiskState(mtime, mtime_ns, status.st_size)
+        return mtime
+
+    def _InspectedMTime(self, loc: CLocation) -> float:
+        state = StateOf(loc)
+        if state is None:
+            return -1.0 if loc.fAsyncInspect else 0.0
+        if state.kind is CFileKind.ABSENT:
+            self.ForgetFile(loc)
+        if state.kind in (CFileKind.ABSENT, CFileKind.CLOSED):
+            return 0.0
+        mtime = _Seconds(state.mtime_ns)
+        self._fDiskStates[loc] = _DiskState(mtime, state.mtime_ns, state.size)
         return mtime
 
     def GetScansDoneForMultipleFiles(

@@ -7,8 +7,10 @@ from typing import Final
 
 import singleton
 from loombase.destroyable import CDestroyable
-from loombase.location import CLocalFileLocation
+from loombase.location import CLocalFileLocation, CSshFileLocation
 from pysource import _fastaccess
+
+from loom.sourcetext import SourceText, read_source
 
 __all__ = [
     "CScanState",
@@ -40,7 +42,8 @@ kFinishedScanning: Final = CScanState("kFinishedScanning")
 kTimedOut: Final = CScanState("kTimedOut")
 kScanAbandoned: Final = CScanState("kScanAbandoned")
 
-ScanSteps = Generator[None, None, CScanState]
+# A step that yields `kWaitingForData` can't go on before "scan-state-changed".
+ScanSteps = Generator[CScanState | None, None, CScanState]
 
 
 class CScanner(CDestroyable):
@@ -52,7 +55,9 @@ class CScanner(CDestroyable):
     `_ScanInSteps`.
     """
 
-    def __init__(self, loc: CLocalFileLocation, log: Callable[..., object]) -> None:
+    def __init__(
+        self, loc: CLocalFileLocation | CSshFileLocation, log: Callable[..., object]
+    ) -> None:
         super().__init__(("scan-state-changed",))
         self.fLocation = loc
         self.fLog = log
@@ -63,7 +68,8 @@ class CScanner(CDestroyable):
     def Scan(self, end_time: float) -> CScanState:
         """Work until `end_time` or until done; returns the state reached.
 
-        Does one step at least, however late it is. A scan that is over stays so. Raises
+        Does one step at least, however late it is. A scan that is over stays so, and one that
+        waits may be asked again at any time. Raises
         `RuntimeError` on a destroyed scanner.
         """
         if self.fState is kFinishedScanning or self.fState is kScanAbandoned:
@@ -73,17 +79,37 @@ class CScanner(CDestroyable):
         singleton.GetSingletons().fAnalysisMgr.fInfoCache.NoteSliceEnd(end_time)
         while True:
             try:
-                next(self._fSteps)
+                state = next(self._fSteps)
             except StopIteration as end:
                 self.fState = end.value
                 return self.fState
+            if state is kWaitingForData:
+                self.fState = state
+                return state
             if _fastaccess.OutOfTime(end_time):
                 self.fState = kTimedOut
                 return self.fState
 
     def _ScanInSteps(self) -> ScanSteps:
-        """The scan: yields after each step, returns the state it ends in."""
+        """The scan: yields after each step, returns the state it ends in.
+
+        What has to wait yields `kWaitingForData` until it needn't any more.
+        """
         raise NotImplementedError
+
+    def _ReadSource(self, text: SourceText) -> Generator[CScanState | None, None, None]:
+        """Read the file's bytes into `text`, wherever it is. Raises `SourceError`."""
+        if isinstance(self.fLocation, CSshFileLocation):
+            from loom.remote.source import read_remote_source  # for those who have such files
+
+            steps = read_remote_source(self.fLocation, text, self._DataArrived)
+            for is_there in steps:
+                yield None if is_there else kWaitingForData
+        else:
+            yield from read_source(self.fLocation.path, text)
+
+    def _DataArrived(self) -> None:
+        self.emit("scan-state-changed", self)
 
     def _destroy_impl(self) -> None:
         if self._fSteps is not None:

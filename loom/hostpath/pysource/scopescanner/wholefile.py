@@ -7,11 +7,11 @@ from collections.abc import Callable, Generator, Sequence
 from typing import TYPE_CHECKING, Final, TypeVar
 
 import singleton
-from loombase.location import CLocalFileLocation
+from loombase.location import CLocalFileLocation, CSshFileLocation
 
 from loom import freshness
 from loom._pyscan import SourceScanner
-from loom.sourcetext import SourceError, SourceText, decode_source, read_source
+from loom.sourcetext import SourceError, SourceText, decode_source
 from loom.store.definitions import pack
 from loom.store.records import FileRecord, FileTimes, ScopeRow, join_scans
 
@@ -57,7 +57,7 @@ class CWholeFilePrimaryScanner(CScanner):
 
     def __init__(
         self,
-        loc: CLocalFileLocation,
+        loc: CLocalFileLocation | CSshFileLocation,
         scan_name: str,
         incomplete_scope_set: set[str],
         log: Callable[..., object],
@@ -75,13 +75,16 @@ class CWholeFilePrimaryScanner(CScanner):
                 text.size = len(text.data)
                 text.mtime_ns = _kUnsavedTime
             else:
-                yield from read_source(self.fLocation.path, text)
+                yield from self._ReadSource(text)
                 if self._IsAsStored(text):
                     return kFinishedScanning
                 yield from decode_source(text)
             record = yield from self._Parse(text)
         except SourceError as error:
             self.fFileDoesntExist = error.gone
+            if error.unreachable:
+                self.fLog("Abandoned primary whole file scan: %r: %s", self.fLocation, error)
+                return kScanAbandoned
             self._Abandon(text, str(error), error.lasting)
             return kScanAbandoned
         except Exception as error:
