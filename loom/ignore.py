@@ -27,6 +27,7 @@ __all__ = [
     "parse_patterns",
     "rules_above",
     "rules_of_folder",
+    "tells_about_folder",
 ]
 
 EXCLUDED_FOLDERS: Final = frozenset(
@@ -117,6 +118,13 @@ def excluded_by_content(name: str, entries: Collection[str]) -> str | None:
     if name.endswith((".egg-info", ".dist-info")):
         return "package metadata"
     return None
+
+
+def tells_about_folder(name: str, entry: str) -> bool:
+    """Whether this entry of a folder of this name may decide what is left out there."""
+    return entry in (".gitignore", "pyvenv.cfg", "conda-meta") or (
+        entry == "__init__.py" and name in _BUILD_FOLDERS
+    )
 
 
 def rules_of_folder(folder: str, outer: IgnoreRules | None) -> IgnoreRules | None:
