@@ -12,7 +12,7 @@ from __future__ import annotations
 import asyncio
 import selectors
 from collections.abc import Mapping
-from typing import Any
+from typing import Any, Final
 
 from .base import MainLoop
 from .queues import IdleQueue
@@ -21,22 +21,29 @@ __all__ = ["AsyncioMainLoop", "IdleSelector"]
 
 _Ready = list[tuple[selectors.SelectorKey, int]]
 
+# How long tasks that were cancelled may take to end.
+_END_SECONDS: Final = 1.0
+
 
 class IdleSelector(selectors.BaseSelector):
     """A selector that runs an idle callback rather than wait."""
 
     def __init__(self, idle: IdleQueue, inner: selectors.BaseSelector | None = None) -> None:
-        self._idle = idle
+        self._idle: IdleQueue | None = idle
         self._inner = selectors.DefaultSelector() if inner is None else inner
 
     def select(self, timeout: float | None = None) -> _Ready:
-        if not self._idle or (timeout is not None and timeout <= 0):
+        if self._idle is None or not self._idle or (timeout is not None and timeout <= 0):
             return self._inner.select(timeout)
         ready = self._inner.select(0)
         if ready:
             return ready
         self._idle.run_one()
         return self._inner.select(0)
+
+    def end_idle(self) -> None:
+        """Run no idle callback any more."""
+        self._idle = None
 
     def register(self, fileobj: Any, events: int, data: Any = None) -> selectors.SelectorKey:
         return self._inner.register(fileobj, events, data)
@@ -62,11 +69,25 @@ class AsyncioMainLoop(MainLoop):
 
     def __init__(self, inner: selectors.BaseSelector | None = None) -> None:
         super().__init__()
-        self.loop = asyncio.SelectorEventLoop(IdleSelector(self.idle, inner))
+        self._selector = IdleSelector(self.idle, inner)
+        self.loop = asyncio.SelectorEventLoop(self._selector)
         self._armed: asyncio.TimerHandle | None = None
 
     def close(self) -> None:
-        """Close the event loop. What is still registered is never called."""
+        """Close the event loop. What is still registered is never called, and tasks are cancelled.
+
+        Waits a second at most for tasks that take their time. Requires: the loop isn't running.
+        """
+        if self.loop.is_closed():
+            return
+        self._selector.end_idle()
+        if self._armed is not None:
+            self._armed.cancel()
+            self._armed = None
+        if tasks := asyncio.all_tasks(self.loop):
+            for task in tasks:
+                task.cancel()
+            self.loop.run_until_complete(_wait_for_end(tasks))
         self.loop.close()
 
     def now(self) -> float:
@@ -89,3 +110,8 @@ class AsyncioMainLoop(MainLoop):
             self.timers.run_due(max(self.now(), due))  # asyncio calls up to a clock tick early
         finally:
             self._changed()
+
+
+async def _wait_for_end(tasks: set[asyncio.Task[Any]]) -> None:
+    await asyncio.wait(tasks, timeout=_END_SECONDS)
+    await asyncio.sleep(0)  # for the connections that they have let go of
