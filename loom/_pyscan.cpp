@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "loom/_pyscan/exports.h"
 #include "loom/_pyscan/packinfo.h"
 #include "pysource/pyrt/containers.h"
 #include "pysource/pyrt/operation.h"
@@ -142,6 +143,16 @@ class Scanner {
       list.Append(MakeBytes(equivalent));
     }
     return list.object();
+  }
+
+  Object ExportDigest() const {
+    if (!scan_.done()) pyrt::Raise(PyExc_ValueError, "the source isn't scanned to its end");
+    const auto digest = DigestExports(scan_.results());
+    std::string bytes;
+    for (const std::uint64_t number : digest) {
+      for (int shift = 0; shift < 64; shift += 8) bytes += static_cast<char>(number >> shift);
+    }
+    return MakeBytes(bytes);
   }
 
   Object Uses(std::int64_t first, std::int64_t limit) const {
@@ -283,6 +294,8 @@ Object MakeScannerType(const Object& module) {
       kMethod<"definitions(first=0, limit=-1)", "Return the names worth finding from anywhere.",
               &Scanner::Definitions>(),
       kMethod<"imports()", "Return what the source imports, each once.", &Scanner::Imports>(),
+      kMethod<"export_digest()", "Return a digest of what others can see of the source.",
+              &Scanner::ExportDigest>(),
       kMethod<"uses(first=0, limit=-1)", "Return each place where a name stands.",
               &Scanner::Uses>(),
       kMethod<"used(first=0, limit=-1)", "Return what the source uses, each once.",

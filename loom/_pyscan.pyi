@@ -63,6 +63,14 @@ class SourceScanner:
         (each once a class, the bare attribute, kind "I", in the scope of the method).
         """
 
+    def export_digest(self) -> bytes:
+        """Return 16 bytes that stay the same unless what other files can see has changed.
+
+        That are the names of the module and of classes with their information, the arguments and
+        results of functions, and attributes of instances; no line numbers and nothing else inside of
+        functions, unless their results quote it. A ValueError before the scan is over.
+        """
+
     def uses(
         self, first: int = 0, limit: int = -1
     ) -> list[tuple[int, int, str, int, int, int]]:

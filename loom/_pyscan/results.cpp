@@ -93,6 +93,16 @@ std::uint8_t Results::Binds(ScopeIndex scope, std::string_view name) const {
   return entry == kNoIndex ? 0 : entries_[entry].binds;
 }
 
+bool Results::IsArgument(const Entry& entry) const {
+  return entry.first_part != kNoIndex &&
+         PartText(parts_[entry.first_part]).starts_with(pysource::kArgPrefix);
+}
+
+bool Results::BindsLocally(ScopeIndex scope, std::string_view name) const {
+  const EntryIndex entry = Find(scope, name, HashText(name, scope));
+  return entry != kNoIndex && entries_[entry].binds != 0 && !IsArgument(entries_[entry]);
+}
+
 EntryIndex Results::EntryOf(ScopeIndex scope, std::string_view name) {
   const std::uint32_t hash = HashText(name, scope);
   const EntryIndex found = Find(scope, name, hash);

@@ -125,6 +125,24 @@ class Results {
   // Whoever wants to be told of each binding; none if null.
   void set_uses(UseCollector* uses) { uses_ = uses; }
 
+  // Whether a function binds the name and not as an argument.
+  bool BindsLocally(ScopeIndex scope, std::string_view name) const;
+
+  // Calls fn(entry, whether it is an argument) for each name of a scope, in order of appearance.
+  template <class Fn>
+  void ForEachEntry(ScopeIndex scope, Fn&& fn) const {
+    for (EntryIndex e = scopes_[scope].first_entry; e != kNoIndex; e = entries_[e].next) {
+      fn(entries_[e], IsArgument(entries_[e]));
+    }
+  }
+
+  template <class Fn>
+  void ForEachPart(const Entry& entry, Fn&& fn) const {
+    for (std::uint32_t p = entry.first_part; p != kNoIndex; p = parts_[p].next) {
+      fn(PartText(parts_[p]));
+    }
+  }
+
   // Calls fn(name, information) for each name of a scope that has information, in order of
   // appearance.
   template <class Fn>
@@ -151,6 +169,7 @@ class Results {
   };
 
   EntryIndex Find(ScopeIndex scope, std::string_view name, std::uint32_t hash) const;
+  bool IsArgument(const Entry& entry) const;
   bool HasPart(const Entry& owner, EntryIndex entry, std::string_view part) const;
   std::string_view PartText(const Part& part) const {
     return std::string_view(part_text_).substr(part.begin, part.length);

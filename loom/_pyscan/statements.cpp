@@ -337,13 +337,15 @@ std::size_t StatementParser::FromImport(std::size_t i) {
   PassImport(i, end);
   if (import == end) return end;
   std::string module(pysource::kFromImportPrefix);
+  std::size_t first = i + 1;
   for (std::size_t j = i + 1; j < import; j = Next(j)) {
     if (Kind(j) == Tok::kName || Kind(j) == Tok::kDot || Kind(j) == Tok::kEllipsis) {
+      if (module.size() == pysource::kPrefixLen) first = j;
       module += Text(j);
     }
   }
   if (module.size() == pysource::kPrefixLen) return end;
-  NoteImport(UseKind::kImport, std::string_view(module).substr(pysource::kPrefixLen), i + 1);
+  NoteImport(UseKind::kImport, std::string_view(module).substr(pysource::kPrefixLen), first);
   module += ' ';
   const bool parenthesised = Bracket(import + 1) == '(';
   std::size_t j = parenthesised ? import + 2 : import + 1;
