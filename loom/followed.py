@@ -21,6 +21,8 @@ class FollowingCoordinator(MeasuredCoordinator):
     """Tells apart which files were asked for and which follow them: what those import, the
     builtins, stubs beside sources.
 
+    Without `_fAnalyzeFoundImports`, no imports follow and no builtins.
+
     The analysis manager emits "files-followed" (list of locations) when files follow. While
     somebody holds them, those of background priority aren't queued, so that they come behind
     all that is asked for meanwhile.
@@ -53,6 +55,10 @@ class FollowingCoordinator(MeasuredCoordinator):
     def held_count(self) -> int:
         """How many files are held."""
         return len(self._held)
+
+    def _QueueBasicModules(self, end_time: float) -> None:
+        if self._fAnalyzeFoundImports:  # else exactly what is asked for is scanned
+            super()._QueueBasicModules(end_time)
 
     def hold_followed(self) -> None:
         """Keep files that follow out of the queue until `release_followed` is called as often."""

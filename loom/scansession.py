@@ -77,6 +77,7 @@ class ScanSession(CDestroyable):
         self._walk_idle: int | None = None
         self._last_idle: int | None = None
         self._failures = 0
+        app.ana_mgr.fAnalysisFactory.SetScannedFolders(_folders_of(paths))
         coordinator = app.coordinator
         coordinator.hold_followed()
         coordinator.connect_while_alive("scheduled", self._watch_for_end, self)
@@ -292,3 +293,9 @@ class ScanSession(CDestroyable):
 
     def _destroy_impl(self) -> None:
         self._walk.close()
+
+
+def _folders_of(paths: Sequence[str]) -> list[str]:
+    """The folders among `paths`, and those that hold the files among them."""
+    absolute = (os.path.abspath(path) for path in paths)
+    return list(dict.fromkeys(p if os.path.isdir(p) else os.path.dirname(p) for p in absolute))

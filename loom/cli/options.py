@@ -2,17 +2,40 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from pathlib import Path
-from typing import Any, TypeVar
+from typing import TYPE_CHECKING, Any, TypeVar
 
 import click
 
 from loom.places import default_db_path
 
-__all__ = ["shared_options"]
+if TYPE_CHECKING:
+    from pathspec import GitIgnoreSpec
+
+__all__ = ["exclude_option", "import_options", "parse_exclude", "shared_options"]
 
 _F = TypeVar("_F", bound=Callable[..., Any])
+
+
+def import_options(command: _F) -> _F:
+    """The options `--python` and `--no-imports`, for commands that scan."""
+    for option in (
+        click.option(
+            "--no-imports",
+            is_flag=True,
+            help="Scan exactly the files at and below each PATH: neither what they import, nor the"
+            " builtins.",
+        ),
+        click.option(
+            "--python",
+            metavar="PYTHON",
+            help="Look for imported modules where this interpreter or virtual environment does, by"
+            ' default the ".venv" or "venv" of the project, else the interpreter of loom.',
+        ),
+    ):
+        command = option(command)
+    return command
 
 
 def shared_options(command: _F) -> _F:
@@ -34,3 +57,22 @@ def shared_options(command: _F) -> _F:
     ):
         command = option(command)
     return command
+
+
+exclude_option = click.option(
+    "--exclude",
+    multiple=True,
+    metavar="PATTERN",
+    help='Leave out what PATTERN fits, in the syntax of ".gitignore"; "!PATTERN" keeps it.'
+    " May be given several times.",
+)
+
+
+def parse_exclude(patterns: Sequence[str]) -> GitIgnoreSpec | None:
+    """What `exclude_option` gave. A bad pattern is a user's error."""
+    from loom.ignore import parse_patterns
+
+    try:
+        return parse_patterns(patterns) if patterns else None
+    except ValueError as error:
+        raise click.BadParameter(str(error), param_hint="--exclude") from error

@@ -8,6 +8,7 @@ from typing import Any, Final
 
 from loom.cli.output import escape, styled, write, write_json
 from loom.measure import SliceLengths
+from loom.scancounts import FileCounts
 from loom.scansession import ScanSession
 
 __all__ = ["ScanReport"]
@@ -36,23 +37,23 @@ class ScanReport:
 
     @property
     def _bytes_per_second(self) -> float:
-        return self._counts.bytes / self._seconds if self._seconds > 0 else 0.0
+        return self._bytes / self._seconds if self._seconds > 0 else 0.0
+
+    @property
+    def _bytes(self) -> int:
+        return self._counts.bytes + self._counts.imported.bytes
 
     def as_json(self) -> dict[str, Any]:
         counts, slices = self._counts, self._slices
         return {
             "database": str(self._db_path),
             "interrupted": self._interrupted,
-            "files": {
-                "found": counts.found,
-                "all_found": counts.all_found,
-                "scanned": counts.scanned,
-                "unchanged": counts.unchanged,
-                "reread": counts.reread,
-                "failed": counts.failed,
-                "vanished": counts.vanished,
-                "left": counts.left,
-                "with_errors": len(counts.errors),
+            "files": {"all_found": counts.all_found, **_files_as_json(counts)},
+            "imported": {
+                **_files_as_json(counts.imported),
+                "definitions": counts.imported.definitions,
+                "bytes": counts.imported.bytes,
+                "errors": _errors_as_json(counts.imported),
             },
             "definitions": counts.definitions,
             "bytes": counts.bytes,
@@ -64,10 +65,7 @@ class ScanReport:
                 "p99_seconds": round(slices.p99, 6),
                 "longest_seconds": round(slices.longest, 6),
             },
-            "errors": [
-                {"path": error.path, "line": error.lineno, "reason": error.reason}
-                for error in counts.errors
-            ],
+            "errors": _errors_as_json(counts),
         }
 
     def as_text(self) -> Iterator[str]:
@@ -81,22 +79,18 @@ class ScanReport:
             yield f"... and {len(counts.errors) - _SHOWN_ERRORS} more files with errors"
         if counts.errors:
             yield ""
-        files = f"{counts.scanned:,} scanned, {counts.unchanged:,} unchanged"
-        if counts.reread:
-            files += f" ({counts.reread:,} read to make sure)"
-        if counts.failed:
-            files += f", {counts.failed:,} failed"
-        if counts.vanished:
-            files += f", {counts.vanished:,} gone"
-        if counts.left:
-            files += f", {counts.left:,} left"
-        yield _line("files", files)
+        yield _line("files", _files_as_text(counts))
+        if counts.imported.found:
+            imported = _files_as_text(counts.imported)
+            if counts.imported.errors:
+                imported += f", {len(counts.imported.errors):,} with errors"
+            yield _line("imported", imported)
         yield _line("definitions", f"{counts.definitions:,}")
         yield _line("with errors", f"{len(counts.errors):,}")
         yield _line(
             "speed",
             f"{self._bytes_per_second / 1e6:,.1f} MB/s"
-            f" ({counts.bytes / 1e6:,.1f} MB in {self._seconds:.2f} s)",
+            f" ({self._bytes / 1e6:,.1f} MB in {self._seconds:.2f} s)",
         )
         yield _line(
             "slices",
@@ -108,3 +102,36 @@ class ScanReport:
 
 def _line(title: str, text: str) -> str:
     return f"{styled(f'{title:>12}', bold=True)}  {text}"
+
+
+def _files_as_text(counts: FileCounts) -> str:
+    text = f"{counts.scanned:,} scanned, {counts.unchanged:,} unchanged"
+    if counts.reread:
+        text += f" ({counts.reread:,} read to make sure)"
+    if counts.failed:
+        text += f", {counts.failed:,} failed"
+    if counts.vanished:
+        text += f", {counts.vanished:,} gone"
+    if counts.left:
+        text += f", {counts.left:,} left"
+    return text
+
+
+def _files_as_json(counts: FileCounts) -> dict[str, int]:
+    return {
+        "found": counts.found,
+        "scanned": counts.scanned,
+        "unchanged": counts.unchanged,
+        "reread": counts.reread,
+        "failed": counts.failed,
+        "vanished": counts.vanished,
+        "left": counts.left,
+        "with_errors": len(counts.errors),
+    }
+
+
+def _errors_as_json(counts: FileCounts) -> list[dict[str, Any]]:
+    return [
+        {"path": error.path, "line": error.lineno, "reason": error.reason}
+        for error in counts.errors
+    ]

@@ -10,8 +10,10 @@ from typing import TYPE_CHECKING
 
 import click
 
-from loom.cli.options import shared_options
+from loom.cli.imports import Imports
+from loom.cli.options import exclude_option, import_options, parse_exclude, shared_options
 from loom.cli.output import Exit, set_up_logging, warn
+from loom.cli.running import dump_option, observable
 
 if TYPE_CHECKING:
     from pathspec import GitIgnoreSpec
@@ -24,41 +26,38 @@ __all__ = ["scan"]
 
 @click.command()
 @click.argument("paths", nargs=-1, type=click.Path(exists=True, path_type=str), metavar="[PATH]...")
-@click.option(
-    "--exclude",
-    multiple=True,
-    metavar="PATTERN",
-    help='Leave out what PATTERN fits, in the syntax of ".gitignore"; "!PATTERN" keeps it.'
-    " May be given several times.",
-)
+@exclude_option
+@dump_option
 @click.option("--exit-zero", is_flag=True, help="Exit with 0 even if files had errors.")
+@import_options
 @shared_options
 def scan(
     paths: Sequence[str],
     exclude: Sequence[str],
+    dump_path: str,
     exit_zero: bool,
+    python: str | None,
+    no_imports: bool,
     db_path: Path,
     as_json: bool,
     verbose: int,
 ) -> int:
-    """Scan the Python files at and below each PATH, by default the working folder.
+    """Scan the Python files at and below each PATH, by default the working folder, and the modules
+    that they import.
 
     A file whose results are still valid isn't scanned again. ".gitignore" is honoured; virtual
     environments, node_modules, caches and build results are left out. A file given by name is
     always scanned.
 
-    Exits with 1 if files had errors. Ctrl-C saves what was scanned so far.
+    Exits with 1 if files at or below PATH had errors; those of imported modules don't count.
+    Ctrl-C saves what was scanned so far.
     """
-    from loom.bootstrap import ensure_host_path
-    from loom.ignore import parse_patterns
-
     set_up_logging(verbose)
-    try:
-        patterns = parse_patterns(exclude) if exclude else None
-    except ValueError as error:
-        raise click.BadParameter(str(error), param_hint="--exclude") from error
-    ensure_host_path()
-    return _Scan(list(paths) or ["."], patterns, db_path, as_json, verbose).run(exit_zero)
+    patterns = parse_exclude(exclude)
+    paths = list(paths) or ["."]
+    with Imports(paths, python, no_imports) as imports:
+        command = _Scan(paths, patterns, imports, db_path, as_json, verbose)
+        return command.run(exit_zero, dump_path)
 
 
 class _Scan:
@@ -68,18 +67,20 @@ class _Scan:
         self,
         paths: list[str],
         exclude: GitIgnoreSpec | None,
+        imports: Imports,
         db_path: Path,
         as_json: bool,
         verbose: int,
     ) -> None:
         self._paths = paths
         self._exclude = exclude
+        self._imports = imports
         self._db_path = db_path
         self._as_json = as_json
         self._verbose = verbose
         self._signal: signal.Signals | None = None
 
-    def run(self, exit_zero: bool) -> int:
+    def run(self, exit_zero: bool, dump_path: str) -> int:
         from loom.app import App, spare_full_collections
         from loom.cli.progress import make_display
         from loom.cli.report import ScanReport
@@ -92,9 +93,13 @@ class _Scan:
             try:
                 if self._verbose > 1:
                     app.coordinator.fLog.fOutputFile = sys.stderr
+                self._imports.set_up(app)
                 session = ScanSession(app, self._paths, self._exclude)
                 session.connect("finished", lambda _session: main_loop.loop.stop())
-                with make_display(session, live=not self._verbose):
+                with (
+                    make_display(session, live=not self._verbose),
+                    observable("scan", app, session, main_loop, dump_path),
+                ):
                     self._catch_signals(main_loop, session)
                     spare_full_collections()
                     session.start()

@@ -4,7 +4,9 @@ from __future__ import annotations
 
 import sys
 import sysconfig
-from dataclasses import dataclass
+from collections.abc import Mapping
+from dataclasses import dataclass, field
+from types import MappingProxyType
 
 from loom.resolve.typeshed import Version
 
@@ -15,14 +17,16 @@ __all__ = ["PythonEnvironment", "own_environment"]
 class PythonEnvironment:
     """What an interpreter tells of itself.
 
-    `path` are the folders that it imports from, in order, absolute and normal; what isn't a folder
-    is left out. Those among them that hold the standard library are also in `stdlib`.
+    `path` are the folders that it imports from, in order, absolute and normal. Those among them that
+    hold the standard library are also in `stdlib`. `mapped` are modules and packages that are
+    installed by name instead of by folder: their paths, without a suffix.
     """
 
     executable: str
     version: Version
     path: tuple[str, ...]
     stdlib: tuple[str, ...]
+    mapped: Mapping[str, str] = field(default_factory=lambda: MappingProxyType({}))
 
 
 def own_environment() -> PythonEnvironment:
@@ -36,6 +40,4 @@ def own_environment() -> PythonEnvironment:
     if dynload:
         stdlib[dynload] = None
     path = dict.fromkeys((*stdlib, paths["purelib"], paths["platlib"]))
-    return PythonEnvironment(
-        sys.executable, sys.version_info[:2], tuple(path), tuple(stdlib)
-    )
+    return PythonEnvironment(sys.executable, sys.version_info[:2], tuple(path), tuple(stdlib))

@@ -132,10 +132,7 @@ class Folders:
         """Look at the time of each folder once more when it is next asked for."""
         self._epoch += 1
 
-    def forget_below(self, path: str) -> None:
-        """Drop what is known of a folder, of those below it, and of the one that holds it."""
+    def forget(self, path: str) -> None:
+        """Read a folder, and the one that holds it, again when they are next asked for."""
         self._folders.pop(os.path.dirname(path), None)
         self._folders.pop(path, None)
-        below = path.rstrip("/") + "/"
-        for folder in [folder for folder in self._folders if folder.startswith(below)]:
-            del self._folders[folder]

@@ -7,10 +7,15 @@ from typing import Final
 
 from loom.resolve.folders import Folders
 
-__all__ = ["Projects"]
+__all__ = ["Projects", "project_top"]
 
 # A folder with one of these is the top of a project.
 _MARKERS: Final = ("pyproject.toml", "setup.py", "setup.cfg", ".git")
+
+
+def project_top(folder: str) -> str | None:
+    """The innermost folder that holds `folder`, or is it, and is the top of a project."""
+    return Projects(Folders()).top_of(folder)
 
 
 class Projects:
@@ -26,7 +31,7 @@ class Projects:
 
     def roots_of(self, folder: str) -> tuple[str, ...]:
         """The folders that modules of the project around `folder` are imported from, or nothing."""
-        top = self._top_of(folder)
+        top = self.top_of(folder)
         return () if top is None else self.roots_below(top)
 
     def roots_below(self, top: str) -> tuple[str, ...]:
@@ -42,16 +47,18 @@ class Projects:
             folder = os.path.dirname(folder)
         return folder
 
-    def _top_of(self, folder: str) -> str | None:
-        try:
-            return self._tops[folder]
-        except KeyError:
-            pass
-        parent = os.path.dirname(folder)
-        top: str | None
-        if any(os.path.lexists(os.path.join(folder, marker)) for marker in _MARKERS):
-            top = folder
-        else:
-            top = self._top_of(parent) if parent != folder else None
-        self._tops[folder] = top
+    def top_of(self, folder: str) -> str | None:
+        """The innermost top of a project around `folder`, which may be itself, or none."""
+        way: list[str] = []
+        while folder not in self._tops:
+            way.append(folder)
+            parent = os.path.dirname(folder)
+            if any(os.path.lexists(os.path.join(folder, marker)) for marker in _MARKERS):
+                self._tops[folder] = folder
+            elif parent == folder:
+                self._tops[folder] = None
+            else:
+                folder = parent
+        top = self._tops[folder]
+        self._tops.update(dict.fromkeys(way, top))
         return top

@@ -10,9 +10,9 @@ from loombase.location import CLocalFileLocation
 
 from loom.resolve import typeshed
 from loom.resolve.environment import PythonEnvironment
-from loom.resolve.folders import Folders
+from loom.resolve.folders import SOURCE, Folders
 from loom.resolve.projects import Projects
-from loom.resolve.search import Module, SearchPath
+from loom.resolve.search import STUB_PACKAGE_SUFFIX, Module, SearchPath
 
 __all__ = ["Module", "Resolver"]
 
@@ -68,8 +68,8 @@ class _Place:
 class Resolver:
     """Finds modules for files of projects and of an environment.
 
-    Answers are remembered; `recheck` and `forget_below` tell that they may have changed. Where
-    files are told by folder, the folder's path is absolute and normal.
+    Answers are remembered; `recheck` and `forget` tell that they may have changed. Paths of folders
+    are absolute and normal.
     """
 
     def __init__(self, environment: PythonEnvironment) -> None:
@@ -96,7 +96,7 @@ class Resolver:
     def set_scanned(self, folders: Iterable[str]) -> None:
         """The folders that the user has scanned: their projects are seen from everywhere."""
         self._scanned = tuple(folders)
-        self._forget_paths()
+        self.recheck()
 
     def recheck(self) -> None:
         """Folders may have changed: look at each once more when it is next asked for."""
@@ -104,11 +104,10 @@ class Resolver:
         self._projects.forget()
         self._forget_paths()
 
-    def forget_below(self, path: str) -> None:
-        """The folder `path`, or something in it, has changed."""
-        self._folders.forget_below(path)
-        self._projects.forget()
-        self._forget_paths()
+    def forget(self, path: str) -> None:
+        """Something has come to the folder `path` or gone from it, or from folders below."""
+        self._folders.forget(path)
+        self.recheck()
 
     # --- questions
 
@@ -128,6 +127,23 @@ class Resolver:
         if name is None and not self._folders.is_package(folder):
             name = self._path((folder,), ()).name_of_file(path)
         return name
+
+    def source_of_stub(self, path: str) -> CLocalFileLocation | None:
+        """The source that goes with a stub: beside it, or in the package of its stub package.
+
+        None for a stub of the standard library.
+        """
+        folder = os.path.dirname(path)
+        stem, suffix = os.path.splitext(os.path.basename(path))
+        if suffix != ".pyi" or typeshed.is_stub(path):
+            return None
+        if self._folders.kinds(folder, stem) & SOURCE:
+            return CLocalFileLocation(path[:-1])
+        if f"{STUB_PACKAGE_SUFFIX}/" not in folder + "/":
+            return None
+        name = self.name_of_file(path)
+        module = None if name is None else self.find(name, folder)
+        return None if module is None else module.source
 
     # --- from a folder to what is searched
 

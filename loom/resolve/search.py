@@ -12,10 +12,12 @@ from loom.resolve import typeshed
 from loom.resolve.environment import PythonEnvironment
 from loom.resolve.folders import FOLDER, SOURCE, STUB, Folders
 
-__all__ = ["Module", "SearchPath"]
+__all__ = ["STUB_PACKAGE_SUFFIX", "Module", "SearchPath"]
+
+# The folder of a package that holds only the stubs of another one ends so.
+STUB_PACKAGE_SUFFIX: Final = "-stubs"
 
 _INIT: Final = "__init__"
-_STUB_SUFFIX: Final = "-stubs"
 
 
 class Module(NamedTuple):
@@ -61,11 +63,8 @@ class SearchPath:
         site = (folder for folder in path if folder not in self._stdlib)
         behind = dict.fromkeys((*self._stdlib, *late_roots, *site))
         self._behind = tuple(folder for folder in behind if folder not in roots)
+        self._mapped = {} if environment is None else environment.mapped
         self._modules: dict[str, Module | None] = {}
-
-    def forget(self) -> None:
-        """Drop all answers; the folders know what has changed."""
-        self._modules.clear()
 
     def find(self, name: str) -> Module | None:
         """The module of an absolute dotted name, or none."""
@@ -104,9 +103,16 @@ class SearchPath:
             return self._find_top(name)
         package = self.find(parent)
         if package is None or not leaf:
-            return None
+            return self._find_mapped(name)
         stub = self._look(self._typed_folders(package, name), leaf)
-        return _joined(stub, self._look(package.folders, leaf), package.partial)
+        own = self._look(package.folders, leaf)
+        if own is None or _is_namespace(own):
+            own = self._find_mapped(name) or own
+        return _joined(stub, own, package.partial)
+
+    def _find_mapped(self, name: str) -> Module | None:
+        path = self._mapped.get(name)
+        return None if path is None else self._look((os.path.dirname(path),), os.path.basename(path))
 
     def _typed_folders(self, package: Module, name: str) -> Iterable[str]:
         """The folders of stubs in which a submodule may stand."""
@@ -122,6 +128,8 @@ class SearchPath:
                 stub = self._look((self._stubs,), name)
                 return _joined(stub, self._look(self._behind, name), False)
             own = self._look((*self.roots, *self._behind), name)
+            if own is None or _is_namespace(own):
+                own = self._find_mapped(name) or own
         stubs = self._stub_packages(name)
         if not stubs:
             return own
@@ -140,7 +148,7 @@ class SearchPath:
         return False
 
     def _stub_packages(self, name: str) -> tuple[str, ...]:
-        folder_name = name + _STUB_SUFFIX
+        folder_name = name + STUB_PACKAGE_SUFFIX
         return tuple(
             f"{root}/{folder_name}"
             for root in (*self.roots, *self._behind)
@@ -212,12 +220,16 @@ class SearchPath:
         """The names that a path has seen from the folders that are searched."""
         stubs = () if self._stubs is None else (self._stubs,)
         for root in (*self.roots, *stubs, *self._behind):
-            if not _is_below(path, root) or path == root:
-                continue
-            parts = os.path.relpath(path, root).split("/")
-            parts[0] = parts[0].removesuffix(_STUB_SUFFIX)
-            if all(part.isidentifier() for part in parts):
-                yield ".".join(parts)
+            if _is_below(path, root) and path != root:
+                parts = os.path.relpath(path, root).split("/")
+                parts[0] = parts[0].removesuffix(STUB_PACKAGE_SUFFIX)
+                if all(part.isidentifier() for part in parts):
+                    yield ".".join(parts)
+        for name, top in self._mapped.items():
+            if _is_below(path, top):
+                parts = os.path.relpath(path, top).split("/") if path != top else []
+                if all(part.isidentifier() for part in parts):
+                    yield ".".join((name, *parts))
 
 
 def _is_namespace(module: Module) -> bool:

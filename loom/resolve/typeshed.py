@@ -7,7 +7,7 @@ import os
 from functools import cache
 from typing import Final
 
-__all__ = ["Version", "builtins_path", "stubs_folder", "stub_versions"]
+__all__ = ["Version", "builtins_path", "is_stub", "stub_versions", "stubs_folder"]
 
 Version = tuple[int, int]
 
@@ -30,6 +30,12 @@ def builtins_path() -> str | None:
     """The stub of the builtins, or none if there are no stubs."""
     folder = stubs_folder()
     return None if folder is None else os.path.join(folder, _BUILTINS)
+
+
+def is_stub(path: str) -> bool:
+    """Whether a file is one of these stubs."""
+    folder = stubs_folder()
+    return folder is not None and path.startswith(folder + "/")
 
 
 @cache

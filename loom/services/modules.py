@@ -88,11 +88,15 @@ class CAnalysisFactory(CDestroyable):
     # --- what the scheduler asks
 
     def GetSecondaryLocations(self, loc: CLocation) -> Sequence[CLocation] | None:
-        """Files to be scanned along with `loc`: the source beside a stub, and the stub beside it.
+        """Files to be scanned along with `loc`: the source that goes with a stub.
 
-        None for a file that stands alone.
+        A stub tells types, its source what they stand for. Stubs of the standard library go alone:
+        what is asked of its modules while a file is scanned, their stubs tell.
         """
-        return None
+        if not isinstance(loc, CLocalFileLocation) or not loc.path.endswith(".pyi"):
+            return None
+        source = self._fResolver.source_of_stub(loc.path)
+        return None if source is None else [source]
 
     def _FindPrimaryLocsForNames(
         self, names: Iterable[str], dirloc: CLocation | None, follow: bool
@@ -151,7 +155,10 @@ class CAnalysisFactory(CDestroyable):
         self._NoteChange()
 
     def SetScannedFolders(self, folders: Iterable[str]) -> None:
-        """The folders that the user has scanned: their projects are seen from everywhere."""
+        """The folders that the user has scanned: their projects are seen from everywhere.
+
+        What was known of any folder may be out of date, and is looked at again.
+        """
         self._fResolver.set_scanned(folders)
         self._NoteChange()
 
@@ -161,8 +168,11 @@ class CAnalysisFactory(CDestroyable):
         self._fNames.clear()
 
     def ForgetBelow(self, folder: CLocalFileLocation) -> None:
-        """Files have come to a folder or gone from it, or from folders below it."""
-        self._fResolver.forget_below(folder.path)
+        """Files have come to a folder or gone from it, or from those below.
+
+        Cheap, so that each event may tell; what is asked next looks at times of folders again.
+        """
+        self._fResolver.forget(folder.path)
         self._fNames.clear()
 
     def _NoteChange(self) -> None:

@@ -16,6 +16,7 @@ KEYS = {
     "database",
     "interrupted",
     "files",
+    "imported",
     "definitions",
     "bytes",
     "seconds",
