@@ -1,8 +1,9 @@
 """The shapes that pass between the info cache and the database."""
 
+import time
 from collections.abc import Sequence
-from dataclasses import dataclass
-from typing import NamedTuple
+from dataclasses import dataclass, field
+from typing import Final, NamedTuple
 
 __all__ = [
     "AddedScope",
@@ -12,7 +13,12 @@ __all__ = [
     "ScopeRow",
     "StoredScope",
     "join_scans",
+    "kUnsavedTime",
 ]
+
+# Time, in nanoseconds, of results that came from unsaved text: that of no file, so that they are
+# never taken for valid once the text is gone.
+kUnsavedTime: Final = -1
 
 # (scope name, index of the parent scope or -1, kind, first line, last line, packed information),
 # just as the native scanner makes it.
@@ -23,7 +29,8 @@ ScopeRow = tuple[str, int, int, int, int, bytes]
 class FileRecord:
     """All that a whole-file scan found. `definitions` is packed, `names` are those in it, once.
 
-    `settled` tells that the time can be trusted, `scanner` is the version of the scanner.
+    `settled` tells that the time can be trusted, `scanner` is the version of the scanner,
+    `scanned_ns` when this record was made.
     """
 
     url: str
@@ -41,6 +48,7 @@ class FileRecord:
     names: Sequence[str] = ()
     settled: bool = False
     scanner: int = 0
+    scanned_ns: int = field(default_factory=time.time_ns, compare=False)
 
     def state(self) -> "FileState":
         """For which state of the file the results are valid."""

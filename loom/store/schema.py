@@ -8,6 +8,8 @@ files         One row a file. `scans` holds the names of the scans whose results
               are being written. `digest` is that of the file's bytes, empty if they weren't read.
               `settled` is 1 if the time was old enough to be trusted when the file was read, and
               `scanner` the version of the scanner (0 for rows from before there were versions).
+              `scanned_ns` is when it was scanned, in nanoseconds since the epoch (0 if not known);
+              it is for people, and nothing depends on it.
               `imports` holds import equivalents, joined by ";".
               `error` says what was wrong with the file, and `error_lineno` where, or 0 if it
               couldn't be scanned at all. `indexed` is 1 when all its names stand in `names`.
@@ -84,8 +86,10 @@ ALTER TABLE files ADD COLUMN settled INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE files ADD COLUMN scanner INTEGER NOT NULL DEFAULT 0;
 """
 
+_kWhenScanned = "ALTER TABLE files ADD COLUMN scanned_ns INTEGER NOT NULL DEFAULT 0;"
+
 # Each step is a script of statements without transaction control.
-kMigrations: Final[tuple[str, ...]] = (_kFirstTables, _kFreshness)
+kMigrations: Final[tuple[str, ...]] = (_kFirstTables, _kFreshness, _kWhenScanned)
 kSchemaVersion: Final = len(kMigrations)
 
 

@@ -276,7 +276,7 @@ class Writer:
             execute(
                 "UPDATE files SET mtime_ns = ?, size = ?, digest = ?, scans = ?, error = ?,"
                 " error_lineno = ?, line_count = ?, definition_count = ?, imports = ?, indexed = ?,"
-                " settled = ?, scanner = ? WHERE id = ?",
+                " settled = ?, scanner = ?, scanned_ns = ? WHERE id = ?",
                 (
                     record.mtime_ns,
                     record.size,
@@ -290,6 +290,7 @@ class Writer:
                     0,
                     record.settled,
                     record.scanner,
+                    record.scanned_ns,
                     file_id,
                 ),
             )
@@ -315,8 +316,8 @@ class Writer:
     def _insert_file(self, record: FileRecord, scans: str) -> int:
         cursor = self._connection.execute(
             "INSERT INTO files(url, mtime_ns, size, digest, scans, error, error_lineno, line_count,"
-            " definition_count, imports, indexed, settled, scanner)"
-            " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+            " definition_count, imports, indexed, settled, scanner, scanned_ns)"
+            " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
             (
                 record.url,
                 record.mtime_ns,
@@ -331,6 +332,7 @@ class Writer:
                 0 if record.names else 1,
                 record.settled,
                 record.scanner,
+                record.scanned_ns,
             ),
         )
         assert cursor.lastrowid is not None
