@@ -6,7 +6,7 @@ from __future__ import annotations
 import os
 import sys
 
-__all__ = ["main"]
+__all__ = ["command_without_debug_checks", "main"]
 
 # Set, and not empty: keep the interpreter's debug checks and run in this process.
 _KEEP_CHECKS = "LOOM_KEEP_DEBUG_CHECKS"
@@ -19,6 +19,10 @@ def main() -> int:
     if __debug__ and sys.executable and not os.environ.get(_KEEP_CHECKS):
         _start_again_without_debug_checks()
     _use_own_folder()
+    if sys.argv[1:2] == ["helper"]:  # started by another one of us, and waited for
+        from loom.helper.process import main as run_helper
+
+        return run_helper(sys.argv[2:])
     from loom.cli.main import run
 
     return run(sys.argv[1:])
@@ -29,6 +33,15 @@ def _start_again_without_debug_checks() -> None:
 
     The scheduler's debug checks are for development, and while they are on, its slices are twice
     as long, which is too long for a user who waits for an answer.
+    """
+    command = command_without_debug_checks(sys.argv[1:])
+    sys.stdout.flush()
+    sys.stderr.flush()
+    os.execv(command[0], command)
+
+
+def command_without_debug_checks(arguments: list[str]) -> list[str]:
+    """The command line that runs `loom` with these arguments in this interpreter, under "-O".
 
     "-P" keeps the working folder, which may be a project with modules of any name, off `sys.path`.
     """
@@ -40,10 +53,8 @@ def _start_again_without_debug_checks() -> None:
         options += ["-X", name if value is True else f"{name}={value}"]
     for warning in sys.warnoptions:
         options += ["-W", warning]
-    sys.stdout.flush()
-    sys.stderr.flush()
     script = os.path.join(_HERE, "__main__.py")
-    os.execv(sys.executable, [sys.executable, *options, script, *sys.argv[1:]])
+    return [sys.executable, *options, script, *arguments]
 
 
 def _use_own_folder() -> None:

@@ -124,7 +124,12 @@ class ScanSession(CDestroyable):
         status = coordinator.GetStatus()
         primary = self.app.ana_mgr.fPrimaryScanName
         queued = sum(q.file_count for q in status.queue_status_list if q.scan_name == primary)
-        self.counts.queued = queued + status.waiting_count + coordinator.held_count
+        self.counts.queued = (
+            queued
+            + status.waiting_count
+            + coordinator.held_count
+            + len(coordinator._fLocsQueuedInHelper)
+        )
 
     # --- finding files
 
@@ -260,10 +265,12 @@ class ScanSession(CDestroyable):
         coordinator = self.app.coordinator
         if self._failures >= _MOST_FAILURES:
             self._finish()
-        elif not coordinator.QueuesEmpty(include_waiting=False):
+        elif not coordinator._fScanQueue.Empty(include_waiting=False):
             # A failure had stopped it. While scanning is suspended this does nothing, and
             # "scheduled" brings us back when it is resumed.
             coordinator._ScheduleIdle()
+        elif coordinator._fLocsQueuedInHelper:
+            pass  # helpers are at work, and "scheduled" comes when they are done
         elif self.counts.all_found and coordinator.QueuesEmpty():
             self.failure = None
             self.emit("at-rest", self)
@@ -289,7 +296,10 @@ class ScanSession(CDestroyable):
         self.emit("finished", self)
 
     def _is_left(self, loc: CLocation) -> bool:
-        return self.app.coordinator.LocationInPrimaryScanQueue(loc)
+        coordinator = self.app.coordinator
+        return (
+            coordinator.LocationInPrimaryScanQueue(loc) or loc in coordinator._fLocsQueuedInHelper
+        )
 
     def _destroy_impl(self) -> None:
         self._walk.close()

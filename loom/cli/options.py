@@ -13,7 +13,13 @@ from loom.places import default_db_path
 if TYPE_CHECKING:
     from pathspec import GitIgnoreSpec
 
-__all__ = ["exclude_option", "import_options", "parse_exclude", "shared_options"]
+__all__ = [
+    "exclude_option",
+    "helper_options",
+    "import_options",
+    "parse_exclude",
+    "shared_options",
+]
 
 _F = TypeVar("_F", bound=Callable[..., Any])
 
@@ -33,6 +39,21 @@ def import_options(command: _F) -> _F:
             help="Look for imported modules where this interpreter or virtual environment does, by"
             ' default the ".venv" or "venv" of the project, else the interpreter of loom.',
         ),
+    ):
+        command = option(command)
+    return command
+
+
+def helper_options(command: _F) -> _F:
+    """The options `--helper` and `--jobs`, which give the number of helper processes, or none."""
+    for option in (
+        click.option(
+            "--jobs",
+            type=click.IntRange(1, 64),
+            metavar="N",
+            help="Have N helper processes scan, besides this one.",
+        ),
+        click.option("--helper", is_flag=True, help="Have a helper process scan, besides this one."),
     ):
         command = option(command)
     return command

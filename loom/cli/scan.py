@@ -11,7 +11,13 @@ from typing import TYPE_CHECKING
 import click
 
 from loom.cli.imports import Imports
-from loom.cli.options import exclude_option, import_options, parse_exclude, shared_options
+from loom.cli.options import (
+    exclude_option,
+    helper_options,
+    import_options,
+    parse_exclude,
+    shared_options,
+)
 from loom.cli.output import Exit, set_up_logging, warn
 from loom.cli.running import dump_option, observable
 
@@ -30,6 +36,7 @@ __all__ = ["scan"]
 @dump_option
 @click.option("--exit-zero", is_flag=True, help="Exit with 0 even if files had errors.")
 @import_options
+@helper_options
 @shared_options
 def scan(
     paths: Sequence[str],
@@ -38,6 +45,8 @@ def scan(
     exit_zero: bool,
     python: str | None,
     no_imports: bool,
+    helper: bool,
+    jobs: int | None,
     db_path: Path,
     as_json: bool,
     verbose: int,
@@ -57,7 +66,7 @@ def scan(
     paths = list(paths) or ["."]
     with Imports(paths, python, no_imports) as imports:
         command = _Scan(paths, patterns, imports, db_path, as_json, verbose)
-        return command.run(exit_zero, dump_path)
+        return command.run(exit_zero, dump_path, jobs or int(helper))
 
 
 class _Scan:
@@ -80,7 +89,7 @@ class _Scan:
         self._verbose = verbose
         self._signal: signal.Signals | None = None
 
-    def run(self, exit_zero: bool, dump_path: str) -> int:
+    def run(self, exit_zero: bool, dump_path: str, helpers: int) -> int:
         from loom.app import App, spare_full_collections
         from loom.cli.progress import make_display
         from loom.cli.report import ScanReport
@@ -93,6 +102,10 @@ class _Scan:
             try:
                 if self._verbose > 1:
                     app.coordinator.fLog.fOutputFile = sys.stderr
+                if helpers:
+                    from loom.helper.support import use_helpers
+
+                    use_helpers(app, helpers, share=True)
                 self._imports.set_up(app)
                 session = ScanSession(app, self._paths, self._exclude)
                 session.connect("finished", lambda _session: main_loop.loop.stop())

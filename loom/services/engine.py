@@ -41,8 +41,8 @@ class CAnalysisMgr(CDestroyable):
         super().__init__(("files-followed",))
         self.fPrimaryScanName = kPrimaryScanName
         self.fDerivedScanName = kDerivedScanName
-        self.fHelperProcessProxy = None
-        self._fHelperProcessSupport = None
+        self.fHelperProcessProxy: object | None = None
+        self._fHelperProcessSupport: CDestroyable | None = None
         self.fPyConfig = CPyConfig()
         self.fLocationDataCache = CLocationDataCache()
         self.fAnalysisFactory = CAnalysisFactory(self.fPyConfig)
@@ -51,7 +51,14 @@ class CAnalysisMgr(CDestroyable):
         self.fScanCoordinator = coordinator_class(LOW_IDLE_PRIORITY, self)
         self.fScanCoordinator._fScanQueue.SetScansToOrder(_kScansToOrder)
 
+    def SetHelperProxy(self, proxy: object | None) -> None:
+        """A helper process has come, or with none, the last one has gone: the work moves."""
+        self.fHelperProcessProxy = proxy
+        self.fScanCoordinator._UpdateForHelperProcess()
+
     def _destroy_impl(self) -> None:
+        if self._fHelperProcessSupport is not None:
+            self._fHelperProcessSupport.destroy()
         self.fScanCoordinator.destroy()
         self.fInfoCache.destroy()
         self.fAnalysisFactory.destroy()

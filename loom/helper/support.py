@@ -1,0 +1,166 @@
+"""Helpers for an app: how many there are, and that they are there."""
+
+from __future__ import annotations
+
+import logging
+import os
+from collections.abc import Callable
+from typing import Any, Final
+
+from guiutils import lgtk
+from loombase.destroyable import CDestroyable
+
+from loom.app import App
+from loom.helper.backoff import Backoff
+from loom.helper.callback import CHelperCallbackObj, new_callback_obj
+from loom.helper.launch import HelperHandle, LocalHelper
+from loom.helper.link import Link
+from loom.helper.pool import CHelperPool
+from loom.helper.share import LocalShare
+from loom.mainloop.asyncio_loop import AsyncioMainLoop
+
+__all__ = ["CHelperProcessSupport", "default_helpers", "use_helpers"]
+
+_log = logging.getLogger("loom.helper")
+
+_kWatchMilliseconds: Final = 1000
+
+# Seconds that writing to the database takes at a time, with helpers that do the rest.
+_kWriteSeconds: Final = 0.008
+
+
+class CHelperProcessSupport(CDestroyable):
+    """Starts `count` helpers with `launch` and keeps them there.
+
+    While any of them runs, `pool` is the proxy of the analysis manager `ana_mgr`. One that goes is
+    started again, later and later if it never does anything; when no more are, `is_given_up` is
+    true and the scheduler has all its work back. With `share`, the first process scans, too.
+
+    Signals: "given-up" (support).
+    """
+
+    def __init__(
+        self, ana_mgr: Any, launch: Callable[[], HelperHandle], count: int, share: bool
+    ) -> None:
+        super().__init__(("given-up",))
+        self._ana_mgr = ana_mgr
+        self._launch = launch
+        self.fHelperCallbackObj: CHelperCallbackObj | None = None
+        self.pool = CHelperPool(ana_mgr)
+        self._share = LocalShare(ana_mgr, self.pool) if share else None
+        self._missing = count
+        self._to_come = 0  # starts that a timer will make
+        self._backoff = Backoff()
+        self._watches = False
+        self.is_given_up = False
+        self.pool.connect_while_alive("work-came", self._watch, self)
+
+    def start(self) -> None:
+        """Start the helpers. Their work can be queued at once."""
+        self._ana_mgr._fHelperProcessSupport = self
+        for _ in range(self._missing):
+            self._start_one()
+        self._note_count()
+
+    def _start_one(self) -> None:
+        try:
+            handle = self._launch()
+        except OSError as error:
+            _log.warning("a helper process can't be started: %s", error)
+            return
+        link = Link(
+            handle,
+            lgtk.GetMainLoop().now,
+            self.pool.link_ready,
+            self.pool.link_reported,
+            self._note_gone,
+        )
+        self.pool.add_link(link)
+        if self._ana_mgr.fHelperProcessProxy is None:
+            self.fHelperCallbackObj = self.pool.fCallbackObj = new_callback_obj()
+            self._ana_mgr.SetHelperProxy(self.pool)
+        self._watch()
+
+    def _note_gone(self, link: Link, fate: str) -> None:
+        self.pool.remove_link(link, fate)
+        link.handle.destroy()
+        if link.refusal:
+            _log.warning("%s can't be used: %s", link.handle.name, link.refusal)
+        else:
+            if link.has_progressed:
+                self._backoff.note_progress()
+            delay = self._backoff.next_delay()
+            if delay is not None:
+                self._to_come += 1
+                lgtk.timeout_add_while_alive(delay * 1000, self._start_again, self)
+            else:
+                _log.warning("a helper process isn't started any more: none of them did anything")
+        self._note_count()
+
+    def _start_again(self) -> bool:
+        self._to_come -= 1
+        self._start_one()
+        self._note_count()
+        return False
+
+    def _note_count(self) -> None:
+        """Fit the scheduler to how many helpers there are."""
+        self.pool.workers = len(self.pool.links) + (self._share is not None)
+        if self.pool.links:
+            return
+        if self._ana_mgr.fHelperProcessProxy is not None:
+            self.pool.give_back()
+            self._ana_mgr.SetHelperProxy(None)
+            self.pool.keep_suspects()
+        if not self._to_come and not self.is_given_up:
+            self.is_given_up = True
+            self.pool.drop_suspects()
+            self.emit("given-up", self)
+
+    # --- looking after them
+
+    def _watch(self, pool: object = None) -> None:
+        """Look at the helpers once a second, as long as anything is expected of them."""
+        if not self._watches:
+            self._watches = True
+            lgtk.timeout_add_while_alive(_kWatchMilliseconds, self._check_health, self)
+
+    def _check_health(self) -> bool:
+        self.pool.check_health()
+        self._watches = len(self.pool) > 0 or not all(link.is_ready for link in self.pool.links)
+        return self._watches
+
+    def _destroy_impl(self) -> None:
+        self._ana_mgr.fHelperProcessProxy = None
+        self._ana_mgr._fHelperProcessSupport = None
+        if self._share is not None:
+            self._share.destroy()
+        for link in list(self.pool.links):
+            link.handle.destroy()
+        self.pool.destroy()
+
+
+def default_helpers() -> int:
+    """How many helpers there are when nobody says: one, if it can have a core of its own."""
+    return 1 if len(os.sched_getaffinity(0)) > 1 else 0
+
+
+def use_helpers(
+    app: App, count: int | None = None, share: bool = False
+) -> CHelperProcessSupport | None:
+    """Have `count` local helper processes scan whole files for `app`; none if `count` is 0.
+
+    They end with the app, or when the result is destroyed. With `share` the first process scans a
+    part itself, which is faster; without, it is left to other things. A helper that can't be
+    started is logged, and the app scans alone.
+    """
+    if count is None:
+        count = default_helpers()
+    main_loop = app.main_loop
+    if count <= 0 or not isinstance(main_loop, AsyncioMainLoop):
+        return None
+    io = main_loop.loop
+    support = CHelperProcessSupport(app.ana_mgr, lambda: LocalHelper(io), count, share)
+    app.info_cache.fWriteSeconds = _kWriteSeconds
+    support.start()
+    return support
