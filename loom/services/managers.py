@@ -5,12 +5,14 @@ from __future__ import annotations
 from collections.abc import Iterable, Mapping, MutableMapping
 from typing import Any
 
-from cache.textcache import CTextCache
+from cache.textcache import CTextCache, TextEdit
 from loombase.destroyable import CDestroyable
 from loombase.location import CLocalFileLocation, CLocation
 from loombase.mime import MimeTypeFromName, kAnalyzableMimeTypes, kPythonMimeType
+from singleton import GetSingletons
 
 from pysource.analysis import CPySourceAnalysis
+from pysource.symbolinfo import kWildcardScope
 from pysource.utils import HasPythonShebang
 
 __all__ = ["CCacheMgr", "CFileAttribMgr", "CPrefMgr", "CSavableMgr"]
@@ -74,27 +76,51 @@ class CFileAttribMgr:
             mapping[loc] = self.GetProbableMimeType(loc)
 
 
-class CCacheMgr:
-    """Open buffers and their analyses. `loom` on the command line has none."""
+class CCacheMgr(CDestroyable):
+    """Open buffers and their analyses. `loom` on the command line has none.
+
+    An edit of a buffer asks the scheduler for a scan of the scope that was edited, saving for one
+    of the file.
+    """
 
     def __init__(self, attribs: CFileAttribMgr) -> None:
+        super().__init__()
         self._attribs = attribs
         self._buffers: dict[CLocation, CTextCache] = {}
         self._analyses: dict[CLocation, CPySourceAnalysis] = {}
 
     def OpenBuffer(self, loc: CLocation, text: str, modtime: float) -> CTextCache:
-        """Make the buffer of a file. Raises `ValueError` if it is open already."""
+        """Make the buffer of a file, with an analysis if it is Python.
+
+        `text` is what stands on disk since `modtime`, in seconds. Raises `ValueError` if the file
+        is open already.
+        """
         if loc in self._buffers:
             raise ValueError(f"buffer is open already: {loc!r}")
         buffer = self._buffers[loc] = CTextCache(loc, text, modtime)
+        buffer.connect_while_alive("text-modified", self._CB_TextModified, self)
+        buffer.connect_while_alive("saved", self._CB_Saved, self)
+        self.GetAnalysis(loc, True)
         return buffer
 
     def CloseBuffer(self, loc: CLocation) -> None:
-        """End the buffer of a file and its analysis. A file that isn't open is no error."""
-        for table in (self._analyses, self._buffers):
-            thing = table.pop(loc, None)
-            if thing is not None:
-                thing.destroy()
+        """End the buffer of a file and its analysis. A file that isn't open is no error.
+
+        What was found in unsaved text goes with it, and the file is checked again. A scan that is
+        under way notices and turns to the file.
+        """
+        analysis = self._analyses.pop(loc, None)
+        if analysis is not None:
+            analysis.destroy()
+        buffer = self._buffers.pop(loc, None)
+        if buffer is None:
+            return
+        if buffer.IsModified():
+            ana_mgr = GetSingletons().fAnalysisMgr
+            if ana_mgr is not None:
+                ana_mgr.fInfoCache.ForgetUnsaved(loc)
+            self._Scan(loc, [kWildcardScope])
+        buffer.destroy()
 
     def DoesCacheBufferExist(self, loc: CLocation, any_kind: bool = True) -> CTextCache | None:
         """The open buffer of a file, or none. There is one kind of buffers here."""
@@ -115,4 +141,26 @@ class CCacheMgr:
     def _ClearEOLBlindCacheAndScans(self) -> None:
         """Forget what was derived from buffers: their analyses read the info cache again."""
         for ana in self._analyses.values():
-            ana.UpdateFromCache()
+            ana.ReadCacheAgain()
+
+    def _CB_TextModified(self, buffer: CTextCache, edit: TextEdit) -> None:
+        loc = buffer.fLocation
+        analysis = self._analyses.get(loc)
+        if analysis is not None:
+            scopes = analysis.NoteEdit(edit, buffer.fVersion)
+            self._Scan(loc, scopes or [kWildcardScope])
+
+    def _CB_Saved(self, buffer: CTextCache) -> None:
+        self._Scan(buffer.fLocation, [kWildcardScope])
+
+    def _Scan(self, loc: CLocation, scope_names: Iterable[str]) -> None:
+        ana_mgr = GetSingletons().fAnalysisMgr
+        if ana_mgr is not None:
+            pairs = [(loc, name) for name in scope_names]
+            ana_mgr.fScanCoordinator.AddPairsToPrimaryQueue(pairs, first=True)
+
+    def _destroy_impl(self) -> None:
+        for thing in (*self._analyses.values(), *self._buffers.values()):
+            thing.destroy()
+        self._analyses.clear()
+        self._buffers.clear()

@@ -2,23 +2,43 @@
 
 from __future__ import annotations
 
+from typing import NamedTuple
+
 from loombase.destroyable import CDestroyable
 from loombase.location import CLocation
 
-__all__ = ["CTextCache"]
+__all__ = ["CTextCache", "TextEdit"]
+
+
+class TextEdit(NamedTuple):
+    """Which lines an edit replaced: those from `first` to before `old_end` by those from `first` to
+    before `new_end`. Lines count from 1. An edit inside of a line replaces that line.
+    """
+
+    first: int
+    old_end: int
+    new_end: int
+
+    @property
+    def shift(self) -> int:
+        """By how many lines what stands behind has moved."""
+        return self.new_end - self.old_end
 
 
 class CTextCache(CDestroyable):
     """The buffer of one open file. `fLocation` is the file's location.
 
     `modtime` is the modification time on disk, in seconds, of the version that `text` is.
+    `fVersion` is the number of edits so far.
 
-    Signals: "text-modified" (buffer) after each change of the text.
+    Signals: "text-modified" (buffer, `TextEdit`) after each change of the text; "saved" (buffer)
+    when the text has become the file's.
     """
 
     def __init__(self, loc: CLocation, text: str = "", modtime: float = 0.0) -> None:
-        super().__init__(("text-modified",))
+        super().__init__(("text-modified", "saved"))
         self.fLocation = loc
+        self.fVersion = 0
         self._text = text
         self._modified = False
         self._modtime = modtime
@@ -28,16 +48,41 @@ class CTextCache(CDestroyable):
 
     def SetText(self, text: str) -> None:
         """Replace the text by an edited one. The same text again is no change."""
-        if text == self._text:
+        start, end, replacement = _Difference(self._text, text)
+        self.Replace(start, end, replacement)
+
+    def Replace(self, start: int, end: int, replacement: str) -> None:
+        """Replace the characters from offset `start` to before `end`.
+
+        Replacing nothing by nothing is no change. Raises `ValueError` if the range isn't one of the
+        text's.
+        """
+        if not 0 <= start <= end <= len(self._text):
+            raise ValueError(f"no range of a text of {len(self._text)} characters: {start}, {end}")
+        if self._text[start:end] == replacement:
             return
-        self._text = text
+        old = self._text
+        self._text = f"{old[:start]}{replacement}{old[end:]}"
+        self.fVersion += 1
         self._modified = True
-        self.emit("text-modified", self)
+        self.emit("text-modified", self, _LinesOf(old, self._text, start, end, replacement))
+
+    def OffsetOfLine(self, lineno: int) -> int:
+        """Where a line begins, in characters; the text's length for a line behind the last."""
+        offset = 0
+        for line in self._text.splitlines(keepends=True) if lineno > 1 else ():
+            if _EndsLine(line):
+                lineno -= 1
+            offset += len(line)
+            if lineno == 1:
+                break
+        return offset
 
     def MarkSaved(self, modtime: float) -> None:
         """The text is now what stands on disk since `modtime`."""
         self._modified = False
         self._modtime = modtime
+        self.emit("saved", self)
 
     def IsModified(self) -> bool:
         """Whether there are unsaved changes."""
@@ -46,3 +91,56 @@ class CTextCache(CDestroyable):
     def _GetLastKnownModTime(self) -> float:
         """Modification time of the file when it was last read or saved."""
         return self._modtime
+
+
+def _Difference(old: str, new: str) -> tuple[int, int, str]:
+    """The range of `old` in which it differs from `new`, and what stands there in `new`."""
+    longest = min(len(old), len(new))
+    start = _CommonLength(old, new, longest)
+    end = _CommonLength(old[::-1], new[::-1], longest - start)
+    return start, len(old) - end, new[start : len(new) - end]
+
+
+def _CommonLength(first: str, second: str, longest: int) -> int:
+    """How many characters, `longest` at most, both texts begin with."""
+    low, high = 0, longest
+    while low < high:
+        middle = (low + high + 1) // 2
+        if first[low:middle] == second[low:middle]:
+            low = middle
+        else:
+            high = middle - 1
+    return low
+
+
+def _LinesOf(old: str, new: str, start: int, end: int, replacement: str) -> TextEdit:
+    first = _CountLineEnds(old, start) + 1
+    new_stop = start + len(replacement)
+    removed = _CountLineEnds(old, end) + 1 - first
+    added = _CountLineEnds(new, new_stop) + 1 - first
+    if _AtLineStart(old, start) and _AtLineStart(old, end) and _AtLineStart(new, new_stop):
+        return TextEdit(first, first + removed, first + added)  # whole lines
+    return TextEdit(first, first + removed + 1, first + added + 1)
+
+
+def _CountLineEnds(text: str, end: int) -> int:
+    """How many lines end before an offset: by a line feed, a carriage return, or both."""
+    feeds = text.count("\n", 0, end)
+    returns = text.count("\r", 0, end)
+    if not returns:
+        return feeds
+    # One between the two characters of a line end stands on the line that they end.
+    split = text[end - 1 : end + 1] == "\r\n" if end else False
+    return feeds + returns - text.count("\r\n", 0, end) - split
+
+
+def _AtLineStart(text: str, offset: int) -> bool:
+    if offset == 0:
+        return True
+    return text[offset - 1] == "\n" or (
+        text[offset - 1] == "\r" and text[offset : offset + 1] != "\n"
+    )
+
+
+def _EndsLine(line: str) -> bool:
+    return line.endswith(("\n", "\r"))

@@ -30,10 +30,17 @@ from loom.store.database import kLockWaitSeconds, open_for_writing, set_aside, t
 from loom.store.errors import StoreError, is_damage
 from loom.store.lookup import Lookup
 from loom.store.queries import path_of
-from loom.store.records import AddedScope, FileRecord, FileState, FileTimes, StoredScope
+from loom.store.records import (
+    AddedScope,
+    FileRecord,
+    FileState,
+    FileTimes,
+    StoredScope,
+    kUnsavedTime,
+)
 from loom.store.writer import Writer
 
-__all__ = ["CInfoCache", "CScopeInfo", "CScopeInfoKey"]
+__all__ = ["CInfoCache", "CScopeInfo", "CScopeInfoKey", "SecondsOf"]
 
 _log = logging.getLogger("loom.infocache")
 _T = TypeVar("_T")
@@ -166,9 +173,12 @@ class CInfoCache(CDestroyable):
         # By location, least recently used first, so that a file's records go together.
         self._fRecords: OrderedDict[CLocation, dict[str, CScopeInfo]] = OrderedDict()
         self._fRecordBytes = 0
+        # Scopes of unsaved text. They end with it, so the database doesn't get them.
+        self._fUnsaved: dict[CLocation, dict[str, CScopeInfo]] = {}
         self._fDiskStates: dict[CLocation, _DiskState] = {}
         self._fAskedScans: set[_Triple] = set()
         self._fSliceEnd: float | None = None
+        self.fWriteSeconds = _kIdleWriteSeconds  # what an idle call of its own may take
         self._fRetryTime = float("-inf")
         self._fGoOnWritingIdle: int | None = None
         self._fClosed = False
@@ -191,7 +201,7 @@ class CInfoCache(CDestroyable):
         except OSError:
             return 0.0
         mtime_ns = freshness.mtime_ns_of(status)
-        mtime = _Seconds(mtime_ns)
+        mtime = SecondsOf(mtime_ns)
         self._fDiskStates[loc] = _DiskState(mtime, mtime_ns, status.st_size)
         return mtime
 
@@ -203,7 +213,7 @@ class CInfoCache(CDestroyable):
             self.ForgetFile(loc)
         if state.kind in (CFileKind.ABSENT, CFileKind.CLOSED):
             return 0.0
-        mtime = _Seconds(state.mtime_ns)
+        mtime = SecondsOf(state.mtime_ns)
         self._fDiskStates[loc] = _DiskState(mtime, state.mtime_ns, state.size)
         return mtime
 
@@ -227,13 +237,18 @@ class CInfoCache(CDestroyable):
                 continue
             if disk is not None and disk.mtime == modtime:
                 valid = freshness.is_fresh(state, disk.mtime_ns, disk.size)
-            elif abs(_Seconds(state.mtime_ns) - modtime) < _kSameTimeSeconds:
+            elif abs(SecondsOf(state.mtime_ns) - modtime) < _kSameTimeSeconds:
                 valid = freshness.is_fresh(state, state.mtime_ns, state.size)
             else:
                 valid = False
             if valid and state.scans:
                 result[loc] = state.scans
         return result
+
+    def StatesOf(self, locs: Iterable[CLocation]) -> dict[CLocation, FileState]:
+        """For which state of the files there are results, without files that aren't known."""
+        by_url = {loc.fUrl: loc for loc in locs}
+        return {by_url[url]: state for url, state in self._States(by_url).items()}
 
     def _States(self, urls: Iterable[str]) -> dict[str, FileState]:
         """For which state of the files results are stored or wait, without unknown files."""
@@ -274,6 +289,9 @@ class CInfoCache(CDestroyable):
 
     def GetScopeInfo(self, loc: CLocation, scope_name: str) -> CScopeInfo | None:
         """What is stored of a scope, or none. Never scans."""
+        unsaved = self._fUnsaved.get(loc)
+        if unsaved is not None and scope_name in unsaved:
+            return unsaved[scope_name]
         records = self._fRecords.get(loc)
         if records is not None:
             self._fRecords.move_to_end(loc)
@@ -302,7 +320,7 @@ class CInfoCache(CDestroyable):
             for row in record.scopes:
                 if row[0] == scope_name:
                     scan_name = record.scans.split()[0]
-                    return StoredScope(scan_name, _Seconds(record.mtime_ns), False, False, row[5])
+                    return StoredScope(scan_name, SecondsOf(record.mtime_ns), False, False, row[5])
             return None
         if self._fWriter.pending_deletion(url):
             return None
@@ -310,7 +328,7 @@ class CInfoCache(CDestroyable):
         if times is None:
             return self._Ask(lambda: self._fLookup.scope(url, scope_name), None)
         stored = self._Ask(lambda: self._fLookup.scope(url, scope_name, with_added=False), None)
-        return stored and stored._replace(disk_mtime=_Seconds(times.mtime_ns))
+        return stored and stored._replace(disk_mtime=SecondsOf(times.mtime_ns))
 
     def GetScopeLines(self, loc: CLocation) -> list[tuple[str, int, int]]:
         """(scope name, first line, last line) of all scopes of a file, parents before children.
@@ -324,12 +342,21 @@ class CInfoCache(CDestroyable):
             return []
         return self._Ask(lambda: self._fLookup.scope_lines(loc.fUrl), [])
 
+    def GetScopeNames(self, loc: CLocation) -> set[str]:
+        """The names of the scopes of a file that something is known of, as by `GetScopeLines`.
+
+        Those of unsaved text are among them, and so are scopes that were known to be there once.
+        """
+        names = {name for name, _, _ in self.GetScopeLines(loc)}
+        return names | self._fUnsaved.get(loc, {}).keys()
+
     # --- changes
 
     def AddFile(self, loc: CLocation, record: FileRecord) -> None:
         """Store what a whole-file scan found, in place of all that was known of the file."""
         self._fWriter.put_file(record)
         self._Forget(loc)
+        self.ForgetUnsaved(loc)
         self.emit("file-stored", self, loc, record)
 
     def RefreshFile(
@@ -344,12 +371,21 @@ class CInfoCache(CDestroyable):
             return False
         self._fWriter.put_times(loc.fUrl, digest, times)
         self._Forget(loc)  # records tell the time
+        self.ForgetUnsaved(loc)
         self.emit("file-reread", self, loc)
         return True
 
     def AddScopeInfo(self, info: CScopeInfo) -> None:
-        """Store one scope, until its file is scanned again."""
+        """Store one scope, until its file is scanned again.
+
+        One with the time of unsaved text is kept in memory only, ahead of what is stored, until
+        `ForgetUnsaved` at the latest.
+        """
         key = info.key
+        if info.disk_mtime == SecondsOf(kUnsavedTime):
+            self._fUnsaved.setdefault(key.loc, {})[key.scope_name] = info
+            return
+        self._fUnsaved.get(key.loc, {}).pop(key.scope_name, None)
         stored = StoredScope(
             key.scan_name, info.disk_mtime, info.incomplete, info.does_not_exist, info.packed
         )
@@ -360,11 +396,16 @@ class CInfoCache(CDestroyable):
         """Drop all that is known of a file."""
         self._fWriter.delete_file(loc.fUrl)
         self._Forget(loc)
+        self.ForgetUnsaved(loc)
         self._fDiskStates.pop(loc, None)
 
     def IsKnown(self, loc: CLocation) -> bool:
         """Whether anything is stored of the file, were it a failure."""
         return loc.fUrl in self._States([loc.fUrl])
+
+    def ForgetUnsaved(self, loc: CLocation) -> None:
+        """Drop the scopes of a file's unsaved text, which is no more."""
+        self._fUnsaved.pop(loc, None)
 
     def ForgetVanishedBelow(
         self, folder: CLocalFileLocation, is_left_out: Callable[[str], bool] | None = None
@@ -375,26 +416,31 @@ class CInfoCache(CDestroyable):
         With `is_left_out`, those for whose paths it is true are dropped, too.
         """
 
-        def forget_some(urls: Iterable[str]) -> None:
+        for urls in self.StoredUrlsBelow(folder):
             for url in urls:
                 path = path_of(url)
                 if path is not None and (_IsGone(path) or (is_left_out and is_left_out(path))):
                     self.ForgetFile(CLocalFileLocation(path))
+            yield
 
+    def StoredUrlsBelow(self, folder: CLocation) -> Iterator[list[str]]:
+        """The URLs of all files below a folder of which anything is stored, some at a time.
+
+        Files may be forgotten meanwhile; one may come twice.
+        """
         waiting = self._fWriter.pending_urls_below(folder.fUrl)
         for start in range(0, len(waiting), _kVanishedStep):
-            forget_some(waiting[start : start + _kVanishedStep])
-            yield
+            yield waiting[start : start + _kVanishedStep]
         after = ""
         while True:
             urls = self._Ask(
                 partial(self._fLookup.urls_below, folder.fUrl, after, _kVanishedStep), list[str]()
             )
-            forget_some(urls)
+            if urls:
+                yield urls
             if len(urls) < _kVanishedStep:
                 return
             after = urls[-1]
-            yield
 
     def AddNeedsScan(self, triples: Iterable[_Triple], priority: int | None = None) -> None:
         """Ask for scans. One that was asked for and hasn't finished since isn't asked for again."""
@@ -461,6 +507,10 @@ class CInfoCache(CDestroyable):
         """Whether results wait to be written or names to be indexed."""
         return not self._fWriter.idle
 
+    def UnwrittenBytes(self) -> int:
+        """Roughly the memory that waiting results take."""
+        return self._fWriter.pending_bytes
+
     def WriteEverything(self) -> None:
         """As `WriteToDatabase`, and doesn't return before all is done."""
         while not self._WriteSlice():
@@ -493,7 +543,7 @@ class CInfoCache(CDestroyable):
     def _WriteSlice(self, index_all: bool = True) -> bool:
         if self._fWriter.idle:
             return True
-        end = _fastaccess.GetNowTime() + _kIdleWriteSeconds
+        end = _fastaccess.GetNowTime() + self.fWriteSeconds
         return self._Write(end, kLockWaitSeconds, index_all)
 
     def _Write(self, end_time: float, wait_seconds: float, index_all: bool) -> bool:
@@ -588,6 +638,6 @@ def _RecordBytes(info: CScopeInfo) -> int:
     return 500 + 4 * len(info.packed)
 
 
-def _Seconds(mtime_ns: int) -> float:
+def SecondsOf(mtime_ns: int) -> float:
     """A modification time as the rest of the system knows it, always the same way."""
     return (mtime_ns + 1 if mtime_ns in _kReservedTimes else mtime_ns) / 1e9

@@ -173,10 +173,9 @@ def test_buffers_and_their_analyses(managers, attribs):
     buffer = cache_mgr.OpenBuffer(loc, "x = 1\n", 12.5)
     cache_mgr.OpenBuffer(other, "", 0.0)
     assert cache_mgr.DoesCacheBufferExist(loc, True) is buffer
-    assert cache_mgr.GetAnalysis(loc, False) is None
-    analysis = cache_mgr.GetAnalysis(loc, True)
+    analysis = cache_mgr.GetAnalysis(loc, False)
     assert analysis.fLocation is loc
-    assert cache_mgr.GetAnalysis(loc, False) is analysis
+    assert cache_mgr.GetAnalysis(loc, True) is analysis
     assert cache_mgr.GetAnalysis(other, True) is None  # not Python
     with pytest.raises(ValueError, match="open already"):
         cache_mgr.OpenBuffer(loc, "", 0.0)
@@ -188,13 +187,17 @@ def test_buffers_and_their_analyses(managers, attribs):
 
 def test_a_buffer_tells_of_changes_and_knows_whether_it_is_saved(managers, attribs):
     seen = []
-    buffer = managers.CCacheMgr(attribs).OpenBuffer(CLocalFileLocation("/a.py"), "x", 12.5)
-    buffer.connect("text-modified", seen.append)
+    buffer = managers.CCacheMgr(attribs).OpenBuffer(CLocalFileLocation("/a.txt"), "x", 12.5)
+    buffer.connect("text-modified", lambda *args: seen.append(args))
     assert (buffer.IsModified(), buffer._GetLastKnownModTime()) == (False, 12.5)
     buffer.SetText("x")
     assert not buffer.IsModified()
     buffer.SetText("y")
-    assert (buffer.IsModified(), buffer.GetText(), seen) == (True, "y", [buffer])
+    assert (buffer.IsModified(), buffer.GetText(), seen) == (
+        True,
+        "y",
+        [(buffer, (1, 2, 2))],
+    )
     buffer.MarkSaved(20.0)
     assert (buffer.IsModified(), buffer._GetLastKnownModTime()) == (False, 20.0)
 

@@ -11,12 +11,16 @@ from .base import (
     kTimedOut,
     kWaitingForData,
 )
+from .instances import CreateClassInstInfo
+from .singlescope import CSingleScopePrimaryScanner
 from .wholefile import CWholeFilePrimaryScanner, ScopesOfLines
 
 __all__ = [
     "CScanState",
     "CScanner",
+    "CSingleScopePrimaryScanner",
     "CWholeFilePrimaryScanner",
+    "CreateClassInstInfo",
     "ScopesOfLines",
     "kFinishedScanning",
     "kReadyToScan",

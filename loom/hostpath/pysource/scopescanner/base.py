@@ -90,6 +90,11 @@ class CScanner(CDestroyable):
                 self.fState = kTimedOut
                 return self.fState
 
+    def Steps(self) -> ScanSteps:
+        """What is left of the scan, for a scanner that has this one do a part of its work."""
+        assert self._fSteps is not None
+        return self._fSteps
+
     def _ScanInSteps(self) -> ScanSteps:
         """The scan: yields after each step, returns the state it ends in.
 

@@ -15,21 +15,18 @@ from loom.sourcetext import SourceError, SourceText, decode_source
 from loom.store.definitions import pack
 from loom.store.records import FileRecord, FileTimes, ScopeRow, join_scans
 
-from .base import CScanner, ScanSteps, kFinishedScanning, kScanAbandoned
+from .base import CScanner, CScanState, ScanSteps, kFinishedScanning, kScanAbandoned
+from .scantext import ScanText
 
 if TYPE_CHECKING:
     from pysource.scopeinfo import CInfoCache
 
-__all__ = ["CWholeFilePrimaryScanner", "ScopesOfLines"]
+__all__ = ["CWholeFilePrimaryScanner", "ItemsInParts", "ScopesOfLines"]
 
 _log = logging.getLogger("loom.scan")
 
 # Bytes scanned between two looks at the clock: a fraction of a millisecond's worth.
 _kStepBytes: Final = 64 * 1024
-
-# Time of results that came from unsaved text: that of no file, so that they are never taken for
-# valid once the text is gone.
-_kUnsavedTime: Final = -1
 
 # Scopes or definitions taken or packed between two looks at the clock.
 _kItemsPerStep: Final = 2000
@@ -67,14 +64,19 @@ class CWholeFilePrimaryScanner(CScanner):
         super().__init__(loc, log)
 
     def _ScanInSteps(self) -> ScanSteps:
-        text = SourceText()
+        while True:
+            text = SourceText()
+            which = ScanText(self.fLocation, text)
+            end = yield from self._ScanOnce(text, which)
+            if end is not None:
+                return end
+
+    def _ScanOnce(
+        self, text: SourceText, which: ScanText
+    ) -> Generator[CScanState | None, None, CScanState | None]:
+        """Scan one text; returns none if by the end there is another one to be scanned."""
         try:
-            buffer = singleton.GetSingletons().fCacheMgr.DoesCacheBufferExist(self.fLocation, True)
-            if buffer is not None and buffer.IsModified():
-                text.data = buffer.GetText().encode(errors="replace")  # lone surrogates
-                text.size = len(text.data)
-                text.mtime_ns = _kUnsavedTime
-            else:
+            if not which.unsaved:
                 yield from self._ReadSource(text)
                 if self._IsAsStored(text):
                     return kFinishedScanning
@@ -92,7 +94,10 @@ class CWholeFilePrimaryScanner(CScanner):
             _log.exception("scan of %r failed", self.fLocation)
             self._Abandon(text, f"scanner failed: {type(error).__name__}: {error}", True)
             return kScanAbandoned
+        if not which.IsCurrent():
+            return None
         self._Store(record)
+        which.TellScopes(record.scopes)
         return kFinishedScanning
 
     def _IsAsStored(self, text: SourceText) -> bool:
@@ -103,14 +108,14 @@ class CWholeFilePrimaryScanner(CScanner):
         source = SourceScanner(text.data)
         while not source.scan(_kStepBytes):
             yield
-        scopes = yield from _InParts(source.scopes, "scopes")
+        scopes = yield from ItemsInParts(source.scopes, "scopes")
         errors = source.errors()
         self._fIncompleteScopes.clear()
         if errors:
             lines = [lineno for lineno, _ in errors]
             self._fIncompleteScopes.update(scopes[i][0] for i in ScopesOfLines(scopes, lines))
         error, error_lineno = _FirstError(errors, text)
-        definitions = yield from _InParts(source.definitions, "definitions")
+        definitions = yield from ItemsInParts(source.definitions, "definitions")
         packed: list[bytes] = []
         names: dict[str, None] = {}
         for start in range(0, len(definitions), _kItemsPerStep):
@@ -161,7 +166,7 @@ class CWholeFilePrimaryScanner(CScanner):
         return cache
 
 
-def _InParts(
+def ItemsInParts(
     ask: Callable[[int, int], list[_Item]], what: str
 ) -> Generator[None, None, list[_Item]]:
     """All items of a long list of the native scanner, fetched in steps."""

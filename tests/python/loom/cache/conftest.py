@@ -60,6 +60,9 @@ class Buffers:
     def DoesCacheBufferExist(self, loc: CLocalFileLocation, any_kind: bool) -> Any:
         return self.buffers.get(loc)
 
+    def GetAnalysis(self, loc: CLocalFileLocation, create: bool) -> None:
+        return None
+
 
 @pytest.fixture
 def buffers() -> Buffers:

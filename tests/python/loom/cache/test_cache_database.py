@@ -8,6 +8,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
+from cache.textcache import CTextCache
 from cache_samples import done, kSource, locations, record_of
 from loombase.location import CLocalFileLocation
 
@@ -365,23 +366,15 @@ def test_other_failure_of_a_question_is_a_clear_error(
 def test_unsaved_text_is_scanned_and_never_taken_for_the_file(
     cache: CInfoCache, make_file: MakeFile, scan: Scan, buffers: Any
 ) -> None:
-    class Buffer:
-        modified = True
-
-        def IsModified(self) -> bool:
-            return self.modified
-
-        def GetText(self) -> str:
-            return "unsaved = 'ä \ud800'\n"
-
     loc = make_file("a.py", "saved = 1\n")
-    buffers.buffers[loc] = buffer = Buffer()
+    buffers.buffers[loc] = buffer = CTextCache(loc, "saved = 1\n")
+    buffer.SetText("unsaved = 'ä \ud800'\n")
     assert scan(loc) is scopescanner.kFinishedScanning
     info = cache.GetScopeInfo(loc, "")
     assert info is not None and info.type_equivs.keys() == {"unsaved"}
     assert done(cache, loc) == {}
     assert cache.GetScansDoneForMultipleFiles({loc: -2}) == {}
-    buffer.modified = False
+    buffer.MarkSaved(1.0)
     scan(loc)
     info = cache.GetScopeInfo(loc, "")
     assert info is not None and info.type_equivs.keys() == {"saved"}

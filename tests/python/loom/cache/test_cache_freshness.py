@@ -9,6 +9,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
+from cache.textcache import CTextCache
 from cache_samples import done, kSource
 from loombase.location import CLocalFileLocation
 
@@ -465,17 +466,10 @@ def test_a_file_that_becomes_readable_is_scanned(
 # --- unsaved text
 
 
-class Buffer:
-    modified = True
-
-    def __init__(self, text: str) -> None:
-        self.text = text
-
-    def IsModified(self) -> bool:
-        return self.modified
-
-    def GetText(self) -> str:
-        return self.text
+def modified_buffer(loc: CLocalFileLocation, text: str) -> CTextCache:
+    buffer = CTextCache(loc, "")
+    buffer.SetText(text)
+    return buffer
 
 
 @pytest.mark.parametrize("written", [False, True], ids=["waiting", "written"])
@@ -492,7 +486,7 @@ def test_unsaved_text_that_is_given_up_leaves_the_file(
     loc = make_file("a.py", "saved = 1\n", mtime_ns)
     scan(loc)
     for text in ("other = 1\n", "saved = 1\n"):
-        buffers.buffers[loc] = Buffer(text)
+        buffers.buffers[loc] = modified_buffer(loc, text)
         scan(loc)
         if written:
             cache.WriteEverything()

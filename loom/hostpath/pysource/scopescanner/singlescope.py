@@ -1,0 +1,420 @@
+"""The scanner of one scope of a file."""
+
+from __future__ import annotations
+
+import logging
+from collections.abc import Callable, Generator, Iterable, Sequence
+from dataclasses import dataclass
+from typing import Final
+
+import singleton
+from loombase.location import CLocalFileLocation, CSshFileLocation
+from pysource.logicalline import CLogicalDef, kClassDef, kFunctionDef
+from pysource.scopeinfo import CInfoCache, CScopeInfo, CScopeInfoKey, SecondsOf
+from pysource.symbolinfo import (
+    GetClassForInstanceName,
+    GetInfoBytesKind,
+    IsDefLineScope,
+    IsDefOrClassKind,
+    NonNestedSplit,
+    ParentAndLeafScopeNames,
+    ParentScopeName,
+    RemoveAllScopeNameSubscripts,
+    SplitScopeNameFromSuffixes,
+    UnpackDefInfoStr,
+    kArgPrefix,
+    kClassKind,
+    kDecoratorPrefix,
+    kModuleScopeName,
+    kTypeHintPrefix,
+    kTypeParameterPrefix,
+    kWildcardScope,
+)
+
+from loom._pyscan import SourceScanner, pack_info, unpack_info
+from loom.sourcetext import SourceError, SourceText, decode_source
+from loom.store.records import ScopeRow
+
+from .base import CScanner, CScanState, ScanSteps, kFinishedScanning, kScanAbandoned
+from .scantext import ScanText
+from .scopeslice import ScopeSlice, cut_out, header_row, path_of_scope
+from .wholefile import CWholeFilePrimaryScanner, ItemsInParts, ScopesOfLines
+
+__all__ = ["CSingleScopePrimaryScanner"]
+
+_log = logging.getLogger("loom.scan")
+
+# Bytes scanned between two looks at the clock, and at whether the scope has ended.
+_kStepBytes: Final = 2 * 1024
+_kWholeStepBytes: Final = 64 * 1024
+
+# In bigger texts even taking lines apart takes too long for one step.
+_kMaxSliceBytes: Final = 2 * 1024 * 1024
+
+_kDefLineParts: Final = (kArgPrefix, kTypeHintPrefix, kTypeParameterPrefix)
+
+
+@dataclass(slots=True)
+class _Found:
+    """What stands in the text of a scope: its own row first, then those of the scopes inside.
+
+    `holder` is the row of the scope around it, none for the module. `incomplete` are the names of
+    those among the rows that couldn't be read to their end.
+    """
+
+    rows: list[ScopeRow]
+    holder: ScopeRow | None
+    incomplete: set[str]
+
+
+class CSingleScopePrimaryScanner(CScanner):
+    """Finds what one scope defines, and the scopes inside of it, from the present text of a file.
+
+    Only that scope is scanned, wherever it has moved to, as long as it can be found by the lines on
+    which it stood; else the whole text is. The result is that of a whole-file scan either way. The
+    module `kModuleScopeName` takes a scan of the whole text, too, and yields its own names only.
+
+    `scope_name` may also be a def line ("f.<def>"), which yields the names that stand in it, or a
+    specialized scope ("List[int]"), which yields what the plain one does. With `kWildcardScope` it is
+    a whole-file scan, which stores its result itself as soon as it is over.
+
+    While a scan is on, nothing is stored; `SaveToInfoCache` does that. `incomplete_scope_set` then
+    has the scanned scopes that couldn't be read to their end, and none of the others that were
+    scanned. An edit during the scan starts it again.
+
+    When it is over, `fInfo` is the scope's record, none if there is no such scope. `fScopeDef` is
+    its definition, none for the module and def lines, and `fContainingClassDef` that of the class
+    that it stands in, none if it doesn't stand in one directly. `fFileDoesntExist` tells that
+    there is no file.
+    """
+
+    def __init__(
+        self,
+        loc: CLocalFileLocation | CSshFileLocation,
+        scope_name: str,
+        incomplete_scope_set: set[str],
+        log: Callable[..., object],
+    ) -> None:
+        self.fScopeName = scope_name
+        self.fInfo: CScopeInfo | None = None
+        self.fScopeDef: CLogicalDef | None = None
+        self.fContainingClassDef: CLogicalDef | None = None
+        self._fIncompleteScopes = incomplete_scope_set
+        plain_name = RemoveAllScopeNameSubscripts(scope_name)
+        self._fOfDefLine = IsDefLineScope(plain_name)
+        # The scope of the text that is looked for.
+        self._fTextName = ParentScopeName(plain_name) if self._fOfDefLine else plain_name
+        self._fSpecialized = plain_name != scope_name
+        self._fText: ScanText | None = None
+        self._fMTime = 0
+        self._fUnderWay: SourceScanner | None = None
+        self._fFound: _Found | None = None
+        self._fWhole: CWholeFilePrimaryScanner | None = None
+        # The text's lines, and the rows of all its scopes, as far as they had to be known.
+        self._fLines: list[bytes] = []
+        self._fAllRows: Sequence[ScopeRow] = ()
+        super().__init__(loc, log)
+
+    # --- scanning
+
+    def _ScanInSteps(self) -> ScanSteps:
+        if self.fScopeName == kWildcardScope:
+            return (yield from self._ScanWholeFile())
+        while True:
+            text = SourceText()
+            self._fText = ScanText(self.fLocation, text)
+            try:
+                if not self._fText.unsaved:
+                    yield from self._ReadSource(text)
+                    yield from decode_source(text)
+                self._fMTime = text.mtime_ns
+                found = yield from self._Search(text.data)
+            except SourceError as error:
+                self.fFileDoesntExist = error.gone
+                return self._Abandon(str(error))
+            except Exception as error:
+                # A fault of ours, and no reason to stop the others.
+                _log.exception("scan of %r in %r failed", self.fScopeName, self.fLocation)
+                return self._Abandon(f"scanner failed: {type(error).__name__}: {error}")
+            if self._fText.IsCurrent():
+                break
+        self._fUnderWay = None
+        self._fFound = found
+        self._NoteIncomplete(found)
+        if found is not None:
+            self._Describe(found, incomplete=found.rows[0][0] in found.incomplete)
+        return kFinishedScanning
+
+    def _ScanWholeFile(self) -> ScanSteps:
+        scan_name = singleton.GetSingletons().fAnalysisMgr.fPrimaryScanName
+        self._fWhole = whole = CWholeFilePrimaryScanner(
+            self.fLocation, scan_name, incomplete_scope_set=self._fIncompleteScopes, log=self.fLog
+        )
+        whole.connect_while_alive("scan-state-changed", lambda _: self._DataArrived(), self)
+        state = yield from whole.Steps()
+        self.fFileDoesntExist = whole.fFileDoesntExist
+        return state
+
+    def _NoteIncomplete(self, found: _Found | None) -> None:
+        within = f"{self._fTextName}."
+        scanned = {name for name in self._fIncompleteScopes if name.startswith(within)}
+        if self._fTextName == kModuleScopeName:
+            scanned = set()
+        self._fIncompleteScopes -= scanned | {self._fTextName}
+        if found is not None:
+            self._fIncompleteScopes |= found.incomplete
+
+    def _Abandon(self, reason: str) -> CScanState:
+        self._fUnderWay = None
+        self.fLog(
+            "Abandoned primary scope scan: scope=%r, file=%r: %s",
+            self.fScopeName,
+            self.fLocation,
+            reason,
+        )
+        return kScanAbandoned
+
+    def _Search(self, data: bytes) -> Generator[None, None, _Found | None]:
+        found: _Found | None = None
+        self._fLines = []
+        self._fAllRows = ()
+        path = path_of_scope(self._fTextName)
+        if path is not None and len(data) <= _kMaxSliceBytes:
+            lineno = self._ExpectedLines()[0]
+            if lineno:
+                self._fLines = data.splitlines(keepends=True)
+                yield
+                found = yield from self._SearchSlice(cut_out(self._fLines, path, lineno))
+        if found is None:
+            found = yield from self._SearchWhole(data)
+        self._fLines = self._fLines or data.splitlines(keepends=True)
+        if found is not None and self._fOfDefLine:
+            return _OnlyDefLine(found, self._fLines)
+        return found
+
+    def _ExpectedLines(self) -> tuple[int, int]:
+        """The lines on which the scope should stand by what is known; (0, 0) if nothing is."""
+        assert self._fText is not None
+        known = self._fText.Analysis()
+        if known is not None:
+            scopes = known[0].GetScopeLines()
+        else:
+            scopes = _InfoCache().GetScopeLines(self.fLocation)
+        for name, first, last in scopes:
+            if name == self._fTextName:
+                return first, last
+        return 0, 0
+
+    def _SearchSlice(self, piece: ScopeSlice | None) -> Generator[None, None, _Found | None]:
+        if piece is None:
+            return None
+        self._fUnderWay = source = SourceScanner(piece.text)
+        source.scan(max(piece.body, 1))  # blank lines, nearly all of it
+        while source.may_grow(piece.scope):
+            yield
+            source.scan(_kStepBytes)
+        rows = source.scopes()
+        if rows[piece.scope :] and rows[piece.scope][3] == piece.lineno:
+            found = self._Collect(rows, piece.scope, source.errors())
+            if found.rows[0][0] == self._fTextName:
+                return found
+        return None
+
+    def _SearchWhole(self, data: bytes) -> Generator[None, None, _Found | None]:
+        self._fUnderWay = source = SourceScanner(data)
+        while not source.scan(_kWholeStepBytes):
+            yield
+        rows = yield from ItemsInParts(source.scopes, "scopes")
+        self._fAllRows = rows
+        for index, row in enumerate(rows):
+            if row[0] == self._fTextName:
+                return self._Collect(rows, index, source.errors())
+        return None
+
+    def _Collect(
+        self, rows: Sequence[ScopeRow], scope: int, errors: Sequence[tuple[int, str]]
+    ) -> _Found:
+        inside = {scope}
+        if scope != 0:
+            for index in range(scope + 1, len(rows)):
+                if rows[index][1] in inside:
+                    inside.add(index)
+        wrong = ScopesOfLines(rows, [lineno for lineno, _ in errors]) & inside
+        return _Found(
+            [rows[index] for index in sorted(inside)],
+            rows[rows[scope][1]] if scope != 0 else None,
+            {rows[index][0] for index in wrong},
+        )
+
+    # --- what was found
+
+    def _Describe(self, found: _Found, incomplete: bool) -> None:
+        name, _, kind, lineno, _, packed = found.rows[0]
+        self.fInfo = self._Record(self.fScopeName, packed, incomplete)
+        if found.holder is None or self._fOfDefLine:
+            return
+        is_class = kind == kClassKind
+        self.fScopeDef = CLogicalDef(kClassDef if is_class else kFunctionDef, name, lineno)
+        if found.holder[2] == kClassKind:
+            self.fContainingClassDef = CLogicalDef(kClassDef, found.holder[0], found.holder[3])
+
+    def _Record(
+        self, scope_name: str, packed: bytes, incomplete: bool = False, absent: bool = False
+    ) -> CScopeInfo:
+        scan_name = singleton.GetSingletons().fAnalysisMgr.fPrimaryScanName
+        source = self._fTextName if self._fSpecialized else scope_name
+        key = CScopeInfoKey(self.fLocation, scope_name, scan_name, self.fLocation, source)
+        return CScopeInfo(key, packed, SecondsOf(self._fMTime), incomplete, absent)
+
+    # --- storing
+
+    def SaveToInfoCache(self, always: bool = False) -> bool:
+        """Store what was found, in place of what was known of the scope and those inside of it.
+
+        Returns whether that is news. What is known already isn't stored again, but with `always`.
+        Of a scan that isn't over, what it has found so far is stored if nothing was known. Nothing
+        is stored of one that was abandoned, nor of a text that is gone since.
+        """
+        if self._fWhole is not None:
+            return self.fState is kFinishedScanning
+        if self.fState is kScanAbandoned or self._fText is None or not self._fText.IsCurrent():
+            return False
+        if self.fState is not kFinishedScanning:
+            return self._SavePart()
+        cache = _InfoCache()
+        found = self._fFound
+        changed = self._Store(self.fInfo or self._Record(self.fScopeName, b"", absent=True), always)
+        if self.fScopeName != self._fTextName:
+            return changed
+        rows = found.rows if found is not None else []
+        for row in rows[1:]:
+            incomplete = found is not None and row[0] in found.incomplete
+            changed |= self._Store(self._Record(row[0], row[5], incomplete), always)
+        if changed and self._fTextName != kModuleScopeName:
+            self._StoreGoneScopes({row[0] for row in rows})
+        self._TellAnalysis(found)
+        return changed
+
+    def _StoreGoneScopes(self, names: set[str]) -> None:
+        """Note of what was known inside of the scope, and doesn't go with `names`, that it's gone.
+
+        Records of def lines are made by their own scans alone, so they go, too.
+        """
+        cache = _InfoCache()
+        within = f"{self._fTextName}."
+        for name in cache.GetScopeNames(self.fLocation):
+            if name.startswith(within) and GetClassForInstanceName(name) not in names:
+                self._Store(self._Record(name, b"", absent=True), always=False)
+
+    def _Store(self, info: CScopeInfo, always: bool) -> bool:
+        cache = _InfoCache()
+        known = cache.GetScopeInfo(self.fLocation, info.key.scope_name)
+        news = known is None or (known.packed, known.does_not_exist) != (
+            info.packed,
+            info.does_not_exist,
+        )
+        if news or always or (known is not None and known.incomplete != info.incomplete):
+            cache.AddScopeInfo(info)
+        return news
+
+    def _TellAnalysis(self, found: _Found | None) -> None:
+        """Tell an open file's analysis where scopes are, and ask for those that changed, too."""
+        assert self._fText is not None
+        known = self._fText.Analysis()
+        if known is None:
+            return
+        analysis, version = known
+        before = analysis.GetScopeLines()
+        stale: set[str] = set()
+        if self._fAllRows:
+            after = [(row[0], row[3], row[4]) for row in self._fAllRows]
+            if self._fTextName == kModuleScopeName:
+                # Own names are all that is stored of the module, and text has come to others.
+                stale = {scope[0] for scope in set(after) - set(before)} - {kModuleScopeName}
+            self._fText.TellScopes(self._fAllRows)
+        elif found is not None:
+            analysis.TakeScope([(row[0], row[3], row[4]) for row in found.rows], version)
+        if found is None or self._HolderIsStale(found, before):
+            stale = {ParentScopeName(self._fTextName)}
+        self._AskFor(stale)
+
+    def _HolderIsStale(self, found: _Found, before: Sequence[tuple[str, int, int]]) -> bool:
+        """Whether the scope around has changed, too: by the header, or by where the scope ends."""
+        if found.holder is None:
+            return False
+        name, _, _, _, last, _ = found.rows[0]
+        expected = next((scope[2] for scope in before if scope[0] == name), last)
+        between = self._fLines[min(last, expected) : max(last, expected)]
+        if any(line.strip() for line in between):
+            return True
+        stored = _InfoCache().GetScopeInfo(self.fLocation, found.holder[0])
+        if stored is None:
+            return False  # nothing that could be stale
+        leaf = SplitScopeNameFromSuffixes(ParentAndLeafScopeNames(name)[1])[0]
+        header = _HeaderParts(unpack_info(found.holder[5]).get(leaf, b""), name)
+        return not header <= _HeaderParts(stored.type_equivs.get(leaf, b""), name)
+
+    def _AskFor(self, scope_names: Iterable[str]) -> None:
+        cache = _InfoCache()
+        scan_name = singleton.GetSingletons().fAnalysisMgr.fPrimaryScanName
+        cache.AddNeedsScan({(self.fLocation, name, scan_name) for name in scope_names})
+
+    def _SavePart(self) -> bool:
+        if self._fUnderWay is None or self._fOfDefLine:
+            return False
+        known = _InfoCache().GetScopeInfo(self.fLocation, self.fScopeName)
+        if known is not None and not known.does_not_exist:
+            return False
+        rows = self._fUnderWay.scopes()
+        for index, row in enumerate(rows):
+            if row[0] == self._fTextName:
+                self._Describe(self._Collect(rows, index, ()), incomplete=True)
+        if self.fInfo is None:
+            return False
+        self._fIncompleteScopes.add(self.fScopeName)
+        return self._Store(self.fInfo, always=False)
+
+    def _destroy_impl(self) -> None:
+        super()._destroy_impl()
+        self._fUnderWay = None
+        if self._fWhole is not None:
+            self._fWhole.destroy()
+
+
+def _InfoCache() -> CInfoCache:
+    # Looked up late: the info cache isn't there yet when this module is first imported.
+    cache: CInfoCache = singleton.GetSingletons().fAnalysisMgr.fInfoCache
+    return cache
+
+
+def _HeaderParts(info: bytes, scope_name: str) -> set[bytes]:
+    """What a header says of its scope, without the line that it stands on: kind, bases, decorators.
+    """
+    parts: set[bytes] = set()
+    of_scope = False
+    for part in NonNestedSplit(info, ";"):
+        if IsDefOrClassKind(GetInfoBytesKind(part)):
+            definition = UnpackDefInfoStr(part)
+            of_scope = definition.scope_name == scope_name
+            if of_scope:
+                parts.add(f"{definition.kind} {definition.bases}".encode())
+        elif of_scope and part.startswith(kDecoratorPrefix):
+            parts.add(part)
+    return parts
+
+
+def _OnlyDefLine(found: _Found, lines: Sequence[bytes]) -> _Found | None:
+    """The names that stand in the header of what was found."""
+    name, parent, kind, lineno, _, _ = found.rows[0]
+    header = header_row(lines, lineno - 1)
+    if header is None:
+        return None
+    own: dict[str, bytes] = {}
+    for bound, info in unpack_info(header[5]).items():
+        parts = NonNestedSplit(info, ";")
+        if bound == "return" or parts[0].startswith((kArgPrefix, kTypeParameterPrefix)):
+            of_header = [part for part in parts if part.startswith(_kDefLineParts)]
+            if of_header:
+                own[bound] = b";".join(of_header)
+    row = (name, parent, kind, lineno, lineno - 1 + header[4], pack_info(own))
+    return _Found([row], found.holder, found.incomplete)
