@@ -24,8 +24,11 @@ __all__ = [
     "EXCLUDED_FOLDERS",
     "IgnoreRules",
     "excluded_by_content",
+    "kLargestIgnoreFile",
     "parse_patterns",
+    "patterns_in",
     "rules_above",
+    "rules_of_content",
     "rules_of_folder",
     "tells_about_folder",
 ]
@@ -56,7 +59,8 @@ EXCLUDED_FOLDERS: Final = frozenset(
 # Names that build tools use for their results, but packages have, too.
 _BUILD_FOLDERS: Final = frozenset({"_build", "build", "dist"})
 
-_LARGEST_IGNORE_FILE: Final = 1 << 20
+# Bytes of a file of rules that are read.
+kLargestIgnoreFile: Final = 1 << 20
 
 
 class IgnoreRules:
@@ -162,16 +166,48 @@ def rules_above(folder: str) -> IgnoreRules | None:
     return rules
 
 
+def patterns_in(path: str) -> tuple[GitIgnoreSpec, list[str]] | None:
+    """The patterns of a file of rules, with its lines; a line that is no pattern is empty.
+
+    None if there is no such file.
+    """
+    content = _content_of(path)
+    if content is None:
+        return None
+    lines = [line if _is_pattern(line) else "" for line in _lines_of(content)]
+    return _compile(lines), lines
+
+
 def _read_patterns(path: str) -> GitIgnoreSpec | None:
+    content = _content_of(path)
+    return None if content is None else _patterns_of(content)
+
+
+def _content_of(path: str) -> bytes | None:
     try:
         if not stat.S_ISREG(os.lstat(path).st_mode):  # git doesn't follow a link here either
             return None
         with open(path, "rb") as file:
-            content = file.read(_LARGEST_IGNORE_FILE)
+            return file.read(kLargestIgnoreFile)
     except OSError:
         return None
-    lines = os.fsdecode(content.removeprefix(b"\xef\xbb\xbf")).splitlines()
+
+
+def rules_of_content(
+    folder: str, content: bytes | None, outer: IgnoreRules | None
+) -> IgnoreRules | None:
+    """`outer` with the rules in front that a file for `folder` holds; none for no such file."""
+    return outer if content is None else IgnoreRules(folder, _patterns_of(content), outer)
+
+
+def _patterns_of(content: bytes) -> GitIgnoreSpec:
+    """The rules in a file; bad ones are passed over."""
+    lines = _lines_of(content)
     try:
         return _compile(lines)
     except (ValueError, re.error):
         return _compile([line for line in lines if _is_pattern(line)])
+
+
+def _lines_of(content: bytes) -> list[str]:
+    return os.fsdecode(content.removeprefix(b"\xef\xbb\xbf")).splitlines()
