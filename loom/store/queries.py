@@ -13,6 +13,7 @@ from pathlib import Path
 from typing import Literal, NamedTuple
 from urllib.parse import unquote_to_bytes
 
+from loom.resolve.library import is_library
 from loom.store import definitions
 from loom.store.schema import kScopesPerFile
 
@@ -100,6 +101,8 @@ def find_name(
 ) -> list[Definition]:
     """The definitions of a name, file by file in order of URL, in the order of their scopes.
 
+    Files of installed packages and of standard libraries come behind all others.
+
     "exact" takes a dotted name, too: its last part is the name, what stands before must be the end
     of the scope's name. "prefix" takes the beginning of a name, "glob" a pattern of "*", "?" and
     "[...]", which must fit the whole name. Upper and lower case differ.
@@ -124,6 +127,7 @@ def find_name(
             f" (indexed = 0 OR id IN (SELECT file_id FROM names WHERE {condition})) ORDER BY url",
             arguments,
         ).fetchall()
+        files.sort(key=lambda file: is_library(file[1]))
         return [
             definition
             for file_id, url in files

@@ -236,11 +236,17 @@ def test_json_is_one_document_with_all_figures(loom_run, project, tmp_path):
         "all_found": True,
         "scanned": 2,
         "unchanged": 0,
+        "reread": 0,
         "failed": 0,
         "vanished": 0,
         "left": 0,
         "with_errors": 0,
     }
+    imported = document["imported"]
+    assert imported["found"] == imported["scanned"] > 0  # the builtins
+    assert imported["definitions"] > 0
+    assert imported["bytes"] > 0
+    assert imported["errors"] == []
     assert document["definitions"] == 5
     assert document["bytes"] == sum(file.stat().st_size for file in project.rglob("*.py"))
     assert document["slices"]["count"] >= 1
@@ -309,7 +315,7 @@ def test_interrupted_with_everything_scanned_so_far_saved(
     for i in range(20):
         (project / f"m{i:02}.py").write_text(f"def f{i}():\n    pass\n")
     result = subprocess.run(
-        [*interpreter, "-P", "-c", INTERRUPT_AFTER, str(number), "5", "scan", "--json"],
+        [*interpreter, "-P", "-c", INTERRUPT_AFTER, str(number), "5", "scan", "--json", "--no-imports"],
         env=env,
         cwd=project,
         capture_output=True,
@@ -323,7 +329,7 @@ def test_interrupted_with_everything_scanned_so_far_saved(
     scanned, left = document["files"]["scanned"], document["files"]["left"]
     assert 5 <= scanned < 22
     assert scanned + left == 22
-    again = scan_json(loom_run("scan", "--json"))
+    again = scan_json(loom_run("scan", "--json", "--no-imports"))
     assert again["files"]["unchanged"] == scanned
     assert again["files"]["scanned"] == left
 
@@ -440,13 +446,21 @@ def test_symbols_of_a_file_that_was_not_scanned(loom_run):
     ],
 )
 def test_find(loom_run, project, arguments, expected):
-    loom_run("scan", check=True)
+    loom_run("scan", "--no-imports", check=True)
     result = loom_run("find", *arguments)
     assert result.returncode == 0
     assert [line.partition(": ")[2] for line in result.stdout.splitlines()] == expected
     found = json.loads(loom_run("find", "--json", *arguments).stdout)["definitions"]
     assert len(found) == len(expected)
     assert {Path(definition["path"]).name for definition in found} == {"shapes.py"}
+
+
+def test_find_shows_the_users_own_definitions_before_those_of_libraries(loom_run, project):
+    (project / "zzz.py").write_text("class OrderedDict:\n    pass\n")
+    loom_run("scan", check=True)
+    lines = loom_run("find", "OrderedDict").stdout.splitlines()
+    assert lines[0].startswith(str(project / "zzz.py"))
+    assert any("collections/__init__.pyi" in line for line in lines[1:])
 
 
 def test_find_of_what_is_not_defined(loom_run):
