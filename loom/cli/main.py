@@ -22,7 +22,7 @@ from loom.cli.output import (
 
 __all__ = ["run"]
 
-_COMMANDS = ("scan", "symbols", "find")
+_COMMANDS = ("scan", "watch", "status", "why", "symbols", "find")
 
 
 class _LazyGroup(click.Group):

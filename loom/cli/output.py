@@ -39,6 +39,7 @@ class Exit(IntEnum):
     FINDINGS = 1  # files with errors; nothing found
     UNUSABLE = 2  # wrong usage, or a database that can't be used
     FAULT = 70  # a fault of the program itself
+    HUNG_UP = 129  # 128 + SIGHUP: the terminal was closed
     INTERRUPTED = 130  # 128 + SIGINT
     BROKEN_PIPE = 141  # 128 + SIGPIPE: the reader of the output has gone
     TERMINATED = 143  # 128 + SIGTERM

@@ -11,7 +11,8 @@ from typing import TYPE_CHECKING, Any, Final
 
 import click
 
-from loom.cli.options import exclude_option, parse_exclude, shared_options
+from loom.cli.imports import Imports
+from loom.cli.options import exclude_option, import_options, parse_exclude, shared_options
 from loom.cli.output import Exit, set_up_logging
 from loom.cli.running import dump_option, observable
 
@@ -45,12 +46,15 @@ _QUIT_KEYS: Final = ("q", "Q", "\x04")  # the last is Ctrl-D
     help="Look at all files this often, where the file system doesn't tell of changes.",
 )
 @dump_option
+@import_options
 @shared_options
 def watch(
     paths: Sequence[str],
     exclude: Sequence[str],
     poll_seconds: float | None,
     dump_path: str,
+    python: str | None,
+    no_imports: bool,
     db_path: Path,
     as_json: bool,
     verbose: int,
@@ -63,21 +67,27 @@ def watch(
     Changes of the attributes alone, and of what a link leads to outside of the folders, aren't
     scanned.
     """
-    from loom.bootstrap import ensure_host_path
-
     set_up_logging(verbose)
     patterns = parse_exclude(exclude)
-    ensure_host_path()
-    command = _Watch(list(paths) or ["."], patterns, db_path)
-    return command.run(poll_seconds, as_json, verbose, dump_path)
+    paths = list(paths) or ["."]
+    with Imports(paths, python, no_imports) as imports:
+        command = _Watch(paths, patterns, imports, db_path)
+        return command.run(poll_seconds, as_json, verbose, dump_path)
 
 
 class _Watch:
     """One run of the command."""
 
-    def __init__(self, paths: list[str], exclude: GitIgnoreSpec | None, db_path: Path) -> None:
+    def __init__(
+        self,
+        paths: list[str],
+        exclude: GitIgnoreSpec | None,
+        imports: Imports,
+        db_path: Path,
+    ) -> None:
         self._paths = paths
         self._exclude = exclude
+        self._imports = imports
         self._db_path = db_path
         self._signal: signal.Signals | None = None
 
@@ -93,6 +103,7 @@ class _Watch:
             try:
                 if verbose > 1:
                     app.coordinator.fLog.fOutputFile = sys.stderr
+                self._imports.set_up(app)
                 session = self._make_session(app, poll_seconds)
                 with contextlib.ExitStack() as stack:
                     stack.callback(session.destroy)

@@ -19,11 +19,13 @@ from loom.store.schema import kScopesPerFile
 
 __all__ = [
     "Definition",
+    "FileFacts",
     "FileProblem",
     "Match",
     "Scope",
     "Stats",
     "definitions_of_file",
+    "facts_of_file",
     "find_name",
     "path_of",
     "problems",
@@ -69,6 +71,21 @@ class FileProblem(NamedTuple):
     url: str
     error: str
     lineno: int
+
+
+class FileFacts(NamedTuple):
+    """What is stored of a file as a whole, scanned or failed. Times are in nanoseconds."""
+
+    mtime_ns: int
+    size: int
+    digest: bytes
+    scans: str
+    error: str | None
+    error_lineno: int
+    line_count: int
+    definition_count: int
+    scanned_ns: int
+    scope_count: int
 
 
 class Stats(NamedTuple):
@@ -158,6 +175,23 @@ def scopes_of_file(connection: sqlite3.Connection, url: str) -> list[Scope] | No
             Scope(name, parent, chr(kind), lineno, end_lineno)
             for name, parent, kind, lineno, end_lineno in rows
         ]
+
+
+def facts_of_file(connection: sqlite3.Connection, url: str) -> FileFacts | None:
+    """What is stored of a file, or none for an unknown one."""
+    with _snapshot(connection):
+        file_id = _file_id(connection, url)
+        if file_id is None:
+            return None
+        row = connection.execute(
+            "SELECT mtime_ns, size, digest, scans, error, error_lineno, line_count,"
+            " definition_count, scanned_ns FROM files WHERE id = ?",
+            (file_id,),
+        ).fetchone()
+        (scope_count,) = connection.execute(
+            "SELECT count(*) FROM scopes WHERE id BETWEEN ? AND ?", _scope_range(file_id)
+        ).fetchone()
+        return FileFacts(*row, scope_count)
 
 
 def problems(connection: sqlite3.Connection) -> list[FileProblem]:
