@@ -46,7 +46,9 @@ _kRetryMilliseconds: Final = 100
 # Before the search for files, which feeds the helpers, and before the scheduler's own slices.
 _kStorePriority: Final = LOW_IDLE_PRIORITY - 20
 _kDealPriority: Final = LOW_IDLE_PRIORITY - 10
-_kFollowPriority: Final = LOW_IDLE_PRIORITY - 5
+
+# Behind the search for files: what was asked for comes before what it imports.
+_kFollowPriority: Final = LOW_IDLE_PRIORITY + 5
 
 
 class Engine(Protocol):
@@ -77,7 +79,10 @@ class CHelperPool(CDestroyable):
         self._last_number = 0
         # What is done, with the time and size that it had, for files whose time can be trusted.
         self._done: dict[CLocation, tuple[int, int]] = {}
+        # By folder, the imports to be followed, and those that were since the pool was empty. Most
+        # files of a folder import the same modules.
         self._to_follow: dict[CLocation, set[bytes]] = {}
+        self._followed: dict[CLocation, set[bytes]] = {}
         self._settled: set[Callable[[], bool]] = set()  # idle calls that will come
         self._waits_for_database = False
         self._was_filled = False
@@ -127,6 +132,7 @@ class CHelperPool(CDestroyable):
         self._tasks.clear()
         self._done.clear()
         self._to_follow.clear()
+        self._followed.clear()
         self._was_filled = False
         for link in self.links:
             if link.is_ready and not link.is_lost:
@@ -409,8 +415,13 @@ class CHelperPool(CDestroyable):
             self._follow(loc, imports)
 
     def _follow(self, loc: CLocation, imports: bytes) -> None:
-        if self._coordinator._fAnalyzeFoundImports:
-            self._to_follow.setdefault(loc.GetParentDir(), set()).add(imports)
+        if not self._coordinator._fAnalyzeFoundImports:
+            return
+        folder = loc.GetParentDir()
+        new = {*imports.split(b";")} - self._followed.setdefault(folder, set())
+        if new:
+            self._followed[folder] |= new
+            self._to_follow.setdefault(folder, set()).update(new)
             self._soon(self._follow_some, _kFollowPriority)
 
     def _follow_some(self) -> bool:
@@ -424,6 +435,8 @@ class CHelperPool(CDestroyable):
             )
             if _fastaccess.OutOfTime(end):
                 break
+        else:
+            self._note_if_empty()
         return bool(self._to_follow)
 
     # --- the end of a file
@@ -459,7 +472,8 @@ class CHelperPool(CDestroyable):
             self.fCallbackObj.locs_removed(locs)
 
     def _note_if_empty(self) -> None:
-        if not self._tasks:
+        if not self._tasks and not self._to_follow:
+            self._followed.clear()
             # A slice with nothing to do: it tells that scanning has ended, and has all written.
             self._coordinator._ScheduleIdle()
 

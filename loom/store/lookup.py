@@ -32,7 +32,10 @@ class Lookup:
             " WHERE url IN ",
             urls,
         )
-        return {url: FileState(*state) for url, *state in rows}
+        return {
+            url: FileState(mtime_ns, size, bool(settled), digest, scanner, scans)
+            for url, mtime_ns, size, settled, digest, scanner, scans in rows
+        }
 
     def imports(self, urls: Sequence[str]) -> dict[str, bytes]:
         """The joined import equivalents of the files, without those that have none."""
