@@ -99,6 +99,7 @@ class Answers:
 
     def _next_location(self) -> CLocation | None:
         for queue in self._app.coordinator._fScanQueue._fOrderedQueues:
+            loc: CLocation
             for loc in queue.fOrderedDict:
                 return loc
         return None

@@ -191,7 +191,7 @@ def facts_of_file(connection: sqlite3.Connection, url: str) -> FileFacts | None:
         (scope_count,) = connection.execute(
             "SELECT count(*) FROM scopes WHERE id BETWEEN ? AND ?", _scope_range(file_id)
         ).fetchone()
-        return FileFacts(*row, scope_count)
+        return FileFacts._make((*row, scope_count))
 
 
 def problems(connection: sqlite3.Connection) -> list[FileProblem]:
