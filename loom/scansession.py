@@ -4,13 +4,13 @@ from __future__ import annotations
 
 import logging
 import os
-from collections.abc import Generator, Iterator, Mapping, Sequence
+from collections.abc import Callable, Generator, Iterator, Mapping, Sequence
 from time import perf_counter
-from typing import Final
+from typing import TYPE_CHECKING, Final
 
 from guiutils import lgtk
 from loombase.destroyable import CDestroyable
-from loombase.location import CLocalFileLocation, CLocation
+from loombase.location import CLocalFileLocation, CLocation, CSshFileLocation, IsSshUrl
 from loombase.mime import kPythonMimeType
 from loomutils.reflect import GetFailureReporter
 from pathspec import GitIgnoreSpec
@@ -20,7 +20,10 @@ from loom.mainloop.base import LOW_IDLE_PRIORITY
 from loom.scancounts import FileError, Outcome, ScanCounts, Tally
 from loom.store.errors import StoreError
 from loom.store.records import FileRecord
-from loom.walk import Found, Problem, Step, walk
+from loom.walk import Found, FoundRemote, Problem, Step, Waiting, walk
+
+if TYPE_CHECKING:
+    from loom.remote.search import RemoteSearch
 
 __all__ = ["FileError", "ScanCounts", "ScanSession"]
 
@@ -38,6 +41,9 @@ _MOST_FAILURES: Final = 5
 
 class ScanSession(CDestroyable):
     """Scans `paths`, and what they import, in the idle time of the app's main loop.
+
+    A path may be the URL of a file or folder on an SSH server. Files of a server that is given up
+    leave the queue with a recorded error each.
 
     The builtins come first, then the files at and below `paths`, then what they import. An imported
     file that stands below `paths` itself is one of these, whichever way it was come by.
@@ -70,10 +76,16 @@ class ScanSession(CDestroyable):
         self._start = perf_counter()
         self._is_over = False
         self._endless = endless
+        urls = [path for path in paths if IsSshUrl(path)]
+        paths = [path for path in paths if not IsSshUrl(path)]
         self._walk = walk(paths, exclude) if steps is None else steps
+        self._remote = self._remote_search(urls, exclude) if urls else None
+        if self._remote is not None:
+            self._walk = self._remote.steps_with(self._walk)
         self._folders = [os.path.abspath(path) for path in paths if os.path.isdir(path)]
         self._unwalkable: set[str] = set()
         self._forgetting = self._forget_steps()
+        self._has_forgotten = False
         self._walk_idle: int | None = None
         self._last_idle: int | None = None
         self._failures = 0
@@ -83,6 +95,8 @@ class ScanSession(CDestroyable):
         coordinator.connect_while_alive("scheduled", self._watch_for_end, self)
         coordinator.connect_while_alive("modtimes-updated", self._count_vanished, self)
         app.ana_mgr.connect_while_alive("files-followed", self._count_followed, self)
+        data_cache = app.ana_mgr.fLocationDataCache
+        data_cache.connect_while_alive("inspect-failed", self._take_out_unreachable, self)
         app.info_cache.connect_while_alive("file-stored", self._count_file, self)
         app.info_cache.connect_while_alive("file-reread", self._count_reread, self)
         GetFailureReporter().connect_while_alive("failure-reported", self._note_failure, self)
@@ -90,6 +104,15 @@ class ScanSession(CDestroyable):
     @property
     def counts(self) -> ScanCounts:
         return self._tally.counts
+
+    def _remote_search(self, urls: Sequence[str], exclude: GitIgnoreSpec | None) -> RemoteSearch:
+        from loom.remote.search import RemoteSearch  # for those who have such paths
+
+        files = self.app.ana_mgr.fLocationDataCache.GetRemoteFiles()
+        roots = [CSshFileLocation.FromUrl(url) for url in urls]
+        search = RemoteSearch(files, roots, exclude)
+        search.connect_while_alive("news", self._search_on, self)
+        return search
 
     def start(self) -> None:
         """Begin. Nothing is looked at before the main loop has idle time."""
@@ -115,7 +138,7 @@ class ScanSession(CDestroyable):
     def take_counts(self) -> ScanCounts:
         """The counts since the last call; those that follow begin anew."""
         self.update_queued()
-        self._tally, taken = self._tally.split(self._is_left)
+        self._tally, taken = self._tally.split(self._left_test())
         return taken
 
     def update_queued(self) -> None:
@@ -144,18 +167,27 @@ class ScanSession(CDestroyable):
         end = perf_counter() + _WALK_SECONDS
         locs: list[CLocation] = []
         more = True
+        waiting = False
         while more and perf_counter() < end:
             try:
                 step = next(self._walk)
             except StopIteration:
                 more = False
                 break
-            if isinstance(step, Found):
-                loc = CLocalFileLocation(step.path)
-                if step.named:
+            if isinstance(step, Found | FoundRemote):
+                if isinstance(step, Found):
+                    loc: CLocation = CLocalFileLocation(step.path)
+                    declare = step.named
+                else:
+                    loc, declare = step
+                if declare:
                     self.app.attribs.DeclareMimeType(loc, kPythonMimeType)
                 self._tally.ask(loc)
                 locs.append(loc)
+            elif isinstance(step, Waiting):
+                waiting = True
+                self._walk_idle = None
+                break
             elif isinstance(step, Problem):
                 self._unwalkable.add(step.path)
                 self.counts.errors.append(self._error(step.path, step.reason))
@@ -169,13 +201,22 @@ class ScanSession(CDestroyable):
                 self._forget_some, self, priority=LOW_IDLE_PRIORITY
             )
             self._watch_for_end()
-        return more
+        return more and not waiting
+
+    def _search_on(self) -> None:
+        """What the search waited for is there."""
+        if self._walk_idle is None and not self._is_over and not self._has_forgotten:
+            go_on = self._forget_some if self.counts.all_found else self._find_some
+            self._walk_idle = lgtk.idle_add_while_alive(go_on, self, priority=LOW_IDLE_PRIORITY)
 
     def _forget_some(self) -> bool:
         """Drop what the database has of files that are gone, in steps like those of the walk."""
         end = perf_counter() + _WALK_SECONDS
         try:
-            for _ in self._forgetting:
+            for step in self._forgetting:
+                if isinstance(step, Waiting):
+                    self._walk_idle = None
+                    return False
                 if perf_counter() >= end:
                     return True
             if self.app.info_cache.HasUnwritten():
@@ -183,21 +224,25 @@ class ScanSession(CDestroyable):
         except Exception as error:
             self.give_up(error)
         self._walk_idle = None
+        self._has_forgotten = True
+        self._watch_for_end()
         return False
 
-    def _forget_steps(self) -> Iterator[None]:
+    def _forget_steps(self) -> Iterator[Waiting | None]:
         for folder in self._folders:
             # One that couldn't be looked at may be back tomorrow, with all that is in it.
             if folder not in self._unwalkable:
                 yield from self.app.info_cache.ForgetVanishedBelow(CLocalFileLocation(folder))
+        if self._remote is not None:
+            yield from self._remote.forget_steps(self.app.info_cache)
 
     # --- following the run
 
-    def _count_file(self, info_cache: object, loc: CLocalFileLocation, record: FileRecord) -> None:
+    def _count_file(self, info_cache: object, loc: CLocation, record: FileRecord) -> None:
         self._failures = 0
         error = None
         if record.error is not None:
-            error = self._error(loc.path, record.error, record.error_lineno)
+            error = self._error(loc.fShownName, record.error, record.error_lineno)
         if error is not None and error.lineno == 0:
             self._tally.settle(loc, Outcome(failed=1, error=error))
         else:
@@ -217,11 +262,19 @@ class ScanSession(CDestroyable):
 
     def _count_vanished(self, modtimes: Mapping[CLocation, float]) -> None:
         for loc, modtime in modtimes.items():
-            if modtime == 0 and isinstance(loc, CLocalFileLocation):
+            if modtime == 0:
                 error = None
                 if not self._endless:  # there it is nothing unusual
-                    error = self._error(loc.path, "file is gone or can't be reached")
+                    error = self._error(loc.fShownName, "file is gone or can't be reached")
                 self._tally.settle(loc, Outcome(vanished=1, error=error))
+
+    def _take_out_unreachable(self, data_cache: object, locs: set[CLocation]) -> None:
+        """Nobody will say when these can be scanned: their server was given up."""
+        self.app.coordinator.RemoveLocationsFromQueue(locs)
+        for loc in locs:
+            error = self._error(loc.fShownName, "its server can't be reached")
+            self._tally.settle(loc, Outcome(failed=1, error=error))
+        self._watch_for_end()
 
     def _error(self, path: str, reason: str, lineno: int = 0) -> FileError:
         _log.info("%s:%d: %s", path, lineno, reason)
@@ -242,8 +295,8 @@ class ScanSession(CDestroyable):
             self.failure = failure
         else:
             coordinator.RemoveLocationsFromQueue([item.loc])
-            path = str(getattr(item.loc, "path", item.loc))
-            error = self._error(path, f"scan failed: {type(failure).__name__}: {failure}")
+            loc: CLocation = item.loc
+            error = self._error(loc.fShownName, f"scan failed: {type(failure).__name__}: {failure}")
             self._tally.settle(item.loc, Outcome(failed=1, error=error))
         self._watch_for_end()
 
@@ -271,7 +324,7 @@ class ScanSession(CDestroyable):
             coordinator._ScheduleIdle()
         elif coordinator._fLocsQueuedInHelper:
             pass  # helpers are at work, and "scheduled" comes when they are done
-        elif self.counts.all_found and coordinator.QueuesEmpty():
+        elif self._has_forgotten and coordinator.QueuesEmpty():
             self.failure = None
             self.emit("at-rest", self)
             if not self._endless:
@@ -290,19 +343,23 @@ class ScanSession(CDestroyable):
         if not self.counts.all_found:
             self.app.coordinator.release_followed()
         self.update_queued()
-        self._tally.settle_left(self._is_left)
+        self._tally.settle_left(self._left_test())
         if self._walk_idle is not None:
             lgtk.idle_remove(self._walk_idle)
         self.emit("finished", self)
 
-    def _is_left(self, loc: CLocation) -> bool:
+    def _left_test(self) -> Callable[[CLocation], bool]:
+        """What tells whether a file is still to be looked at, now."""
         coordinator = self.app.coordinator
-        return (
-            coordinator.LocationInPrimaryScanQueue(loc) or loc in coordinator._fLocsQueuedInHelper
-        )
+        queue = coordinator._fScanQueue
+        elsewhere = {*coordinator._fLocsQueuedInHelper, *queue._fWaitingForInspectByLoc}
+        elsewhere.update(item.loc for item in queue._fScanItemsWaitingForData)
+        return lambda loc: loc in elsewhere or coordinator.LocationInPrimaryScanQueue(loc)
 
     def _destroy_impl(self) -> None:
         self._walk.close()
+        if self._remote is not None:
+            self._remote.destroy()
 
 
 def _folders_of(paths: Sequence[str]) -> list[str]:

@@ -7,6 +7,7 @@ import stat
 from collections.abc import Generator, Sequence, Set
 from typing import Final, NamedTuple
 
+from loombase.location import CSshFileLocation
 from loombase.mime import kPythonSuffixes
 from pathspec import GitIgnoreSpec
 
@@ -24,8 +25,11 @@ __all__ = [
     "Entered",
     "Entering",
     "Found",
+    "FoundRemote",
     "Problem",
     "Step",
+    "Waiting",
+    "is_folder_left_out",
     "is_left_out",
     "looks_like_python",
     "walk",
@@ -43,11 +47,22 @@ class Found(NamedTuple):
     named: bool
 
 
+class FoundRemote(NamedTuple):
+    """A Python file on another machine. With `declare`, its name alone doesn't tell that it is."""
+
+    loc: CSshFileLocation
+    declare: bool
+
+
 class Problem(NamedTuple):
-    """A file or folder that can't be looked at, and why."""
+    """A file or folder that can't be looked at, and why. `path` may be a URL."""
 
     path: str
     reason: str
+
+
+class Waiting(NamedTuple):
+    """Nothing can be found before an answer comes from another machine."""
 
 
 class Entering(NamedTuple):
@@ -71,7 +86,7 @@ class Entered(NamedTuple):
     kept: bool
 
 
-Step = Found | Problem | Entering | Entered | None
+Step = Found | FoundRemote | Problem | Entering | Entered | Waiting | None
 
 
 def walk(
@@ -159,7 +174,7 @@ def _walk_folder(
         rules = folder.rules
         if ".gitignore" in names:
             rules = rules_of_folder(folder.path, rules)
-        kept = folder.path == root or not _leaves_out_folder(exclude, folder.path, root, names)
+        kept = folder.path == root or not is_folder_left_out(exclude, folder.path, root, names)
         yield Entered(folder.path, rules, kept)
         if not kept:
             continue
@@ -210,7 +225,7 @@ def is_left_out(
     return rules is not None and rules.leaves_out(path, is_folder)
 
 
-def _leaves_out_folder(
+def is_folder_left_out(
     exclude: GitIgnoreSpec | None, path: str, root: str, names: set[str]
 ) -> bool:
     """What only a folder's entries tell."""

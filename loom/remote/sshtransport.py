@@ -12,7 +12,7 @@ import errno
 import importlib
 import socket
 import stat
-from typing import TYPE_CHECKING, Any, Final
+from typing import TYPE_CHECKING, Any, Final, cast
 from urllib.parse import unquote
 
 from guiutils import lgtk
@@ -171,11 +171,12 @@ class SshTransport:
         try:
             outcome = await self._outcome(request)
         except Exception as error:
-            outcome = _error_of(error)
-            if outcome is None:
+            failure = _error_of(error)
+            if failure is None:
                 # The connection's end tells, and the request will be asked again.
                 self._tasks.pop(request, None)
                 return
+            outcome = failure
         if self._tasks.pop(request, None) is not None:
             try:
                 self._client.answered(self, request, outcome)
@@ -229,14 +230,14 @@ class SshTransport:
             self._client.heard(self)
             # One byte more than there should be, to notice that the file is growing.
             first = min(request.expected + 1, request.limit, _READ_BYTES)
-            attrs, data = await asyncio.gather(file.stat(), file.read(first, 0))
+            attrs, data = await asyncio.gather(file.stat(), _bytes_of(file, first, 0))
             state = _state_of(attrs)
-            pieces = [data]
+            pieces: list[bytes] = [data]
             length = len(data)
             while length < request.limit and length != state.size:
                 self._client.heard(self)
                 wanted = min(request.limit - length, _READ_BYTES)
-                piece = await file.read(wanted, length)
+                piece = await _bytes_of(file, wanted, length)
                 if not piece:
                     break
                 pieces.append(piece)
@@ -248,6 +249,10 @@ class SshTransport:
             return FileContent(state, b"".join(pieces), whole)
         finally:
             await file.close()
+
+
+async def _bytes_of(file: asyncssh.SFTPClientFile, size: int, offset: int) -> bytes:
+    return cast(bytes, await file.read(size, offset))  # no encoding was asked for
 
 
 def _state_of(attrs: asyncssh.SFTPAttrs) -> CFileState:

@@ -6,11 +6,11 @@ import os
 import re
 import stat
 
-from loombase.location import CLocalFileLocation, CLocation
+from loombase.location import CLocalFileLocation, CLocation, CSshFileLocation
 from loombase.mime import MimeTypeFromName, kAnalyzableMimeTypes
 from singleton import GetSingletons
 
-__all__ = ["HasPythonShebang", "IsPythonSource"]
+__all__ = ["HasPythonShebang", "IsPythonShebang", "IsPythonSource", "kShebangBytes"]
 
 # The interpreter of a "#!" line, by its path or through env with options and assignments.
 _shebang = re.compile(
@@ -19,19 +19,30 @@ _shebang = re.compile(
     rb"(?:python|pypy)[0-9.]*(?:[ \t\r\n]|$)"
 )
 
-_kShebangBytes = 256
+# Bytes at the start of a file that are looked at.
+kShebangBytes = 256
 
 
 def IsPythonSource(loc: CLocation) -> bool:
-    """Whether a location is Python source: because the user said so, by its name, or by "#!"."""
+    """Whether a location is Python source: because the user said so, by its name, or by "#!".
+
+    A remote file isn't read for that: whoever has found one by "#!" says so.
+    """
     attribs = GetSingletons().fFileAttribMgr
     if attribs is not None:
         declared = attribs.GetDeclaredMimeType(loc)
         if declared is not None:
             return declared in kAnalyzableMimeTypes
+    if isinstance(loc, CSshFileLocation):
+        return MimeTypeFromName(loc.path) in kAnalyzableMimeTypes
     if not isinstance(loc, CLocalFileLocation):
         return False
     return MimeTypeFromName(loc.path) in kAnalyzableMimeTypes or HasPythonShebang(loc.path)
+
+
+def IsPythonShebang(head: bytes) -> bool:
+    """Whether the start of a file names a Python interpreter."""
+    return _shebang.match(head) is not None
 
 
 def HasPythonShebang(path: str) -> bool:
@@ -47,7 +58,7 @@ def HasPythonShebang(path: str) -> bool:
     try:
         if not stat.S_ISREG(os.fstat(descriptor).st_mode):
             return False
-        return _shebang.match(os.read(descriptor, _kShebangBytes)) is not None
+        return IsPythonShebang(os.read(descriptor, kShebangBytes))
     except OSError:
         return False
     finally:

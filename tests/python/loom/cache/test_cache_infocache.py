@@ -169,7 +169,7 @@ def test_files_that_vanished_below_a_folder_are_forgotten(
     cache.WriteEverything()
     for name in ("src/3.py", "src/7.py", "src/b/c.py", "src-2/a.py"):
         os.unlink(tmp_path / name)
-    assert len(list(cache.ForgetVanishedBelow(CLocalFileLocation(tmp_path / "src")))) == 3
+    assert len(list(cache.ForgetVanishedBelow(CLocalFileLocation(tmp_path / "src")))) == 4
     cache.WriteEverything()
     left = {queries.path_of(url) for (url,) in rows("SELECT url FROM files")}
     gone = {str(tmp_path / name) for name in ("src/3.py", "src/7.py", "src/b/c.py")}
