@@ -22,6 +22,10 @@ _kDeepest: Final = 60
 _kDeepestNode: Final = 150
 
 _kNoCut: Final = 1 << 30
+_kNone: Final[frozenset[CLocation]] = frozenset()
+
+# What was answered, and the files that it was drawn from.
+_Answer = tuple[object, frozenset[CLocation]]
 
 
 class CInferenceContext:
@@ -39,9 +43,11 @@ class CInferenceContext:
         self.needs_scan: set[_Triple] = set()
         self.checked: set[CLocation] = set()
         self.node_depth = 0
+        # The files that answers were drawn from, also those that were known already.
+        self.consulted: set[CLocation] = set()
         self._out_of_time = False
         self._open: dict[Hashable, int] = {}
-        self._answers: dict[Hashable, object] = {}
+        self._answers: dict[Hashable, _Answer] = {}
         # The outermost open question that came up again since, or was too deep.
         self._cut = _kNoCut
 
@@ -69,9 +75,10 @@ class CInferenceContext:
         the answer `nothing`. Complete answers are kept by the engine until a file changes.
         """
         for answers in (self.engine.memo, self._answers):
-            known = answers.get(key, self)
-            if known is not self:
-                return cast(_T, known)
+            known = answers.get(key)
+            if known is not None:
+                self.consulted |= known[1]
+                return cast(_T, known[0])
         level = self._open.get(key)
         if level is not None:
             self._cut = min(self._cut, level)
@@ -85,14 +92,18 @@ class CInferenceContext:
         self._open[key] = level
         outer_cut, self._cut = self._cut, _kNoCut
         generation = self.engine.generation
+        outer_consulted, self.consulted = self.consulted, set()
         try:
             result = work()
         finally:
             del self._open[key]
             cut = self._cut
             self._cut = min(outer_cut, cut if cut < level else _kNoCut)
+            consulted = frozenset(self.consulted) if self.consulted else _kNone
+            outer_consulted |= consulted
+            self.consulted = outer_consulted
         if cut >= level and not self.partial and generation == self.engine.generation:
-            self.engine.memo[key] = result
+            self.engine.memo[key] = result, consulted
         else:
-            self._answers[key] = result
+            self._answers[key] = result, consulted
         return result

@@ -76,6 +76,7 @@ class Records:
 
     def facts(self, ctx: CInferenceContext, loc: CLocation) -> FileFacts:
         """What is in hand of a file, as it is now."""
+        ctx.consulted.add(loc)
         facts = self._files.get(loc)
         if facts is not None and loc in ctx.checked:
             return facts

@@ -11,6 +11,7 @@ from loombase.location import CLocation
 
 from loom.infer.context import CInferenceContext
 from loom.infer.records import Records
+from loom.infer.sources import Sources
 
 if TYPE_CHECKING:
     from pysource.scopeinfo import CInfoCache, CScopeInfo
@@ -33,7 +34,9 @@ class CInferenceEngine(CDestroyable):
         super().__init__()
         self.info_cache = info_cache
         self.records = Records(self)
-        self.memo: dict[Hashable, object] = {}
+        self.sources = Sources(self)
+        # With the files that each was drawn from.
+        self.memo: dict[Hashable, tuple[object, frozenset[CLocation]]] = {}
         self.generation = 0
         self._fWatchedFactory: Any = None
 
