@@ -13,6 +13,7 @@ from pathlib import Path
 from typing import Final, NamedTuple
 
 from loom.store import schema
+from loom.store.derived import drop_outdated
 from loom.store.errors import (
     ForeignDatabaseError,
     StoreError,
@@ -164,6 +165,7 @@ def _open(path: Path) -> sqlite3.Connection:
         # Moving the log into the file waits for the disk; `checkpoint` does it off the main thread.
         connection.execute("PRAGMA wal_autocheckpoint = 0")
         schema.migrate(connection)
+        drop_outdated(connection)
         return connection
     except sqlite3.DatabaseError as error:
         connection.close()
@@ -199,4 +201,7 @@ def _check(connection: sqlite3.Connection, path: Path) -> int:
     return version
 
 
-_kTables: Final = frozenset({"files", "scopes", "added_scopes", "definitions", "names"})
+_kTables: Final = frozenset(
+    """files scopes added_scopes definitions names
+    derived used_names depends depends_of exports derived_version""".split()
+)

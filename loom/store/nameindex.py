@@ -34,7 +34,7 @@ _Pair = tuple[str, int]
 
 @dataclass(slots=True)
 class _Staged:
-    """Pairs of a name and a file's id, and the ids of all their files.
+    """Pairs of a name and a file's id, and the ids of all their files with `files.written`.
 
     The pairs stand under the first characters of the name, so that a merge sorts a small part at a
     time. A negative id says that the name is to be taken out (`removals` is then true); the last
@@ -43,7 +43,7 @@ class _Staged:
     """
 
     pairs: defaultdict[str, list[_Pair]] = field(default_factory=lambda: defaultdict(list))
-    files: set[int] = field(default_factory=set)
+    files: dict[int, int] = field(default_factory=dict)
     count: int = 0
     removals: bool = False
 
@@ -68,12 +68,20 @@ class _Staged:
 
 
 class NameIndex:
-    """Belongs to one writer. `merge` needs an open transaction."""
+    """Belongs to one writer. `merge` needs an open transaction.
+
+    Another process may write a file between our own write and the merge, and index it, too. Then
+    our names are no longer the file's: `files.written` tells, and the file isn't marked by us, nor
+    is any of its names taken out.
+    """
 
     def __init__(self, connection: sqlite3.Connection) -> None:
         self._connection = connection
         self._staged = _Staged()
-        self._changed: Collection[int] = ()
+        # Of files that were written again since they were staged, what `files.written` is now: by
+        # the transaction that is open, and by earlier ones.
+        self._writing: dict[int, int] = {}
+        self._written: dict[int, int] = {}
         # What is being merged, kept whole until it is done, so that a merge can begin again.
         self._merging: _Staged | None = None
         self._merge: Iterator[None] | None = None
@@ -88,8 +96,17 @@ class NameIndex:
         """Whether there is nothing to merge."""
         return self._merging is None and not self._staged.files
 
-    def stage(self, file_id: int, old: Collection[str], new: Collection[str]) -> None:
-        """Note that the names of a file were `old` and are `new`."""
+    def note_write(self, file_id: int, written: int) -> None:
+        """Note what the open transaction sets `files.written` to, before `stage` after it."""
+        self._writing[file_id] = written
+
+    def stage(
+        self, file_id: int, written: int, old: Collection[str], new: Collection[str]
+    ) -> None:
+        """Note that the names of a file were `old` and are `new`.
+
+        `written` is its `files.written`, 0 if it was deleted.
+        """
         if old:
             before = set(old)
             after = set(new)
@@ -98,15 +115,12 @@ class NameIndex:
             self._staged.add(after - before, file_id)
         else:
             self._staged.add(new, file_id)
-        self._staged.files.add(file_id)
+        self._staged.files[file_id] = written
+        self._written[file_id] = self._writing.pop(file_id, written)
         del self._merged[-_kPartsPerFile:]
 
-    def merge(self, out_of_time: Callable[[], bool], changed: Collection[int]) -> bool:
-        """Write some of what is staged; true when nothing is left of it.
-
-        `changed` are the files that this transaction has written and that will be staged after it.
-        """
-        self._changed = changed
+    def merge(self, out_of_time: Callable[[], bool]) -> bool:
+        """Write some of what is staged; true when nothing is left of it."""
         while True:
             if self._merging is None:
                 if not self._staged.files:
@@ -122,31 +136,48 @@ class NameIndex:
 
     def transaction_failed(self) -> None:
         """What was merged in this transaction is undone: begin the merge again."""
+        self._writing.clear()
         self._merge = None
 
     def _merge_steps(self, staged: _Staged) -> Iterator[None]:
         add: list[_Pair] = []
         for taken_out, added in staged.in_order():
             if taken_out:
-                yield from self._in_parts(
-                    "DELETE FROM names WHERE name = ? AND file_id = ?", taken_out
-                )
+                yield from self._take_out(staged, taken_out)
             add += added
             if len(add) >= _kPairsPerCheck:
                 yield from self._in_parts(_kInsert, add)
                 add = []
         yield from self._in_parts(_kInsert, add)
-        merged = sorted(staged.files)
+        merged = sorted(staged.files.items())
         for start in range(0, len(merged), _kFilesPerCheck):
+            done = merged[start : start + _kFilesPerCheck]
             # A file that was written anew in the meantime isn't done, nor is one that has the id
             # of a deleted file.
-            done = [
-                (file_id,)
-                for file_id in merged[start : start + _kFilesPerCheck]
-                if file_id not in self._staged.files and file_id not in self._changed
-            ]
-            self._connection.executemany("UPDATE files SET indexed = 1 WHERE id = ?", done)
+            self._connection.executemany(
+                "UPDATE files SET indexed = 1 WHERE id = ? AND written = ?", done
+            )
+            for file_id, written in done:
+                if self._written.get(file_id) == written:
+                    del self._written[file_id]
             yield
+
+    def _take_out(self, staged: _Staged, pairs: list[_Pair]) -> Iterator[None]:
+        for start in range(0, len(pairs), _kPairsPerCheck):
+            part = pairs[start : start + _kPairsPerCheck]
+            self._connection.executemany(
+                "DELETE FROM names WHERE name = ? AND file_id = ?"
+                " AND NOT EXISTS(SELECT 1 FROM files WHERE id = ? AND written != ?)",
+                [(name, file_id, file_id, self._last_write(staged, file_id)) for name, file_id in part],
+            )
+            yield
+
+    def _last_write(self, staged: _Staged, file_id: int) -> int:
+        """What `files.written` is if nobody but us has written the file."""
+        written = self._writing.get(file_id)
+        if written is None:
+            written = self._written.get(file_id, staged.files[abs(file_id)])
+        return written
 
     def _in_parts(self, statement: str, pairs: list[_Pair]) -> Iterator[None]:
         for start in range(0, len(pairs), _kPairsPerCheck):
@@ -159,10 +190,10 @@ class NameIndex:
         At most `limit` files at a time: call again when the index is `empty`.
         """
         rows = self._connection.execute(
-            "SELECT id, packed FROM files JOIN definitions ON file_id = id"
+            "SELECT id, written, packed FROM files JOIN definitions ON file_id = id"
             " WHERE indexed = 0 AND scans != '' LIMIT ?",
             (limit,),
         ).fetchall()
-        for file_id, packed in rows:
-            self.stage(file_id, (), definitions.names_in(packed))
+        for file_id, written, packed in rows:
+            self.stage(file_id, written, (), definitions.names_in(packed))
         return bool(rows)

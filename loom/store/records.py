@@ -29,6 +29,7 @@ ScopeRow = tuple[str, int, int, int, int, bytes]
 class FileRecord:
     """All that a whole-file scan found. `definitions` is packed, `names` are those in it, once.
 
+    `exports` is a digest of what other files can see of it.
     `settled` tells that the time can be trusted, `scanner` is the version of the scanner,
     `scanned_ns` when this record was made.
     """
@@ -46,6 +47,7 @@ class FileRecord:
     scopes: Sequence[ScopeRow] = ()
     definitions: bytes = b""
     names: Sequence[str] = ()
+    exports: bytes = b""
     settled: bool = False
     scanner: int = 0
     scanned_ns: int = field(default_factory=time.time_ns, compare=False)

@@ -22,6 +22,13 @@ definitions   The definitions of a file, packed into one text (see `definitions`
 names         Which files define a name: the index behind `find`. It may hold a file too many
               after a crash, never one too few that is `indexed`; the definitions have the last
               word.
+derived       What the imports, bases and values of a file turned out to be (see `loom.derive.facts`),
+              for the bytes with `digest`. It holds while "derived" stands in `files.scans`.
+used_names    The names that a file uses, each between two line ends.
+depends       Which derived results depend on what, by keys (see `loom.store.derived`).
+depends_of    The keys of a file, eight bytes each.
+exports       The digest of what other files can see of a file.
+derived_version  The version of the derived scanner, in its only row.
 """
 
 import sqlite3
@@ -88,8 +95,37 @@ ALTER TABLE files ADD COLUMN scanner INTEGER NOT NULL DEFAULT 0;
 
 _kWhenScanned = "ALTER TABLE files ADD COLUMN scanned_ns INTEGER NOT NULL DEFAULT 0;"
 
+_kDerivedResults = """
+CREATE TABLE derived(
+  file_id INTEGER PRIMARY KEY,
+  digest BLOB NOT NULL,
+  facts BLOB NOT NULL
+) STRICT;
+CREATE TABLE used_names(
+  file_id INTEGER PRIMARY KEY,
+  names BLOB NOT NULL
+) STRICT;
+CREATE TABLE depends(
+  key INTEGER NOT NULL,
+  file_id INTEGER NOT NULL,
+  PRIMARY KEY(key, file_id)
+) STRICT, WITHOUT ROWID;
+CREATE TABLE depends_of(
+  file_id INTEGER PRIMARY KEY,
+  keys BLOB NOT NULL
+) STRICT;
+CREATE TABLE exports(
+  file_id INTEGER PRIMARY KEY,
+  digest BLOB NOT NULL
+) STRICT;
+CREATE TABLE derived_version(
+  id INTEGER PRIMARY KEY CHECK(id = 0),
+  version INTEGER NOT NULL
+) STRICT;
+"""
+
 # Each step is a script of statements without transaction control.
-kMigrations: Final[tuple[str, ...]] = (_kFirstTables, _kFreshness, _kWhenScanned)
+kMigrations: Final[tuple[str, ...]] = (_kFirstTables, _kFreshness, _kWhenScanned, _kDerivedResults)
 kSchemaVersion: Final = len(kMigrations)
 
 

@@ -11,6 +11,7 @@ from typing import Final
 
 from loom.store import definitions
 from loom.store.database import transaction
+from loom.store.derived import DerivedStore
 from loom.store.nameindex import NameIndex
 from loom.store.records import AddedScope, FileRecord, FileTimes, ScopeRow
 from loom.store.schema import kScopesPerFile
@@ -36,6 +37,7 @@ class Writer:
     def __init__(self, connection: sqlite3.Connection) -> None:
         self._connection = connection
         self._index = NameIndex(connection)
+        self.derived = DerivedStore(connection)
         # With the memory that each takes; a record of none says that the file is to be deleted.
         self._files: dict[str, tuple[FileRecord | None, int]] = {}
         self._added: dict[tuple[str, str], AddedScope] = {}
@@ -51,6 +53,7 @@ class Writer:
         """Go on with another database. What waits is written there."""
         self._connection = connection
         self._index = NameIndex(connection)
+        self.derived.reconnect(connection)
         self._half_written = None
         self._recovered = False
 
@@ -59,7 +62,7 @@ class Writer:
     @property
     def pending_bytes(self) -> int:
         """Roughly the memory that waiting results take."""
-        return self._memory
+        return self._memory + self.derived.pending_bytes
 
     @property
     def merge_due(self) -> bool:
@@ -74,7 +77,7 @@ class Writer:
     @property
     def rows_written(self) -> bool:
         """Whether no result waits; the index may still lag behind."""
-        return not self._files and not self._added and not self._times
+        return not (self._files or self._added or self._times) and self.derived.empty
 
     def pending_file(self, url: str) -> FileRecord | None:
         """The result of a file that waits, or none."""
@@ -166,6 +169,7 @@ class Writer:
                     self._write_files(written, out_of_time)
                     and self._write_times(times, out_of_time)
                     and self._write_scopes(scopes, out_of_time)
+                    and self.derived.write(out_of_time)
                 ):
                     if index_all or self._index.merge_due():
                         changed = {file_id for file_id, _, _ in self._renamed}
@@ -176,7 +180,9 @@ class Writer:
             self._half_written = None
             self._renamed.clear()
             self._index.transaction_failed()
+            self.derived.transaction_failed()
             raise
+        self.derived.committed()
         for url in written:
             self._memory -= self._files.pop(url)[1]
         for url in times:
@@ -311,6 +317,7 @@ class Writer:
         if row is not None:
             file_id, indexed = row
             self._forget_scopes(file_id, bool(indexed), ())
+            self.derived.delete_file(file_id)
             self._connection.execute("DELETE FROM files WHERE id = ?", (file_id,))
 
     def _insert_file(self, record: FileRecord, scans: str) -> int:

@@ -18,7 +18,7 @@ from typing import Final, NamedTuple, TypeVar
 from guiutils import lgtk
 from loombase.destroyable import CDestroyable
 from loombase.inspection import CFileKind, StateOf
-from loombase.location import CLocalFileLocation, CLocation
+from loombase.location import CLocalFileLocation, CLocation, LocationFromUrl
 from pysource import _fastaccess
 from pysource.loccache import CLocCache
 
@@ -27,6 +27,7 @@ from loom._pyscan import unpack_info
 from loom.mainloop.base import LOW_IDLE_PRIORITY
 from loom.store.checkpoint import Checkpointer
 from loom.store.database import kLockWaitSeconds, open_for_writing, set_aside, told
+from loom.store.derived import DerivedRecord
 from loom.store.errors import StoreError, is_damage
 from loom.store.lookup import Lookup
 from loom.store.queries import path_of
@@ -153,7 +154,9 @@ class CInfoCache(CDestroyable):
     Signals: "needs-scan-added" (the cache, a set of triples of location, scope name and scan name,
     a priority or none); "file-stored" (the cache, a location, its `FileRecord`) when the result of
     a whole-file scan came in, a failure included; "file-reread" (the cache, a location) when the
-    file's bytes turned out to be those that were scanned before.
+    file's bytes turned out to be those that were scanned before; "derived-stale" (the cache, a list
+    of locations) when the derived results of files hold no more, since what they were drawn from
+    changed.
 
     A damaged database, or one of a newer version, is set aside and a new one begun, at the start
     or whenever the damage shows; `fMessages` then says so. Raises `StoreError` if there is no way
@@ -161,7 +164,7 @@ class CInfoCache(CDestroyable):
     """
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
-        super().__init__(("needs-scan-added", "file-stored", "file-reread"))
+        super().__init__(("needs-scan-added", "file-stored", "file-reread", "derived-stale"))
         self.fPath = Path(path).absolute()
         self.fMessages: list[str] = []
         self.fLocCache = CLocCache()
@@ -267,6 +270,10 @@ class CInfoCache(CDestroyable):
             for url, state in stored.items():
                 times = writer.pending_times(url)
                 states[url] = state if times is None else state._replace(**times._asdict())
+        derived = writer.derived
+        if not derived.empty:
+            for url, state in states.items():
+                states[url] = state._replace(scans=derived.scans_of(url, state))
         return states
 
     def GetAllImports(self, locs: Sequence[CLocation]) -> list[tuple[CLocation, None, bytes]]:
@@ -355,6 +362,7 @@ class CInfoCache(CDestroyable):
     def AddFile(self, loc: CLocation, record: FileRecord) -> None:
         """Store what a whole-file scan found, in place of all that was known of the file."""
         self._fWriter.put_file(record)
+        self._NoteExports(loc, record.exports)
         self._Forget(loc)
         self.ForgetUnsaved(loc)
         self.emit("file-stored", self, loc, record)
@@ -374,6 +382,28 @@ class CInfoCache(CDestroyable):
         self.ForgetUnsaved(loc)
         self.emit("file-reread", self, loc)
         return True
+
+    def AddDerived(self, record: DerivedRecord) -> None:
+        """Store what a derived scan found, in place of what it found before."""
+        self._fWriter.derived.put(record)
+
+    @property
+    def fDerivedGeneration(self) -> int:
+        """A number that changes whenever what files show to others changes."""
+        return self._fWriter.derived.generation
+
+    def GetDigest(self, loc: CLocation) -> bytes:
+        """The digest of the bytes that the results of a file are of; empty for none."""
+        state = self._States([loc.fUrl]).get(loc.fUrl)
+        return b"" if state is None or not state.scans else state.digest
+
+    def _NoteExports(self, loc: CLocation, exports: bytes | None) -> None:
+        """Let go of derived results that depend on what others saw of the file."""
+        stale = self._Ask(
+            lambda: self._fWriter.derived.note_exports(loc.fUrl, exports), list[str]()
+        )
+        if stale:
+            self.emit("derived-stale", self, [LocationFromUrl(url) for url in stale])
 
     def AddScopeInfo(self, info: CScopeInfo) -> None:
         """Store one scope, until its file is scanned again.
@@ -395,6 +425,7 @@ class CInfoCache(CDestroyable):
     def ForgetFile(self, loc: CLocation) -> None:
         """Drop all that is known of a file."""
         self._fWriter.delete_file(loc.fUrl)
+        self._NoteExports(loc, None)
         self._Forget(loc)
         self.ForgetUnsaved(loc)
         self._fDiskStates.pop(loc, None)

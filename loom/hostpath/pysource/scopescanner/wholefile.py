@@ -137,6 +137,7 @@ class CWholeFilePrimaryScanner(CScanner):
             scopes=scopes,
             definitions=b"".join(packed),
             names=list(names),
+            exports=source.export_digest(),
             settled=text.settled,
             scanner=freshness.kScannerVersion,
         )

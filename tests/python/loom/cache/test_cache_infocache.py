@@ -31,7 +31,6 @@ def test_cache_is_destroyable_and_declares_its_signals(cache: CInfoCache) -> Non
 
 
 def test_location_cache_wants_nothing_derived(cache: CInfoCache, make_file: MakeFile) -> None:
-    assert cache.fLocCache.GetBuiltinLoc() is None
     assert cache.fLocCache.WantDerivedInfo(make_file("a.py")) is False
 
 

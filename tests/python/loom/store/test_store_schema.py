@@ -28,7 +28,10 @@ def tables(connection: sqlite3.Connection) -> set[str]:
 def test_migrate_makes_all_tables_strict(empty: sqlite3.Connection) -> None:
     assert schema.migrate(empty) == 0
     assert version(empty) == schema.kSchemaVersion == len(schema.kMigrations)
-    assert tables(empty) == {"files", "scopes", "added_scopes", "definitions", "names"}
+    assert tables(empty) == {
+        *("files", "scopes", "added_scopes", "definitions", "names"),
+        *("derived", "used_names", "depends", "depends_of", "exports", "derived_version"),
+    }
     assert all(
         strict
         for *_, strict in empty.execute("PRAGMA table_list").fetchall()
