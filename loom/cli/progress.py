@@ -97,7 +97,6 @@ class _Bar(_Display):
             transient=True,
         )
         self._task = self._progress.add_task("finding files", total=None, detail="")
-        self._waiting = 0
 
     def _begin(self) -> None:
         self._progress.start()
@@ -107,15 +106,16 @@ class _Bar(_Display):
         self._progress.stop()
 
     def _show(self, status: CScanStatus) -> None:
-        self._waiting = status.waiting_count
         self._redraw()
 
     def _redraw(self) -> bool:
         self._session.update_queued()
+        # The scheduler's news stop while all that is left waits.
+        waiting = self._session.app.coordinator.GetStatus().waiting_count
         counts = self._session.counts
         detail = f"{counts.definitions:,} definitions"
-        if self._waiting:
-            detail += f", {self._waiting} waiting"
+        if waiting:
+            detail += f", {waiting} waiting"
         if counts.errors:
             detail += f", {len(counts.errors)} with errors"
         self._progress.update(

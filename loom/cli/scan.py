@@ -19,6 +19,7 @@ from loom.cli.options import (
     shared_options,
 )
 from loom.cli.output import Exit, set_up_logging, warn
+from loom.cli.remote import PathOrUrl, RemoteSettings, local_paths, remote_options
 from loom.cli.running import dump_option, observable
 
 if TYPE_CHECKING:
@@ -31,12 +32,13 @@ __all__ = ["scan"]
 
 
 @click.command()
-@click.argument("paths", nargs=-1, type=click.Path(exists=True, path_type=str), metavar="[PATH]...")
+@click.argument("paths", nargs=-1, type=PathOrUrl(exists=True, path_type=str), metavar="[PATH]...")
 @exclude_option
 @dump_option
 @click.option("--exit-zero", is_flag=True, help="Exit with 0 even if files had errors.")
 @import_options
 @helper_options
+@remote_options
 @shared_options
 def scan(
     paths: Sequence[str],
@@ -47,12 +49,16 @@ def scan(
     no_imports: bool,
     helper: bool,
     jobs: int | None,
+    remote: RemoteSettings,
     db_path: Path,
     as_json: bool,
     verbose: int,
 ) -> int:
     """Scan the Python files at and below each PATH, by default the working folder, and the modules
     that they import.
+
+    A PATH may be on an SSH server: ssh://[user@]host[:port]/path. Keys, the agent and the known
+    hosts are those of OpenSSH. Imports of remote files find the standard library only.
 
     A file whose results are still valid isn't scanned again. ".gitignore" is honoured; virtual
     environments, node_modules, caches and build results are left out. A file given by name is
@@ -64,8 +70,8 @@ def scan(
     set_up_logging(verbose)
     patterns = parse_exclude(exclude)
     paths = list(paths) or ["."]
-    with Imports(paths, python, no_imports) as imports:
-        command = _Scan(paths, patterns, imports, db_path, as_json, verbose)
+    with Imports(local_paths(paths), python, no_imports) as imports:
+        command = _Scan(paths, patterns, imports, remote, db_path, as_json, verbose)
         return command.run(exit_zero, dump_path, jobs or int(helper))
 
 
@@ -77,6 +83,7 @@ class _Scan:
         paths: list[str],
         exclude: GitIgnoreSpec | None,
         imports: Imports,
+        remote: RemoteSettings,
         db_path: Path,
         as_json: bool,
         verbose: int,
@@ -84,6 +91,7 @@ class _Scan:
         self._paths = paths
         self._exclude = exclude
         self._imports = imports
+        self._remote = remote
         self._db_path = db_path
         self._as_json = as_json
         self._verbose = verbose
@@ -107,6 +115,7 @@ class _Scan:
 
                     use_helpers(app, helpers, share=True)
                 self._imports.set_up(app)
+                self._remote.set_up(app, self._paths)
                 session = ScanSession(app, self._paths, self._exclude)
                 session.connect("finished", lambda _session: main_loop.loop.stop())
                 with (

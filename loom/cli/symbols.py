@@ -13,6 +13,7 @@ import click
 from loom.cli.kinds import word_for_kind
 from loom.cli.options import shared_options
 from loom.cli.output import Exit, escape, set_up_logging, styled, warn, write, write_json
+from loom.cli.remote import PathOrUrl
 
 if TYPE_CHECKING:
     from loom.store.queries import Definition, Scope
@@ -21,7 +22,7 @@ __all__ = ["symbols"]
 
 
 @click.command()
-@click.argument("file", type=click.Path(path_type=str))
+@click.argument("file", type=PathOrUrl(path_type=str))
 @shared_options
 def symbols(file: str, db_path: Path, as_json: bool, verbose: int) -> int:
     """Show the scopes of FILE as they were when it was scanned, and what each defines.

@@ -120,6 +120,13 @@ class Resolver:
             place = self._places[folder] = self._place(folder)
         return place.find(name)
 
+    def find_standard(self, name: str) -> Module | None:
+        """The module of the standard library that `name` means anywhere, or none."""
+        top = name.partition(".")[0]
+        if not top or not self._environment_path.is_standard(top):
+            return None
+        return self._environment_path.find(name)
+
     def name_of_file(self, path: str) -> str | None:
         """The name under which a file is imported from beside itself, or none if it can't be."""
         folder = os.path.dirname(path)

@@ -56,13 +56,13 @@ class CModRecord(NamedTuple):
 class _CNamesInFolder(dict[str, CLocation | None]):
     """The location of each name as seen from a folder, found when it is first asked for."""
 
-    def __init__(self, resolver: Resolver, folder: str | None) -> None:
+    def __init__(self, resolver: Resolver, dirloc: CLocation | None) -> None:
         super().__init__()
         self._fResolver = resolver
-        self._fFolder = folder
+        self._fDirloc = dirloc
 
     def __missing__(self, name: str) -> CLocation | None:
-        module = self._fResolver.find(name, self._fFolder)
+        module = _FindFrom(self._fResolver, name, self._fDirloc)
         files = [] if module is None else module.files
         found = self[name] = files[0] if files else None
         return found
@@ -73,7 +73,8 @@ class CAnalysisFactory(CDestroyable):
 
     Names are dotted, and may begin with dots; they are seen from a folder, or from none: then only
     the environment is searched. Of a folder that isn't local no file can be looked for without
-    waiting, so names in it find the environment's modules only, and none that begins with a dot.
+    waiting, and what is installed here needn't be there: names in it find modules of the standard
+    library only.
 
     Signals: "import-resolution-changed" (factory) when the Python path may have changed.
     """
@@ -110,7 +111,7 @@ class CAnalysisFactory(CDestroyable):
             return [locs[0] if locs else None for locs in found]
         known = self._fNames.get(dirloc)
         if known is None:
-            known = self._fNames[dirloc] = _CNamesInFolder(self._fResolver, _FolderOf(dirloc))
+            known = self._fNames[dirloc] = _CNamesInFolder(self._fResolver, dirloc)
         return [known[name] for name in names]
 
     def FindBuiltinMod(self) -> CModRecord | None:
@@ -144,7 +145,7 @@ class CAnalysisFactory(CDestroyable):
         return self._fResolver.name_of_file(loc.path)
 
     def _FindModule(self, name: str, dirloc: CLocation | None) -> Module | None:
-        return self._fResolver.find(name, _FolderOf(dirloc))
+        return _FindFrom(self._fResolver, name, dirloc)
 
     # --- changes
 
@@ -183,8 +184,12 @@ class CAnalysisFactory(CDestroyable):
         self._fModFileCache.destroy()
 
 
-def _FolderOf(dirloc: CLocation | None) -> str | None:
-    return dirloc.path if isinstance(dirloc, CLocalFileLocation) else None
+def _FindFrom(resolver: Resolver, name: str, dirloc: CLocation | None) -> Module | None:
+    if dirloc is None:
+        return resolver.find(name, None)
+    if isinstance(dirloc, CLocalFileLocation):
+        return resolver.find(name, dirloc.path)
+    return resolver.find_standard(name)
 
 
 def _Parent(name: str) -> str:

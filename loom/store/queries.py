@@ -102,7 +102,9 @@ class Stats(NamedTuple):
 
 
 def url_of(path: str | os.PathLike[str]) -> str:
-    """The URL under which a local file is stored."""
+    """The URL under which a local file is stored; the URL of a remote one as it stands."""
+    if isinstance(path, str) and path.startswith("ssh://"):
+        return path
     return Path(os.path.abspath(path)).as_uri()
 
 
