@@ -3,9 +3,10 @@
 from __future__ import annotations
 
 from collections.abc import Iterator
+from functools import partial
 from typing import TYPE_CHECKING, Final
 
-from loom.infer import annotations, bindings, calls, classes, counterparts, modules
+from loom.infer import hints, bindings, calls, classes, counterparts, modules
 from loom.infer.parts import DefPart, ExprPart, HintPart
 from loom.infer.values import (
     BoundValue,
@@ -40,7 +41,7 @@ _Found = tuple[Class, tuple[Symbol, ...]]
 def values_of(ctx: CInferenceContext, base: Values, name: str) -> Values:
     """What the attribute is worth on any of the values."""
     return union(
-        ctx.answer(("attribute", value, name), (), lambda value=value: _values(ctx, value, name))
+        ctx.answer(("attribute", value, name), (), partial(_values, ctx, value, name))
         for value in base
     )
 
@@ -70,7 +71,9 @@ def _targets(ctx: CInferenceContext, value: Value, name: str) -> tuple[Target, .
         found = modules.module_attribute(ctx, value, name, source_first=True)
         if found is not None:
             return (found,)
-        value = Instance(_module_type(ctx)) if _module_type(ctx) is not None else value
+        module_type = _module_type(ctx)
+        if module_type is not None:
+            value = Instance(module_type)
     for order, of_instance in _searches(ctx, value):
         for _, symbols in _found_in(ctx, order, name, of_instance, source_first=True):
             return symbols
@@ -153,7 +156,7 @@ def _values(ctx: CInferenceContext, value: Value, name: str) -> Values:
     if isinstance(value, Function) and name == "__self__":
         return () if value.receiver is None else (value.receiver,)
     if isinstance(value, Special) and value.name == "Type" and value.args:
-        return values_of(ctx, annotations.classes_of(value.args[0]), name)
+        return values_of(ctx, hints.classes_of(value.args[0]), name)
     if name == "__class__" and isinstance(value, Instance):
         return (value.cls,)
     for order, of_instance in _searches(ctx, value):
@@ -173,9 +176,9 @@ def _values(ctx: CInferenceContext, value: Value, name: str) -> Values:
 def _bound(ctx: CInferenceContext, value: Value, owner: Class, symbol: Symbol) -> Values:
     """What a symbol of the class `owner` is worth as an attribute of the value."""
     receiver = _receiver(value)
-    mapping = dict(annotations.mapping_of(ctx, owner))
+    mapping = dict(hints.mapping_of(ctx, owner))
     if receiver is not None:
-        mapping[annotations.kSelf] = (
+        mapping[hints.kSelf] = (
             (receiver,) if isinstance(receiver, Instance) else (Instance(receiver),)
         )
     if isinstance(value, Class) and _is_enum_member(ctx, owner, symbol):
@@ -189,7 +192,7 @@ def _bound(ctx: CInferenceContext, value: Value, owner: Class, symbol: Symbol) -
             found.append(_through_descriptor(ctx, each, symbol))
         else:
             found.append((each,))
-    return annotations.substitute(union(found), mapping)
+    return hints.substitute(union(found), mapping)
 
 
 def _receiver(value: Value) -> Instance | Class | None:

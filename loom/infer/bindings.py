@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING, Final
 from pysource.symbolinfo import ParentScopeName
 
 from loom.infer import (
-    annotations,
+    hints,
     calls,
     classes,
     counterparts,
@@ -47,7 +47,7 @@ if TYPE_CHECKING:
 
 __all__ = ["function_of", "symbol_values", "target_values"]
 
-# Files that define the forms of annotations.
+# Files that define the forms of hints.
 _kTypingFiles: Final = frozenset(
     ("typing.pyi", "typing_extensions.pyi", "typing.py", "typing_extensions.py")
 )
@@ -108,7 +108,7 @@ def _special_form(symbol: Symbol) -> Special | None:
         return None
     if any(isinstance(part, ImportPart) for part in symbol.parts):
         return None
-    if symbol.name in annotations.kSpecialNames:
+    if symbol.name in hints.kSpecialNames:
         return Special(symbol.name)
     for part in symbol.parts:
         if isinstance(part, HintPart) and part.text == "_SpecialForm":
@@ -117,14 +117,14 @@ def _special_form(symbol: Symbol) -> Special | None:
 
 
 def _hinted(ctx: CInferenceContext, symbol: Symbol) -> Values:
-    """What annotations of the name say."""
+    """What hints of the name say."""
     found: list[Values] = []
     argument = next((part for part in symbol.parts if isinstance(part, ArgPart)), None)
     for part in symbol.parts:
         if not isinstance(part, HintPart):
             continue
         if argument is None:
-            found.append(annotations.text_values(ctx, symbol.loc, symbol.scope_name, part.text))
+            found.append(hints.text_values(ctx, symbol.loc, symbol.scope_name, part.text))
         else:
             found.append(calls.argument_hint(ctx, symbol.loc, symbol.scope_name, part.text))
     values = union(found)
@@ -155,7 +155,7 @@ def _part_values(ctx: CInferenceContext, symbol: Symbol, part: Part) -> Values:
     if isinstance(part, ArgPart):
         return _argument_values(ctx, symbol, part)
     if isinstance(part, TypeParamPart):
-        bound = annotations.text_values(ctx, loc, ParentScopeName(scope_name), part.bound)
+        bound = hints.text_values(ctx, loc, ParentScopeName(scope_name), part.bound)
         return (TypeVariable(symbol.name, loc, scope_name, bound),)
     if isinstance(part, OuterPart):
         outer = names.lookup(ctx, loc, scope_name, symbol.name)

@@ -10,7 +10,7 @@ from loombase.location import CLocation
 from pysource.symbolinfo import ParentScopeName
 
 from loom.infer import (
-    annotations,
+    hints,
     attributes,
     bindings,
     classes,
@@ -82,7 +82,7 @@ class Param(NamedTuple):
     """One argument that a function takes. `hint` is its annotation, or empty."""
 
     name: str
-    index: int
+    position: int
     marks: str
     default: str | None
     hint: str
@@ -129,7 +129,7 @@ def _params(ctx: CInferenceContext, loc: CLocation, scope_name: str) -> tuple[Pa
                 hint = next((p.text for p in parts if isinstance(p, HintPart)), "")
                 found.append(Param(name, part.index, part.marks, part.default, hint))
                 break
-    return tuple(sorted(found, key=lambda param: param.index))
+    return tuple(sorted(found, key=lambda param: param.position))
 
 
 def method_results(
@@ -176,7 +176,7 @@ def _result(ctx: CInferenceContext, value: Value, arguments: Arguments) -> Value
 
 def _new_object(ctx: CInferenceContext, cls: Class, arguments: Arguments) -> Values:
     if cls.bare == classes.builtin_class(ctx, "type") and len(arguments.positional) == 1:
-        return annotations.classes_of(arguments.positional[0]())
+        return hints.classes_of(arguments.positional[0]())
     own = Instance(cls)
     variables = () if cls.args else classes.parameters(ctx, cls)
     if not variables or not (arguments.positional or arguments.keywords):
@@ -213,14 +213,14 @@ def _function_result(ctx: CInferenceContext, function: Function, arguments: Argu
     receiver = function.receiver
     if receiver is not None:
         cls = receiver.cls if isinstance(receiver, Instance) else receiver
-        mapping[annotations.kSelf] = (Instance(cls),)
+        mapping[hints.kSelf] = (Instance(cls),)
         parent = Class(function.loc, ParentScopeName(function.scope_name))
         for each in classes.linearization(ctx, cls) if cls.args or parent != cls else ():
             if each.bare == parent:
-                mapping.update(annotations.mapping_of(ctx, each))
-    if any(variable not in mapping for value in raw for variable in annotations.variables_in(value)):
+                mapping.update(hints.mapping_of(ctx, each))
+    if any(variable not in mapping for value in raw for variable in hints.variables_in(value)):
         _match_arguments(ctx, function, arguments, mapping)
-    return annotations.substitute(raw, mapping)
+    return hints.substitute(raw, mapping)
 
 
 def returned(ctx: CInferenceContext, function: Function) -> Values:
@@ -294,8 +294,8 @@ def _argument_hint(ctx: CInferenceContext, loc: CLocation, scope_name: str, text
         return ()
     parent = ParentScopeName(scope_name)
     own = scope_name if _has_type_params(ctx, loc, scope_name) else None
-    return annotations.instances_of(
-        ctx, annotations.class_values(ctx, loc, parent, node, own)
+    return hints.instances_of(
+        ctx, hints.class_values(ctx, loc, parent, node, own)
     )
 
 
@@ -338,7 +338,7 @@ def _match_arguments(
     arguments: Arguments,
     mapping: dict[Value, Values],
 ) -> None:
-    """Find out what the type variables in a function's annotations stand for in a call."""
+    """Find out what the type variables in a function's hints stand for in a call."""
     given: list[tuple[Param, Argument]] = []
     every = params(ctx, function.loc, function.scope_name)
     own = _own_params(ctx, function)
@@ -358,7 +358,7 @@ def _match_arguments(
     for param, argument in given:
         if param.hint:
             pattern = argument_hint(ctx, function.loc, function.scope_name, param.hint)
-            if any(True for value in pattern for _ in annotations.variables_in(value)):
+            if any(True for value in pattern for _ in hints.variables_in(value)):
                 _match(ctx, pattern, argument(), mapping, 0)
 
 
@@ -373,6 +373,7 @@ def _match(
         return
     for each in pattern:
         if isinstance(each, TypeVariable):
+            objects: Values
             if each.of_class:
                 objects = tuple(Instance(a) for a in actual if isinstance(a, Class))
             else:

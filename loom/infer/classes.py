@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING, Final
 
 from pysource.symbolinfo import ParentScopeName
 
-from loom.infer import annotations, evaluate, modules
+from loom.infer import hints, evaluate, modules
 from loom.infer.parts import DefPart, HintPart, Part, TypeParamPart, parse_call
 from loom.infer.values import (
     Class,
@@ -72,7 +72,7 @@ def _find_base_values(ctx: CInferenceContext, cls: Class) -> tuple[Value, ...]:
     parent = ParentScopeName(cls.scope_name)
     found: list[Value] = []
     for node in call.args[:_kMostClasses]:
-        values = annotations.class_values(ctx, cls.loc, parent, node, cls.scope_name)
+        values = hints.class_values(ctx, cls.loc, parent, node, cls.scope_name)
         usable = [v for v in values if isinstance(v, Class | Special)]
         if usable:
             found.append(usable[0])
@@ -84,8 +84,8 @@ def bases(ctx: CInferenceContext, cls: Class) -> tuple[Class, ...]:
     found = tuple(v for v in _base_values(ctx, cls) if isinstance(v, Class))
     if not cls.args:
         return found
-    mapping = annotations.mapping_of(ctx, cls)
-    return tuple(annotations.substitute_class(base, mapping) for base in found)
+    mapping = hints.mapping_of(ctx, cls)
+    return tuple(hints.substitute_class(base, mapping) for base in found)
 
 
 def metaclass(ctx: CInferenceContext, cls: Class) -> Class | None:
@@ -120,7 +120,7 @@ def _parameters(ctx: CInferenceContext, cls: Class) -> tuple[TypeVariable, ...]:
         return tuple(declared)
     found: dict[TypeVariable, None] = {}
     for base in _base_values(ctx, cls):
-        variables = dict.fromkeys(annotations.variables_in(base))
+        variables = dict.fromkeys(hints.variables_in(base))
         if isinstance(base, Special) and base.name in ("Generic", "Protocol") and variables:
             return tuple(variables)
         found.update(variables)
@@ -211,8 +211,9 @@ def own_instance_attribute(
     ctx: CInferenceContext, cls: Class, name: str
 ) -> tuple[Symbol, ...]:
     """Where the methods of the class itself assign to an attribute of their instance."""
+    nothing: _AttributeTable = {}
     table = ctx.answer(
-        ("attributes", cls.loc, cls.scope_name), {}, lambda: _attribute_table(ctx, cls)
+        ("attributes", cls.loc, cls.scope_name), nothing, lambda: _attribute_table(ctx, cls)
     )
     found: list[Symbol] = []
     for scope_name, parts in table.get(name, ()):

@@ -10,7 +10,7 @@ from typing import TYPE_CHECKING, Final
 from loombase.location import CLocation
 
 from loom.infer import (
-    annotations,
+    hints,
     attributes,
     bindings,
     calls,
@@ -252,7 +252,7 @@ class _Frame:
             bound: Values = ()
             for keyword in node.keywords:
                 if keyword.arg == "bound":
-                    bound = annotations.hint_values(
+                    bound = hints.hint_values(
                         self.ctx, self.loc, self.scope_name, keyword.value
                     )
             return (TypeVariable(first.value, self.loc, "", bound),)
@@ -264,7 +264,7 @@ class _Frame:
         found: list[Values] = []
         if types:
             found.append(
-                annotations.subscripted(self.ctx, self.loc, self.scope_name, types, node.slice)
+                hints.subscripted(self.ctx, self.loc, self.scope_name, types, node.slice)
             )
         objects: Values = tuple(v for v in base if not isinstance(v, Class | Special))
         if objects:
@@ -279,7 +279,7 @@ class _Frame:
                 sides = (left, right)
                 return (
                     Special(
-                        "Union", tuple(annotations.instances_of(self.ctx, side) for side in sides)
+                        "Union", tuple(hints.instances_of(self.ctx, side) for side in sides)
                     ),
                 )
         own: list[Value] = [v for v in left if isinstance(v, Instance)]

@@ -127,14 +127,7 @@ class Records:
         manager = singleton.GetSingletons().fAnalysisMgr
         triple = (loc, wanted, manager.fPrimaryScanName)
         if ctx.may_scan and not ctx.OutOfTime():
-            if not facts.unsaved:  # INTERIM
-                from pysource.scopescanner import CWholeFilePrimaryScanner, kFinishedScanning
-
-                scanner = CWholeFilePrimaryScanner(loc, "primary", set(), lambda *a: None)
-                again = scanner.Scan(ctx.fEndTime) is not __import__("pysource.scopescanner").scopescanner.kTimedOut
-                scanner.destroy()
-            else:
-                again = manager.fScanCoordinator.TryToScanDictNow(loc, name, {triple}, ctx.fEndTime)
+            again = manager.fScanCoordinator.TryToScanDictNow(loc, name, {triple}, ctx.fEndTime)
             if facts.unsaved:
                 if again:
                     return True
@@ -188,7 +181,7 @@ def _state_of(loc: CLocation) -> tuple[object, bool]:
     buffers = table.fCacheMgr
     buffer = None if buffers is None else buffers.DoesCacheBufferExist(loc, True)
     if buffer is not None and buffer.IsModified():
-        return hash(buffer.GetText()), True
+        return (id(buffer), buffer.fVersion), True
     if isinstance(loc, CLocalFileLocation):
         try:
             status = os.stat(loc.path)

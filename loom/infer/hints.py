@@ -145,7 +145,9 @@ def _class_with(
 ) -> Values:
     if cls.args:  # a generic alias: its variables are what the subscript is for
         variables = list(dict.fromkeys(variables_in(cls)))
-        mapping = {v: argument(item) for v, item in zip(variables, items, strict=False)}
+        mapping: dict[Value, Values] = {
+            v: argument(item) for v, item in zip(variables, items, strict=False)
+        }
         return (substitute_class(cls, mapping),)
     if _is_builtin(ctx, cls, "type"):
         return (Special("Type", (argument(items[0]),)),)
