@@ -36,9 +36,10 @@ class Outcome(NamedTuple):
 class FileCounts:
     """Some files, and what became of them.
 
-    Of `found` files, `left` are still to be looked at; while a scan runs, that isn't told. `scanned`
-    were parsed, `failed` couldn't be, `vanished` were gone when their turn came. What remains,
-    `unchanged`, had valid results; `reread` of them had to be read to know it. `errors` are of files and of folders that couldn't be walked.
+    Of `found` files, `left` are still to be looked at; while a scan runs, that isn't told.
+    `scanned` were parsed, `failed` couldn't be, `vanished` were gone when their turn came. What
+    remains, `unchanged`, had valid results; `reread` of them had to be read to know it. `errors`
+    are of files and of folders that couldn't be walked.
     """
 
     found: int = 0

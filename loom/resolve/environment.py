@@ -17,8 +17,8 @@ __all__ = ["PythonEnvironment", "own_environment"]
 class PythonEnvironment:
     """What an interpreter tells of itself.
 
-    `path` are the folders that it imports from, in order, absolute and normal. Those among them that
-    hold the standard library are also in `stdlib`. `mapped` are modules and packages that are
+    `path` are the folders that it imports from, in order, absolute and normal. Those among them
+    that hold the standard library are also in `stdlib`. `mapped` are modules and packages that are
     installed by name instead of by folder: their paths, without a suffix.
     """
 
@@ -35,9 +35,8 @@ def own_environment() -> PythonEnvironment:
     Folders that only its ".pth" files name are missing: `loom.resolve.interpreter` has those.
     """
     paths = sysconfig.get_paths()
-    stdlib = dict.fromkeys((paths["stdlib"], paths["platstdlib"]))
-    dynload = sysconfig.get_config_var("DESTSHARED")
-    if dynload:
-        stdlib[dynload] = None
-    path = dict.fromkeys((*stdlib, paths["purelib"], paths["platlib"]))
-    return PythonEnvironment(sys.executable, sys.version_info[:2], tuple(path), tuple(stdlib))
+    library = (paths["stdlib"], paths["platstdlib"], sysconfig.get_config_var("DESTSHARED"))
+    # In a virtual environment the second is a folder that nothing is imported from.
+    stdlib = tuple(dict.fromkeys(folder for folder in library if folder in sys.path))
+    path = tuple(dict.fromkeys((*stdlib, paths["purelib"], paths["platlib"])))
+    return PythonEnvironment(sys.executable, sys.version_info[:2], path, stdlib)

@@ -7,7 +7,7 @@ import os
 import shutil
 import subprocess
 import sys
-from collections.abc import Sequence
+from collections.abc import Iterable, Sequence
 from typing import Final
 
 from loom.resolve.environment import PythonEnvironment
@@ -151,10 +151,14 @@ def _environment(executable: str, answer: dict[str, Sequence[str]]) -> PythonEnv
     return PythonEnvironment(executable, (major, minor), *_complete(path, stdlib))
 
 
-def _folders(entries: Sequence[str | None]) -> list[str]:
+def _folders(entries: Iterable[str | None]) -> list[str]:
     """The absolute ones that are folders, each once, as a location would have them."""
-    absolute = (os.path.normpath(entry) for entry in entries if entry and os.path.isabs(entry))
-    return [entry for entry in dict.fromkeys(absolute) if os.path.isdir(entry)]
+    found: dict[tuple[int, int], str] = {}
+    for entry in entries:
+        if entry and os.path.isabs(entry) and os.path.isdir(entry):
+            status = os.stat(entry)  # "lib64" may be a link to "lib"
+            found.setdefault((status.st_dev, status.st_ino), os.path.normpath(entry))
+    return list(found.values())
 
 
 def _complete(
@@ -170,16 +174,17 @@ def _complete(
 def _in_venv(base: PythonEnvironment, venv: str) -> PythonEnvironment:
     """The environment that `venv` makes of the interpreter that it was made from."""
     version = "python{}.{}".format(*base.version)
-    sites = _folders([os.path.join(venv, lib, version, "site-packages") for lib in ("lib", "lib64")])
+    libraries = (os.path.join(venv, lib, version, "site-packages") for lib in ("lib", "lib64"))
+    sites = _folders(libraries)
     if not sites:
         raise InterpreterError(f"it has no packages of {version}")
-    path = dict.fromkeys(base.stdlib)
+    entries = [*base.stdlib]
     for site in sites:
-        path |= dict.fromkeys(path_entries(site))
+        entries += path_entries(site)
     if _sees_base_packages(venv):
-        path |= dict.fromkeys(base.path)
+        entries += base.path
     executable = os.path.join(venv, "bin", "python")
-    return PythonEnvironment(executable, base.version, *_complete(list(path), base.stdlib))
+    return PythonEnvironment(executable, base.version, *_complete(_folders(entries), base.stdlib))
 
 
 def _sees_base_packages(venv: str) -> bool:

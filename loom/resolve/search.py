@@ -112,7 +112,9 @@ class SearchPath:
 
     def _find_mapped(self, name: str) -> Module | None:
         path = self._mapped.get(name)
-        return None if path is None else self._look((os.path.dirname(path),), os.path.basename(path))
+        if path is None:
+            return None
+        return self._look((os.path.dirname(path),), os.path.basename(path))
 
     def _typed_folders(self, package: Module, name: str) -> Iterable[str]:
         """The folders of stubs in which a submodule may stand."""

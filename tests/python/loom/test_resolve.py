@@ -91,9 +91,9 @@ def test_a_standard_module_has_its_stub_and_then_its_source(tree):
 def test_a_standard_module_without_a_stub_has_its_source(tree):
     tree.write("python/lib/python3.12/idlelib/__init__.py", "python/lib/python3.12/idlelib/run.py")
     assert tree.all("idlelib.run") == ["python/lib/python3.12/idlelib/run.py"]
-    tree.write("python/lib/python3.12/json/inner/__init__.py", "python/lib/python3.12/json/tool2.py")
+    tree.write("python/lib/python3.12/json/later.py")
     tree.factory.Recheck()
-    assert tree.all("json.tool2") == ["python/lib/python3.12/json/tool2.py"]
+    assert tree.all("json.later") == ["python/lib/python3.12/json/later.py"]
 
 
 @pytest.mark.parametrize(
@@ -199,8 +199,8 @@ def test_a_stub_package_goes_with_its_package(tree):
 
 @pytest.mark.parametrize("partial", [False, True])
 def test_only_a_partial_stub_package_leaves_room_for_stubs_beside_sources(tree, partial):
-    tree.install("pkg/__init__.py", "pkg/b.py", "pkg/b.pyi", "pkg/sub/__init__.py", "pkg/sub/c.pyi")
-    tree.install("pkg-stubs/__init__.pyi")
+    tree.install("pkg/__init__.py", "pkg/b.py", "pkg/b.pyi", "pkg/sub/__init__.py")
+    tree.install("pkg/sub/c.pyi", "pkg-stubs/__init__.pyi")
     if partial:
         tree.install("pkg-stubs/py.typed", text="partial\n")
     assert tree.all("pkg.b") == (["site:pkg/b.pyi"] if partial else []) + ["site:pkg/b.py"]
@@ -428,17 +428,13 @@ def test_each_name_has_its_answer_in_order(tree):
     assert [loc and tree.short(loc) for loc in found] == ["site:b.py", None, "site:a.py"]
 
 
-def test_from_a_folder_that_is_not_local_the_environment_is_seen(tree):
+def test_from_a_folder_that_is_not_local_the_standard_library_is_seen(tree):
     class Remote(CLocation):
         pass
 
     tree.install("mod.py")
     found = tree.factory._FindPrimaryLocsForNames(["mod", ".mod", "os"], Remote(), False)
-    assert [loc and tree.short(loc) for loc in found] == [
-        "site:mod.py",
-        None,
-        "stubs:os/__init__.pyi",
-    ]
+    assert [loc and tree.short(loc) for loc in found] == [None, None, "stubs:os/__init__.pyi"]
     assert tree.factory.GetModuleName(Remote()) is None
 
 
