@@ -95,7 +95,11 @@ class Backlog:
                 waiting.update(dict.fromkeys(front + behind))
 
     def take_suspect(self) -> Task | None:
-        return self._suspects.pop(next(iter(self._suspects)), None) if self._suspects else None
+        """The next suspect, or none."""
+        task = next(iter(self._suspects), None)
+        if task is not None:
+            del self._suspects[task]
+        return task
 
     def take(self, count: int) -> list[Task]:
         """The next files, at most `count`, all first ones or none of them."""

@@ -215,7 +215,7 @@ class CHelperPool(CDestroyable):
     def _set_aside(self, task: Task) -> None:
         """Store that the file can't be scanned, and go on without it."""
         record = setaside.record_of(task, self._engine.fPrimaryScanName)
-        _log.warning("%r is set aside: %s", task.loc, record.error)
+        _log.warning("%r: %s", task.loc, record.error)
         self.backlog.remove(task)
         self._cache.AddFile(task.loc, record)
         self._finish([task])
