@@ -272,7 +272,7 @@ class ScanSession(CDestroyable):
         """Nobody will say when these can be scanned: their server was given up."""
         self.app.coordinator.RemoveLocationsFromQueue(locs)
         for loc in locs:
-            error = self._error(loc.fShownName, "its server can't be reached")
+            error = self._error(loc.fShownName, "the server can't be reached")
             self._tally.settle(loc, Outcome(failed=1, error=error))
         self._watch_for_end()
 

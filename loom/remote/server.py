@@ -288,7 +288,7 @@ class RemoteServer(CRemoteServerManager):
     # --- failed requests
 
     def _error(self) -> RemoteError:
-        return RemoteError(f"{self.name} can't be reached: {self.failure}", server_failed=True)
+        return RemoteError(f"the server can't be reached: {self.failure}", server_failed=True)
 
     def _fail(self, request: Request, error: RemoteError) -> None:
         self._failed.append((request, error))

@@ -10,6 +10,7 @@ from __future__ import annotations
 import asyncio
 import errno
 import importlib
+import os
 import socket
 import stat
 from typing import TYPE_CHECKING, Any, Final, cast
@@ -310,6 +311,7 @@ def _failure_of(error: Exception) -> ConnectionFailure:
         return ConnectionFailure(f"no such host: {error.strerror}", lasting=unknown)
     if isinstance(error, OSError) and error.filename is None:
         refused = error.errno in _NOBODY_LISTENS or isinstance(error, ConnectionRefusedError)
-        return ConnectionFailure(error.strerror or str(error), refused=refused)
+        reason = os.strerror(error.errno) if error.errno else str(error)
+        return ConnectionFailure(reason, refused=refused)
     # Of a key or of the configuration.
     return ConnectionFailure(f"{error}" or type(error).__name__, lasting=True)
