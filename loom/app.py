@@ -69,7 +69,9 @@ class App(CDestroyable):
 
     def _clear_table(self) -> None:
         table = GetSingletons()
-        table.fAnalysisMgr = None
+        table.fAnalysisMgr = None  # first, so that nobody asks for scans any more
+        if table.fCacheMgr is not None:
+            table.fCacheMgr.destroy()
         table.fGuiMgr = None
         table.fCacheMgr = None
         table.fSavableMgr = None

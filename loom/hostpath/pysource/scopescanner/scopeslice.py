@@ -13,7 +13,7 @@ nothing being found, in which case the whole text must be scanned.
 from __future__ import annotations
 
 import re
-from collections.abc import Iterator, Sequence
+from collections.abc import Mapping, Sequence
 from typing import Final, NamedTuple
 
 from loom._pyscan import SourceScanner
@@ -33,8 +33,6 @@ _kTabSize: Final = 8
 # Lines that continue a statement, or hold nothing, tell nothing by their indentation.
 _kContinuations: Final = (b"#", b")", b"]", b"}", b"\r", b"\n", b'"""', b"'''")
 
-# Lines away from where the scope is expected in which its header is looked for.
-_kMaxDistance: Final = 2000
 # The longest header that is followed line by line.
 _kMaxHeaderLines: Final = 200
 
@@ -62,27 +60,60 @@ def path_of_scope(scope_name: str) -> ScopePath | None:
     return path
 
 
-def cut_out(lines: Sequence[bytes], path: ScopePath, lineno: int) -> ScopeSlice | None:
-    """The slice of a text, given in lines, for the scope that stands on line `lineno` or nearby.
+def cut_out(
+    lines: Sequence[bytes], path: ScopePath, known: Mapping[str, int]
+) -> ScopeSlice | None:
+    """The slice of a text, given in lines, for a scope.
 
-    None if it isn't there, or if that can't be told.
+    `known` has the line, from 1, of the header of each scope that was found when the text was last
+    scanned. Headers that are no longer there are looked for: they are found if as many of their
+    name stand in their scope as were known. Else the result is none.
     """
-    name = path[-1][0].encode()
-    for at in _candidates(lines, name, lineno - 1):
-        chain = _chain(lines, at)
-        if _names(lines, chain) == [name.encode() for name, _ in path]:
-            earlier = _earlier_siblings(lines, chain)
-            if [len(ats) + 1 for ats in earlier] == [number for _, number in path]:
-                return _assemble(lines, chain, earlier)
-    return None
+    chain: list[int] = []
+    earlier: list[Sequence[int]] = []
+    scope = ""
+    for name, number in path:
+        expected = _known_definitions(known, f"{scope}.{name}" if scope else name)
+        if number > len(expected):
+            return None
+        found = _definitions(lines, name.encode(), expected, number, chain)
+        if found is None:
+            return None
+        earlier.append(found[: number - 1])
+        chain.append(found[number - 1])
+        scope = f"{scope}.{name}" if scope else name
+        if number > 1:
+            scope += f"#{number}"
+    return _assemble(lines, chain, earlier)
 
 
-def _candidates(lines: Sequence[bytes], name: bytes, expected: int) -> Iterator[int]:
-    """Lines with a definition of the name, those near the expected one first."""
-    for distance in range(_kMaxDistance):
-        for at in {expected - distance, expected + distance}:
-            if 0 <= at < len(lines) and name in lines[at] and _defines(lines[at], name):
-                yield at
+def _known_definitions(known: Mapping[str, int], scope_name: str) -> list[int]:
+    """The indices of the lines on which a scope stands and others that only differ in number."""
+    result = []
+    name = scope_name
+    while name in known:
+        result.append(known[name] - 1)
+        name = f"{scope_name}#{len(result) + 1}"
+    return result
+
+
+def _definitions(
+    lines: Sequence[bytes],
+    name: bytes,
+    expected: Sequence[int],
+    number: int,
+    outer: Sequence[int],
+) -> Sequence[int] | None:
+    """The lines of the first `number` definitions of a name inside of the header chain `outer`."""
+
+    def is_one(at: int) -> bool:
+        return _defines(lines[at], name) and _chain(lines, at)[:-1] == outer
+
+    if all(at < len(lines) and is_one(at) for at in expected[:number]):
+        return expected
+    start = outer[-1] + 1 if outer else 0
+    found = [at for at in range(start, len(lines)) if name in lines[at] and is_one(at)]
+    return found if len(found) == len(expected) else None
 
 
 def _defines(line: bytes, name: bytes) -> bool:
@@ -131,68 +162,35 @@ def _names(lines: Sequence[bytes], chain: Sequence[int]) -> list[bytes]:
     return [match[2] for at in chain if (match := _header.match(lines[at]))]
 
 
-def _earlier_siblings(lines: Sequence[bytes], chain: Sequence[int]) -> list[list[int]]:
-    """For each header of the chain, the lines of earlier definitions of its name in its scope."""
-    result = []
-    for depth, (at, name) in enumerate(zip(chain, _names(lines, chain), strict=True)):
-        outer = chain[:depth]
-        start = outer[-1] + 1 if outer else 0
-        result.append(
-            [
-                other
-                for other in range(start, at)
-                if name in lines[other]
-                and _defines(lines[other], name)
-                and _chain(lines, other)[:-1] == outer
-            ]
-        )
-    return result
-
-
 def _assemble(
     lines: Sequence[bytes], chain: Sequence[int], earlier: Sequence[Sequence[int]]
 ) -> ScopeSlice | None:
     pieces: list[bytes] = []
     next_line = 0
     scopes = 1  # the module
-
-    def put(at: int, *put_lines: bytes) -> bool:
-        nonlocal next_line
-        if at < next_line:
-            return False
-        pieces.append(b"\n" * (at - next_line))
-        pieces.extend(put_lines)
-        next_line = at + len(put_lines)
-        return True
-
-    names = _names(lines, chain)
-    first_indent = _indentation(lines[chain[0]])
-    if first_indent:
-        # It stands in a block of the module, which has begun above it.
-        first = min(chain[0], _decorated(lines, chain[0], 0), *earlier[0])
-        if first == 0 or not put(first - 1, b"if 1:\n"):
-            return None
-    for depth, at in enumerate(chain):
+    for depth, (at, name) in enumerate(zip(chain, _names(lines, chain), strict=True)):
+        start = _decorated(lines, at, next_line)
         indent = _indentation(lines[at])
-        for sibling in earlier[depth]:
-            if not put(sibling, b"%bdef %b(): 0\n" % (indent, names[depth])):
-                return None
-            scopes += 1
-        start = _decorated(lines, at, chain[depth - 1] + 1 if depth else 0)
-        if depth == len(chain) - 1:
-            if not put(start):
-                return None
-            body = sum(map(len, pieces))
-            pieces.extend(lines[start:])
-            return ScopeSlice(b"".join(pieces), scopes, at + 1, body)
-        if lines[at].lstrip().startswith(b"class"):
-            done = put(at, b"%bclass %b:\n" % (indent, names[depth]))
-        else:
-            # Its arguments and decorators tell what is an attribute of the instance.
-            header = header_row(lines, at)
-            done = header is not None and put(start, *lines[start : at + header[4]])
-        if not done:
+        # So that it counts as the definition of its name that it is.
+        before = [b"%bdef %b(): 0\n" % (indent, name)] * len(earlier[depth])
+        if indent and depth == 0:
+            before.insert(0, b"if 1:\n")  # it stands in some block of the module
+        if start - len(before) < next_line:
             return None
+        # A line feed could join a carriage return before it.
+        pieces.append(b"\r" * (start - len(before) - next_line))
+        pieces += before
+        scopes += len(earlier[depth])
+        if at == chain[-1]:
+            body = sum(map(len, pieces))
+            pieces += lines[start:]
+            return ScopeSlice(b"".join(pieces), scopes, at + 1, body)
+        # Of the scopes around, arguments and decorators tell what is an attribute of the instance.
+        header = header_row(lines, at)
+        if header is None:
+            return None
+        next_line = at + header[4]
+        pieces += lines[start:next_line]
         scopes += 1
     return None
 
@@ -216,10 +214,13 @@ def _decorated(lines: Sequence[bytes], at: int, first: int) -> int:
 
 
 def header_row(lines: Sequence[bytes], at: int) -> ScopeRow | None:
-    """What the header on a line defines in its scope, as if the text began on that line."""
+    """What the header on a line defines in its scope, as if the text began on that line.
+
+    None if something is wrong with it.
+    """
     text = b"".join(lines[at : at + _kMaxHeaderLines])
     source = SourceScanner(text[len(_indentation(text)) :])
     while not source.scan(1):
         if rows := source.scopes(1, 1):
-            return rows[0]
+            return rows[0] if rows[0][3] == 1 and not source.errors() else None
     return None

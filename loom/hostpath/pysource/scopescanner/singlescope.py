@@ -180,11 +180,11 @@ class CSingleScopePrimaryScanner(CScanner):
         self._fAllRows = ()
         path = path_of_scope(self._fTextName)
         if path is not None and len(data) <= _kMaxSliceBytes:
-            lineno = self._ExpectedLines()[0]
-            if lineno:
+            known = {name: first for name, first, _ in self._KnownLines()}
+            if self._fTextName in known:
                 self._fLines = data.splitlines(keepends=True)
                 yield
-                found = yield from self._SearchSlice(cut_out(self._fLines, path, lineno))
+                found = yield from self._SearchSlice(cut_out(self._fLines, path, known))
         if found is None:
             found = yield from self._SearchWhole(data)
         self._fLines = self._fLines or data.splitlines(keepends=True)
@@ -192,18 +192,13 @@ class CSingleScopePrimaryScanner(CScanner):
             return _OnlyDefLine(found, self._fLines)
         return found
 
-    def _ExpectedLines(self) -> tuple[int, int]:
-        """The lines on which the scope should stand by what is known; (0, 0) if nothing is."""
+    def _KnownLines(self) -> Sequence[tuple[str, int, int]]:
+        """Where scopes stand by what is known: for an open file in its present text, nearly."""
         assert self._fText is not None
         known = self._fText.Analysis()
         if known is not None:
-            scopes = known[0].GetScopeLines()
-        else:
-            scopes = _InfoCache().GetScopeLines(self.fLocation)
-        for name, first, last in scopes:
-            if name == self._fTextName:
-                return first, last
-        return 0, 0
+            return known[0].GetScopeLines()
+        return _InfoCache().GetScopeLines(self.fLocation)
 
     def _SearchSlice(self, piece: ScopeSlice | None) -> Generator[None, None, _Found | None]:
         if piece is None:
@@ -214,11 +209,13 @@ class CSingleScopePrimaryScanner(CScanner):
             yield
             source.scan(_kStepBytes)
         rows = source.scopes()
-        if rows[piece.scope :] and rows[piece.scope][3] == piece.lineno:
-            found = self._Collect(rows, piece.scope, source.errors())
-            if found.rows[0][0] == self._fTextName:
-                return found
-        return None
+        errors = source.errors()
+        if not rows[piece.scope :] or rows[piece.scope][3] != piece.lineno:
+            return None
+        if errors and header_row(self._fLines, piece.lineno - 1) is None:
+            return None  # what a half-typed header means depends on what stands above it
+        found = self._Collect(rows, piece.scope, errors)
+        return found if found.rows[0][0] == self._fTextName else None
 
     def _SearchWhole(self, data: bytes) -> Generator[None, None, _Found | None]:
         self._fUnderWay = source = SourceScanner(data)
