@@ -168,7 +168,10 @@ class NameIndex:
             self._connection.executemany(
                 "DELETE FROM names WHERE name = ? AND file_id = ?"
                 " AND NOT EXISTS(SELECT 1 FROM files WHERE id = ? AND written != ?)",
-                [(name, file_id, file_id, self._last_write(staged, file_id)) for name, file_id in part],
+                [
+                    (name, file_id, file_id, self._last_write(staged, file_id))
+                    for name, file_id in part
+                ],
             )
             yield
 
@@ -176,7 +179,7 @@ class NameIndex:
         """What `files.written` is if nobody but us has written the file."""
         written = self._writing.get(file_id)
         if written is None:
-            written = self._written.get(file_id, staged.files[abs(file_id)])
+            written = self._written.get(file_id, staged.files[file_id])
         return written
 
     def _in_parts(self, statement: str, pairs: list[_Pair]) -> Iterator[None]:

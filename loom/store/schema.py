@@ -10,6 +10,8 @@ files         One row a file. `scans` holds the names of the scans whose results
               `scanner` the version of the scanner (0 for rows from before there were versions).
               `scanned_ns` is when it was scanned, in nanoseconds since the epoch (0 if not known);
               it is for people, and nothing depends on it.
+              `written` is another number each time that the row is written anew, so that a process
+              can tell whether its own write is still the last one.
               `imports` holds import equivalents, joined by ";".
               `error` says what was wrong with the file, and `error_lineno` where, or 0 if it
               couldn't be scanned at all. `indexed` is 1 when all its names stand in `names`.
@@ -124,8 +126,16 @@ CREATE TABLE derived_version(
 ) STRICT;
 """
 
+_kWrites = "ALTER TABLE files ADD COLUMN written INTEGER NOT NULL DEFAULT 0;"
+
 # Each step is a script of statements without transaction control.
-kMigrations: Final[tuple[str, ...]] = (_kFirstTables, _kFreshness, _kWhenScanned, _kDerivedResults)
+kMigrations: Final[tuple[str, ...]] = (
+    _kFirstTables,
+    _kFreshness,
+    _kWhenScanned,
+    _kDerivedResults,
+    _kWrites,
+)
 kSchemaVersion: Final = len(kMigrations)
 
 

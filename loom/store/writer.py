@@ -7,7 +7,8 @@ transaction: until its last one `files.scans` is empty, so that nobody takes it 
 import sqlite3
 from collections.abc import Callable, Iterator, Sequence
 from dataclasses import replace
-from typing import Final
+from random import getrandbits
+from typing import Final, NamedTuple
 
 from loom.store import definitions
 from loom.store.database import transaction
@@ -27,8 +28,23 @@ _kRecoverFiles: Final = 200
 # Memory of a time that waits, in bytes.
 _kTimesMemory: Final = 300
 
-# (file id, names before, names now): what the index has to be told after a transaction.
-_Renamed = tuple[int, Sequence[str] | set[str], Sequence[str] | set[str]]
+
+class _Renamed(NamedTuple):
+    """What the index has to be told of a file after a transaction."""
+
+    file_id: int
+    written: int
+    old: Sequence[str] | set[str]
+    new: Sequence[str] | set[str]
+
+
+class _HalfWritten(NamedTuple):
+    """A file that a transaction left half written: the record, its row, and the rest of the work."""
+
+    record: FileRecord
+    file_id: int
+    written: int
+    steps: Iterator[None]
 
 
 class Writer:
@@ -44,8 +60,9 @@ class Writer:
         # New times of files whose results stay, with the digest that they were found for.
         self._times: dict[str, tuple[bytes, FileTimes]] = {}
         self._memory = 0
-        # The file that a transaction left half written.
-        self._half_written: tuple[FileRecord, Iterator[None]] | None = None
+        self._half_written: _HalfWritten | None = None
+        # Row of the file that is being written, and its number.
+        self._row = (0, 0)
         self._renamed: list[_Renamed] = []
         self._recovered = False
 
@@ -172,8 +189,7 @@ class Writer:
                     and self.derived.write(out_of_time)
                 ):
                     if index_all or self._index.merge_due():
-                        changed = {file_id for file_id, _, _ in self._renamed}
-                        done = self._index.merge(out_of_time, changed)
+                        done = self._index.merge(out_of_time)
                     else:
                         done = True
         except BaseException:
@@ -190,8 +206,8 @@ class Writer:
             self._memory -= _kTimesMemory
         for key in scopes:
             self._memory -= self._added.pop(key).memory()
-        for file_id, old, new in self._renamed:
-            self._index.stage(file_id, old, new)
+        for renamed in self._renamed:
+            self._index.stage(*renamed)
         self._renamed.clear()
         if done and index_all:
             # Staging begins with the commit, so the files of this very call are still to merge.
@@ -209,19 +225,26 @@ class Writer:
             if record is None:
                 self._delete_file(url)
             else:
-                half = self._half_written
-                if half is not None and half[0] is record:
-                    steps = half[1]
+                half, self._half_written = self._half_written, None
+                if half is not None and half.record is record and self._is_last_write(half):
+                    self._row, steps = half[1:3], half.steps
                 else:
                     steps = self._file_steps(record)
                 for _ in steps:
                     if out_of_time():
-                        self._half_written = (record, steps)
+                        self._half_written = _HalfWritten(record, *self._row, steps)
                         return False
             written.append(url)
             if out_of_time():
                 return False
         return True
+
+    def _is_last_write(self, half: _HalfWritten) -> bool:
+        """Whether no other process has written the file, or another one in its row, meanwhile."""
+        row = self._connection.execute(
+            "SELECT written FROM files WHERE id = ?", (half.file_id,)
+        ).fetchone()
+        return row is not None and row[0] == half.written
 
     def _write_times(self, written: list[str], out_of_time: Callable[[], bool]) -> bool:
         execute = self._connection.execute
@@ -245,7 +268,7 @@ class Writer:
         for key, added in self._added.items():
             row = execute("SELECT id FROM files WHERE url = ?", (added.url,)).fetchone()
             if row is None:
-                file_id = self._insert_file(FileRecord(added.url, 0, 0, ""), "")
+                file_id = self._insert_file(FileRecord(added.url, 0, 0, ""), "", getrandbits(62))
             else:
                 (file_id,) = row
             stored = added.stored
@@ -271,18 +294,19 @@ class Writer:
         execute = self._connection.execute
         whole = len(record.scopes) <= _kScopesPerCheck
         scans = record.scans if whole else ""
+        written = getrandbits(62)
         row = execute("SELECT id, indexed FROM files WHERE url = ?", (record.url,)).fetchone()
         if row is None:
-            file_id = self._insert_file(record, scans)
+            file_id = self._insert_file(record, scans, written)
             if record.names:
-                self._renamed.append((file_id, (), record.names))
+                self._renamed.append(_Renamed(file_id, written, (), record.names))
         else:
             file_id, indexed = row
-            self._forget_scopes(file_id, bool(indexed), record.names)
+            self._forget_scopes(file_id, bool(indexed), written, record.names)
             execute(
                 "UPDATE files SET mtime_ns = ?, size = ?, digest = ?, scans = ?, error = ?,"
                 " error_lineno = ?, line_count = ?, definition_count = ?, imports = ?, indexed = ?,"
-                " settled = ?, scanner = ?, scanned_ns = ? WHERE id = ?",
+                " settled = ?, scanner = ?, scanned_ns = ?, written = ? WHERE id = ?",
                 (
                     record.mtime_ns,
                     record.size,
@@ -297,9 +321,12 @@ class Writer:
                     record.settled,
                     record.scanner,
                     record.scanned_ns,
+                    written,
                     file_id,
                 ),
             )
+        self._row = file_id, written
+        self._index.note_write(file_id, written)
         if record.definitions:
             execute("INSERT INTO definitions VALUES(?, ?)", (file_id, record.definitions))
         if whole:
@@ -316,15 +343,15 @@ class Writer:
         ).fetchone()
         if row is not None:
             file_id, indexed = row
-            self._forget_scopes(file_id, bool(indexed), ())
+            self._forget_scopes(file_id, bool(indexed), 0, ())
             self.derived.delete_file(file_id)
             self._connection.execute("DELETE FROM files WHERE id = ?", (file_id,))
 
-    def _insert_file(self, record: FileRecord, scans: str) -> int:
+    def _insert_file(self, record: FileRecord, scans: str, written: int) -> int:
         cursor = self._connection.execute(
             "INSERT INTO files(url, mtime_ns, size, digest, scans, error, error_lineno, line_count,"
-            " definition_count, imports, indexed, settled, scanner, scanned_ns)"
-            " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+            " definition_count, imports, indexed, settled, scanner, scanned_ns, written)"
+            " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
             (
                 record.url,
                 record.mtime_ns,
@@ -340,20 +367,23 @@ class Writer:
                 record.settled,
                 record.scanner,
                 record.scanned_ns,
+                written,
             ),
         )
         assert cursor.lastrowid is not None
         return cursor.lastrowid
 
-    def _forget_scopes(self, file_id: int, indexed: bool, names: Sequence[str]) -> None:
+    def _forget_scopes(
+        self, file_id: int, indexed: bool, written: int, names: Sequence[str]
+    ) -> None:
         """Delete what hangs on a file, and note how its names change."""
         execute = self._connection.execute
         row = execute("SELECT packed FROM definitions WHERE file_id = ?", (file_id,)).fetchone()
         old = definitions.names_in(row[0]) if row is not None else set()
         if not indexed:
             # Whether the old names stand in the index isn't known: let it have them first.
-            self._renamed.append((file_id, (), old))
-        self._renamed.append((file_id, old, names))
+            self._renamed.append(_Renamed(file_id, written, (), old))
+        self._renamed.append(_Renamed(file_id, written, old, names))
         execute("DELETE FROM definitions WHERE file_id = ?", (file_id,))
         execute(
             "DELETE FROM scopes WHERE id BETWEEN ? AND ?",
