@@ -219,9 +219,9 @@ def _executable_of(python: str) -> str:
 
 def _venv_of_project(paths: Sequence[str]) -> tuple[str, str] | None:
     """The environment of the first path's project, and the top of the project."""
-    if not paths:
-        return None
-    start = os.path.abspath(paths[0])
+    start = next((os.path.abspath(path) for path in paths if os.path.exists(path)), None)
+    if start is None:
+        return None  # a path may also be a URL
     folder = start if os.path.isdir(start) else os.path.dirname(start)
     for top in dict.fromkeys((folder, project_top(folder) or folder)):
         for name in _VENV_NAMES:
