@@ -42,6 +42,7 @@ class CInferenceContext:
         self.may_scan = may_scan
         self.needs_scan: set[_Triple] = set()
         self.checked: set[CLocation] = set()
+        self.missing: set[CLocation] = set()  # not scanned when it was looked at
         self.node_depth = 0
         # The files that answers were drawn from, also those that were known already.
         self.consulted: set[CLocation] = set()

@@ -115,8 +115,15 @@ class Records:
             # What the cache has may be of the text before the last change.
             self._scan(ctx, facts, name, name)
             return cache.GetScopeInfo(facts.loc, name)
-        if facts.scanned is None:
-            facts.scanned = self._is_scanned(facts.loc)
+        if not facts.scanned and facts.loc not in ctx.missing:
+            facts.scanned = self._is_scanned(facts.loc) or (
+                # A scan of its own would find the same in a file that is only young.
+                not ctx.may_scan
+                and isinstance(facts.loc, CLocalFileLocation)
+                and cache.HasResultsOf(facts.loc)
+            )
+            if not facts.scanned:
+                ctx.missing.add(facts.loc)
         if facts.scanned or self._scan(ctx, facts, name, _kWholeFile):
             return cache.GetScopeInfo(facts.loc, name)
         return None

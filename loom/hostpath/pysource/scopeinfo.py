@@ -392,6 +392,17 @@ class CInfoCache(CDestroyable):
         """A number that changes whenever what files show to others changes."""
         return self._fWriter.derived.generation
 
+    def HasResultsOf(self, loc: CLocalFileLocation) -> bool:
+        """Whether what is stored of a file is of its present time and size, however young these are."""
+        state = self._States([loc.fUrl]).get(loc.fUrl)
+        if state is None or not state.scans:
+            return False
+        try:
+            status = os.stat(loc.path)
+        except OSError:
+            return False
+        return state.mtime_ns == freshness.mtime_ns_of(status) and state.size == status.st_size
+
     def GetDigest(self, loc: CLocation) -> bytes:
         """The digest of the bytes that the results of a file are of; empty for none."""
         state = self._States([loc.fUrl]).get(loc.fUrl)
