@@ -53,6 +53,8 @@ class ScanSession(CDestroyable):
     and again outside of scans; `failure` is then the exception. An `endless` session doesn't end
     when all is done, and more files may be added to it at any time.
 
+    With `derived`, the derived stage follows for the files at and below the local paths.
+
     `steps` find the files, by default those of a walk of the paths.
 
     Signals: "finished" (session), once; "at-rest" (session) whenever all is done and written.
@@ -66,6 +68,7 @@ class ScanSession(CDestroyable):
         *,
         steps: Generator[Step, None, None] | None = None,
         endless: bool = False,
+        derived: bool = False,
     ) -> None:
         super().__init__(("finished", "at-rest"))
         self.app = app
@@ -90,6 +93,7 @@ class ScanSession(CDestroyable):
         self._last_idle: int | None = None
         self._failures = 0
         app.ana_mgr.fAnalysisFactory.SetScannedFolders(_folders_of(paths))
+        app.info_cache.fLocCache.WantDerivedBelow(paths if derived else ())
         coordinator = app.coordinator
         coordinator.hold_followed()
         coordinator.connect_while_alive("scheduled", self._watch_for_end, self)

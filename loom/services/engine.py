@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from pathlib import Path
 from typing import Final
 
 from loombase.destroyable import CDestroyable
+from loombase.location import CLocation
 
 from loom.mainloop.base import LOW_IDLE_PRIORITY
 from loom.services.locationdata import CLocationDataCache
@@ -19,6 +21,8 @@ __all__ = ["CAnalysisMgr", "kDerivedScanName", "kPrimaryScanName"]
 # Neither occurs inside the other: the info cache reports several of them in one text.
 kPrimaryScanName: Final = "primary"
 kDerivedScanName: Final = "derived"
+
+_kWholeFile: Final = "*"
 
 _kScansToOrder: Final = {kPrimaryScanName: 0, kDerivedScanName: 1}
 
@@ -50,11 +54,19 @@ class CAnalysisMgr(CDestroyable):
         self.fInferenceEngine = CInferenceEngine(self.fInfoCache)
         self.fScanCoordinator = coordinator_class(LOW_IDLE_PRIORITY, self)
         self.fScanCoordinator._fScanQueue.SetScansToOrder(_kScansToOrder)
+        self.fInfoCache.connect_while_alive("derived-stale", self._CB_DerivedStale, self)
 
     def SetHelperProxy(self, proxy: object | None) -> None:
         """A helper process has come, or with none, the last one has gone: the work moves."""
         self.fHelperProcessProxy = proxy
         self.fScanCoordinator._UpdateForHelperProcess()
+
+    def _CB_DerivedStale(self, info_cache: CInfoCache, locs: Sequence[CLocation]) -> None:
+        """What files were drawn from has changed: derive them anew."""
+        wanted = [loc for loc in locs if info_cache.fLocCache.WantDerivedInfo(loc)]
+        if wanted:
+            self.fScanCoordinator.ClearLastScanInfo(wanted)
+            info_cache.AddNeedsScan({(loc, _kWholeFile, self.fDerivedScanName) for loc in wanted})
 
     def _destroy_impl(self) -> None:
         if self._fHelperProcessSupport is not None:

@@ -12,6 +12,7 @@ from .base import (
     kWaitingForData,
 )
 from .instances import CreateClassInstInfo
+from .derived import CSingleScopeSecondaryScanner, CWholeFileSecondaryScanner
 from .singlescope import CSingleScopePrimaryScanner
 from .wholefile import CWholeFilePrimaryScanner, ScopesOfLines
 
@@ -19,7 +20,9 @@ __all__ = [
     "CScanState",
     "CScanner",
     "CSingleScopePrimaryScanner",
+    "CSingleScopeSecondaryScanner",
     "CWholeFilePrimaryScanner",
+    "CWholeFileSecondaryScanner",
     "CreateClassInstInfo",
     "ScopesOfLines",
     "kFinishedScanning",

@@ -1,0 +1,229 @@
+"""The scanners of the second stage: what the names of a file mean in other files."""
+
+from __future__ import annotations
+
+import logging
+from collections.abc import Callable, Generator, Iterable
+from typing import TYPE_CHECKING, Final
+
+import singleton
+from loombase.location import CLocalFileLocation, CLocation, CSshFileLocation
+from pysource import _fastaccess
+
+from loom._pyscan import SourceScanner
+from loom.derive.deriver import Deriver
+from loom.derive.facts import Namer, pack
+from loom.sourcetext import SourceError, SourceText, decode_source
+from loom.store.derived import DerivedRecord, key_of_file
+
+from .base import (
+    CScanner,
+    CScanState,
+    ScanSteps,
+    kFinishedScanning,
+    kScanAbandoned,
+    kWaitingForData,
+)
+from .scantext import ScanText
+from .wholefile import ItemsInParts
+
+if TYPE_CHECKING:
+    from loom.infer.context import CInferenceContext
+    from pysource.scopeinfo import CInfoCache, CScopeInfo
+
+__all__ = ["CSingleScopeSecondaryScanner", "CWholeFileSecondaryScanner"]
+
+_log = logging.getLogger("loom.scan")
+
+# (location, scope name, scan name)
+_Triple = tuple[CLocation, str, str]
+
+_kWholeFile: Final = "*"
+_kStepBytes: Final = 64 * 1024
+_kGroupsPerStep: Final = 4000
+
+# How often a question is asked that the end of a slice cut off, and how often the whole scan begins
+# again because files changed meanwhile. What is cut off in a slice of its own stays open.
+_kMostTries: Final = 2
+_kMostRounds: Final = 3
+
+
+class CWholeFileSecondaryScanner(CScanner):
+    """Derives from the results of primary scans what a file's names mean, and stores it.
+
+    Files that it lacks the primary results of are asked for once, by "needs-scan-added" of the info
+    cache; what is missing after that stays open. Abandoned if the file isn't as its own primary scan
+    saw it: that one has to come first, and brings this one along.
+    """
+
+    def __init__(
+        self,
+        loc: CLocalFileLocation | CSshFileLocation,
+        scan_name: str,
+        log: Callable[..., object],
+    ) -> None:
+        self._fScanName = scan_name
+        self._fEndTime = 0.0
+        self._fContext: CInferenceContext | None = None
+        self._fAsked: set[_Triple] = set()
+        super().__init__(loc, log)
+
+    def Scan(self, end_time: float) -> CScanState:
+        self._fEndTime = end_time
+        self._fContext = None
+        try:
+            return super().Scan(end_time)
+        finally:
+            self._fContext = None
+
+    def FilterNeedsScan(self, needs_scan_added: Iterable[_Triple]) -> list[_Triple]:
+        """The scans among those asked for that this one doesn't make needless: its own file's."""
+        return [
+            (loc, scope_name, scan_name)
+            for loc, scope_name, scan_name in needs_scan_added
+            if scan_name != self._fScanName or loc != self.fLocation
+        ]
+
+    def _ScanInSteps(self) -> ScanSteps:
+        try:
+            return (yield from self._ScanWhole())
+        except SourceError as error:
+            self.fFileDoesntExist = error.gone
+            self.fLog("Abandoned secondary whole file scan: %r: %s", self.fLocation, error)
+        except Exception as error:
+            # A fault of ours, and no reason to stop the others.
+            _log.exception("derived scan of %r failed", self.fLocation)
+            self.fLog("Abandoned secondary whole file scan: %r: %s", self.fLocation, error)
+        return kScanAbandoned
+
+    def _ScanWhole(self) -> ScanSteps:
+        text = SourceText()
+        if ScanText(self.fLocation, text).unsaved:
+            return kScanAbandoned  # once it is saved
+        yield from self._ReadSource(text)
+        cache = _InfoCache()
+        if not text.digest or cache.GetDigest(self.fLocation) != text.digest:
+            self._AskFor({(self.fLocation, _kWholeFile, _PrimaryScanName())})
+            return kScanAbandoned
+        digest = text.digest
+        yield from decode_source(text)
+        source = SourceScanner(text.data, uses=True)
+        while not source.scan(_kStepBytes):
+            yield None
+        used, star_names = yield from _NamesOf(source)
+        rows = yield from ItemsInParts(source.scopes, "scopes")
+        for _ in range(_kMostRounds):
+            generation = cache.fDerivedGeneration
+            deriver = Deriver(self.fLocation, rows, star_names, _Namer())
+            keys = yield from self._AskAll(deriver)
+            if cache.fDerivedGeneration == generation:
+                break
+        for targets in deriver.facts.imports.values():
+            # Other names that lead to what is used here under its own.
+            used.update(target.rpartition(".")[2].rpartition(":")[2] for target in targets)
+        used.discard("")
+        if cache.GetDigest(self.fLocation) != digest:
+            return kScanAbandoned
+        cache.AddDerived(
+            DerivedRecord(
+                self.fLocation.fUrl, digest, pack(deriver.facts), used, frozenset(keys)
+            )
+        )
+        return kFinishedScanning
+
+    def _AskAll(self, deriver: Deriver) -> Generator[CScanState | None, None, set[int]]:
+        """Ask all questions, and once more if files had to be scanned for them; returns the keys."""
+        while True:
+            consulted: set[CLocation] = set()
+            needed: set[_Triple] = set()
+            for question in deriver.questions():
+                if question is not None:
+                    for tries in range(1, _kMostTries + 1):
+                        context = self._Context()
+                        context.consulted.clear()
+                        question(context)
+                        needed |= context.needs_scan
+                        consulted |= context.consulted
+                        if tries == _kMostTries or not context.OutOfTime():
+                            break
+                        yield None
+                if _fastaccess.OutOfTime(self._fEndTime):
+                    yield None
+            if not self._AskFor(needed - self._fAsked):
+                consulted.discard(self.fLocation)
+                return deriver.keys | {key_of_file(loc.fUrl) for loc in consulted}
+            yield kWaitingForData  # for those scans, which come before this one
+
+    def _AskFor(self, needed: set[_Triple]) -> bool:
+        """Have scans done that are needed here; false if there are none."""
+        manager = singleton.GetSingletons().fAnalysisMgr
+        others = {triple for triple in needed if triple[0] != self.fLocation}
+        if others and not manager.fScanCoordinator._fAnalyzeFoundImports:
+            needed = needed - others  # no other files are wanted
+        if not needed:
+            return False
+        self._fAsked |= needed
+        if others:
+            manager.emit("files-followed", [loc for loc, _, _ in others])
+        manager.fInfoCache.AddNeedsScan(needed)
+        return True
+
+    def _Context(self) -> CInferenceContext:
+        """The context of this slice."""
+        if self._fContext is None or self._fContext.fEndTime != self._fEndTime:
+            engine = singleton.GetSingletons().fAnalysisMgr.fInferenceEngine
+            self._fContext = engine.NewContext(self._fEndTime, may_scan=False)
+        return self._fContext
+
+
+class CSingleScopeSecondaryScanner(CWholeFileSecondaryScanner):
+    """Derives what the file of one scope needs, that scope among it.
+
+    What a scope means depends on its file, and is stored with it.
+    """
+
+    def __init__(
+        self, info: CScopeInfo, log: Callable[..., object], unused: None, ana_mgr: object
+    ) -> None:
+        self.fInfo = info
+        loc = info.key.loc
+        assert isinstance(loc, CLocalFileLocation | CSshFileLocation)
+        super().__init__(loc, _DerivedScanName(), log)
+
+
+def _NamesOf(source: SourceScanner) -> Generator[None, None, tuple[set[str], list[str]]]:
+    """All names that are used, parts of dotted ones by themselves, and those bound nowhere."""
+    used: set[str] = set()
+    unbound: dict[str, None] = {}
+    for first in range(0, source.used_groups, _kGroupsPerStep):
+        for home, text, _ in source.used(first, _kGroupsPerStep):
+            if "." in text or " " in text:
+                parts = text.replace(" ", ".").split(".")
+                used.update(parts)
+                if home == -1:
+                    unbound[parts[0]] = None
+            else:
+                used.add(text)
+                if home == -1:
+                    unbound[text] = None
+        yield None
+    return used, list(unbound)
+
+
+def _InfoCache() -> CInfoCache:
+    cache: CInfoCache = singleton.GetSingletons().fAnalysisMgr.fInfoCache
+    return cache
+
+
+def _Namer() -> Namer:
+    return Namer(singleton.GetSingletons().fAnalysisMgr.fAnalysisFactory)
+
+
+def _PrimaryScanName() -> str:
+    name: str = singleton.GetSingletons().fAnalysisMgr.fPrimaryScanName
+    return name
+
+
+def _DerivedScanName() -> str:
+    name: str = singleton.GetSingletons().fAnalysisMgr.fDerivedScanName
+    return name
