@@ -75,7 +75,8 @@ class RemoteServer(CRemoteServerManager):
         self._fail_idle: int | None = None
         self._timer: int | None = None
         self._silent_beats = 0
-        self._down_since: float | None = None  # none once it has answered
+        # None once it has answered. Counted by timers and not by the clock, see `_BEATS`.
+        self._down_seconds: float | None = None
         self._given_up_at = 0.0
         self._pause = patience.first_retry
         self._has_worked = False
@@ -142,12 +143,13 @@ class RemoteServer(CRemoteServerManager):
     def heard(self, transport: Transport) -> None:
         if transport is self._transport:
             self._silent_beats = 0
+            self._down_seconds = None
 
     def answered(self, transport: Transport, request: Request, outcome: Outcome) -> None:
         if transport is not self._transport or request not in self._under_way:
             return
         self._silent_beats = 0
-        self._down_since = None
+        self._down_seconds = None
         self._has_worked = True
         self._pause = self._patience.first_retry
         self._end(request)
@@ -176,8 +178,8 @@ class RemoteServer(CRemoteServerManager):
         self._ease()
 
     def _connect(self) -> None:
-        if self._down_since is None:
-            self._down_since = lgtk.GetMainLoop().now()
+        if self._down_seconds is None:
+            self._down_seconds = 0.0
         self._watch(self._patience.connect)
         self._transport = self._make(self.name, self)
         self._set_phase(ServerPhase.CONNECTING)
@@ -221,19 +223,20 @@ class RemoteServer(CRemoteServerManager):
         self._transport = None
         self._unwatch()
         self.failure = str(failure)
-        if self._down_since is None:
-            self._down_since = lgtk.GetMainLoop().now() - silent_seconds
+        if self._down_seconds is None:
+            self._down_seconds = silent_seconds
         self._take_back(was_connected)
         hopeless = failure.lasting or (failure.refused and not self._has_worked)
         if hopeless or self._seconds_left() <= 0:
             self._give_up()
         elif self._questions or self._reads:
             # Not beyond the time at which the last try is due.
-            self._start_timer(min(self._pause, self._seconds_left()), self._retry)
+            pause = min(self._pause, self._seconds_left())
+            self._start_timer(pause, lambda: self._retry(pause))
             self._pause = min(2 * self._pause, self._patience.last_retry)
             self._set_phase(ServerPhase.PAUSED)
         else:
-            self._down_since = None  # nobody wants it
+            self._down_seconds = None  # nobody wants it
             self._set_phase(ServerPhase.IDLE)
         if was_connected:
             self.ServerStopped()
@@ -260,15 +263,17 @@ class RemoteServer(CRemoteServerManager):
                 self._questions.remove(suspect)
             self._fail(suspect, RemoteError(tries))
 
-    def _retry(self) -> bool:
+    def _retry(self, pause: float) -> bool:
         self._timer = None
+        if self._down_seconds is not None:
+            self._down_seconds += pause
         self._set_phase(ServerPhase.IDLE)
         self._go_on()
         return False
 
     def _give_up(self) -> None:
         self._given_up_at = lgtk.GetMainLoop().now()
-        self._down_since = None
+        self._down_seconds = None
         self._pause = self._patience.first_retry
         error = self._error()
         for queue in (self._questions, self._reads):
@@ -278,8 +283,8 @@ class RemoteServer(CRemoteServerManager):
 
     def _seconds_left(self) -> float:
         """How long to go on hoping. Requires: it is down."""
-        assert self._down_since is not None
-        return self._down_since + self._patience.give_up - lgtk.GetMainLoop().now()
+        assert self._down_seconds is not None
+        return self._patience.give_up - self._down_seconds
 
     def _set_phase(self, phase: ServerPhase) -> None:
         self.phase = phase
@@ -329,10 +334,13 @@ class RemoteServer(CRemoteServerManager):
     def _beat(self, seconds: float) -> bool:
         if self.phase is ServerPhase.CONNECTED and not self._under_way:
             self._timer = None
-            self._down_since = None
+            self._down_seconds = None
             return False  # nobody waits for anything
         self._silent_beats += 1
-        out_of_time = self._down_since is not None and self._seconds_left() <= 0
+        out_of_time = False
+        if self._down_seconds is not None:
+            self._down_seconds += seconds / _BEATS
+            out_of_time = self._seconds_left() <= 0
         if self._silent_beats < _BEATS and not out_of_time:
             return True
         what = "answer" if self.phase is ServerPhase.CONNECTED else "connection"
