@@ -87,6 +87,8 @@ class Follower(CDestroyable):
         self._files: dict[str, None] = {}
         self._gone: set[str] = set()
         self._walks: set[str] = set()
+        # Folders as they were followed until a moment ago, for a walk that comes to their place.
+        self._dropped: dict[str, Folder] = {}
         # Files that changed after a scan that is under way had begun.
         self._again: set[CLocation] = set()
         self._found: list[CLocation] = []
@@ -279,6 +281,7 @@ class Follower(CDestroyable):
     def _all_steps(self) -> Iterator[None]:
         while (steps := self._next_steps()) is not None:
             yield from steps
+        self._dropped.clear()
 
     def _next_steps(self) -> Iterator[None] | None:
         if self._gone:
@@ -360,6 +363,7 @@ class Follower(CDestroyable):
             folder = self.tree.get(path)
             if folder is None:
                 continue
+            self._dropped |= self.tree.copies_below(path)
             for each in self.tree.remove(path):
                 if self.source is not None:
                     self.source.unwatch(each)
@@ -407,7 +411,9 @@ class Follower(CDestroyable):
             root, rules = parent.root, parent.rules
         else:
             return
-        before = self.tree.copies_below(path)
+        start = path.rstrip("/") + "/"
+        before = {each: old for each, old in self._dropped.items() if f"{each}/".startswith(start)}
+        before |= self.tree.copies_below(path)
         found: set[str] = set()
         entered: set[str] = set()
         for step in walk_below(path, root, rules, self._exclude, self.tree.named_files):
