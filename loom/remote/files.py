@@ -65,8 +65,10 @@ class _Group:
 class RemoteFiles(CDestroyable):
     """What is known of remote files, and one `RemoteServer` for each server that was asked.
 
-    What was found of a location is known for as long as somebody holds the location, and until
-    its connection is lost: a file may be another one when the server is back.
+    What was found of a location is known for as long as somebody holds the location. What was found
+    of a file doesn't hold any more when its connection is lost: it may be another one when the
+    server is back. Folders aren't asked for their times; that they are there, as those around
+    any file that is, holds on.
 
     Signals, all with a set of locations: "inspected", "inspect-failed" because the server was given
     up; "forgotten", when what was found doesn't hold any more. "server-changed" (server) when a
@@ -112,6 +114,11 @@ class RemoteFiles(CDestroyable):
         if self._states.get(loc) is None:
             self._tell_soon(loc, self._news)
         self._states[loc] = state
+        if state.kind not in (CFileKind.ABSENT, CFileKind.CLOSED):
+            parent = loc.GetParentDir()
+            while parent not in self._states:
+                self._states[parent] = CFileState(CFileKind.FOLDER)
+                parent = parent.GetParentDir()
 
     def want(self, loc: CSshFileLocation) -> None:
         """Have a location inspected, if it isn't being inspected already."""
@@ -211,9 +218,11 @@ class RemoteFiles(CDestroyable):
         return False
 
     def forget(self, server: RemoteServer | None = None) -> None:
-        """Forget what was found on one server, or on all."""
+        """Forget what was found of the files of one server, or of all."""
         gone = {
-            loc for loc in list(self._states) if server is None or loc.server == server.name
+            loc
+            for loc, state in list(self._states.items())
+            if state.kind is not CFileKind.FOLDER and (server is None or loc.server == server.name)
         }
         for loc in gone:
             self._states.pop(loc, None)

@@ -51,12 +51,14 @@ class CSshFileLocation(CLocation):
     the path percent-encoded. A URL that names the default port and one that names none are two.
     """
 
-    __slots__ = ("server", "path", "_url")
+    __slots__ = ("server", "path", "_parent", "_url")
 
     fAsyncInspect = True
 
     server: CServerName
     path: str
+    # Held, so that what is known of the folders around a file lasts as long as the file does.
+    _parent: CSshFileLocation | None
     _url: str | None
 
     def __new__(cls, server: CServerName, path: str) -> Self:
@@ -79,6 +81,7 @@ class CSshFileLocation(CLocation):
         self = super().__new__(cls)
         self.server = server
         self.path = path
+        self._parent = None
         self._url = None
         _interned[server, path] = self
         return self
@@ -115,7 +118,10 @@ class CSshFileLocation(CLocation):
     def fUrl(self) -> str:
         """The percent-encoded "ssh:" URL."""
         if self._url is None:
-            self._url = str(self.server) + quote_from_bytes(self.fBytesPath)
+            path = quote_from_bytes(self.fBytesPath)
+            if path.startswith("/~"):
+                path = "/%7E" + path[2:]  # a folder of that name, and nobody's home
+            self._url = str(self.server) + path
         return self._url
 
     @property
@@ -124,7 +130,11 @@ class CSshFileLocation(CLocation):
         return self.path.encode("utf-8", "surrogateescape")
 
     def GetParentDir(self) -> CSshFileLocation:
-        return self._OfNormal(self.server, posixpath.dirname(self.path))
+        if self.path == "/":
+            return self
+        if self._parent is None:
+            self._parent = self._OfNormal(self.server, posixpath.dirname(self.path))
+        return self._parent
 
     def Child(self, name: str) -> CSshFileLocation:
         """What lies in this folder under `name`, which is one name and no path."""
