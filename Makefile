@@ -8,7 +8,7 @@ MAKEFLAGS += --no-builtin-rules --no-print-directory
 BIN := .venv/bin
 
 .DEFAULT_GOAL := help
-.PHONY: help demo test sanitize format format-check stubs fuzz bench-queue bench-scan bench-text \
+.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-queue bench-scan bench-text \
         install venv venv-dev clean
 
 help:
@@ -16,6 +16,7 @@ help:
 	@echo "make test          build, then run all tests, under python and python -O"
 	@echo "make sanitize      run the tests of the C++ code under ASan and UBSan"
 	@echo "make stubs         check the type stubs against the modules, and the types of loom"
+	@echo "make examples      run the examples, and the main loops for Qt and GLib"
 	@echo "make format        format the C++ sources; make format-check only looks"
 	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers"
 	@echo "make fuzz          look for inputs that break what walks text (needs clang++)"
@@ -41,6 +42,12 @@ test: venv-dev
 sanitize: venv-dev
 	@scripts/check_toolchain.sh --tests --sanitize
 	@scripts/run_sanitized.sh
+
+examples: venv-dev
+	@scripts/check_toolchain.sh --toolkits
+	@scripts/setup_venv.sh toolkits
+	@scripts/install.sh
+	@scripts/run_examples.sh
 
 stubs: venv-dev
 	@scripts/install.sh

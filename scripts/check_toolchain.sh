@@ -1,7 +1,7 @@
 #!/bin/sh
 # Say in one line what the C++ build lacks on this machine, with the Debian package to install.
 #
-#   scripts/check_toolchain.sh [--tests] [--sanitize]
+#   scripts/check_toolchain.sh [--tests] [--sanitize] [--toolkits]
 set -u
 
 work=$(mktemp -d) || exit 1
@@ -37,6 +37,10 @@ for option in "$@"; do
       # Python itself isn't instrumented, so the runtime is preloaded, and that is named as g++ does.
       [ -e "$("$cxx" -print-file-name=libasan.so)" ] ||
         fail "$cxx has no libasan.so to preload; the sanitized tests need g++: apt-get install g++"
+      ;;
+    --toolkits)
+      pkg-config --exists gobject-introspection-1.0 cairo 2>/dev/null ||
+        fail "PyGObject can't be built; apt-get install pkg-config libgirepository1.0-dev libcairo2-dev"
       ;;
     *) fail "unknown option $option" ;;
   esac
