@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING, Final
 from pysource.symbolinfo import ParentScopeName
 
 from loom.infer import hints, evaluate, modules
-from loom.infer.parts import DefPart, HintPart, Part, TypeParamPart, parse_call
+from loom.infer.parts import DefPart, ExprPart, HintPart, Part, TypeParamPart, parse_call
 from loom.infer.values import (
     Class,
     Instance,
@@ -199,8 +199,11 @@ def instance_attribute(
         parts = record.parts(name) if record is not None else ()
         if parts and not all(isinstance(part, TypeParamPart) for part in parts):
             symbol = Symbol(cls.loc, cls.scope_name, name, parts)
-            # A property that methods assign to, or an annotated name, has the word.
-            first = any(isinstance(part, DefPart | HintPart) for part in parts)
+            # A property has the word, and a default; where the value comes from, otherwise.
+            first = any(isinstance(part, DefPart) for part in parts) or (
+                any(isinstance(part, HintPart) for part in parts)
+                and any(isinstance(part, ExprPart) for part in parts)
+            )
             found.insert(0 if first else len(found), symbol)
         if found:
             return cls, tuple(found)

@@ -78,6 +78,8 @@ class _Search:
         self.line, self.column = statement.position(line, column)
         self.binders: list[Binder] = []
         self.scope_name = source.scope_at(statement.first)
+        # Where the text of the literal begins that is being looked into.
+        self.quoted_at: tuple[int, int] | None = None
 
     def spot(self) -> Spot | None:
         assert self.statement.tree is not None
@@ -117,6 +119,8 @@ class _Search:
         module: str = "",
         binding: str = "",
     ) -> Spot:
+        if self.quoted_at is not None:
+            line, column = self.quoted_at[0], self.quoted_at[1] + column
         line, column = self.statement.file_position(line, column)
         binders = tuple(self.binders)
         return Spot(
@@ -149,7 +153,10 @@ class _Search:
             case ast.arg():
                 if self.on(node.lineno, node.col_offset, node.arg):
                     return self.make("binding", node.arg, node.lineno, node.col_offset)
-                return self.among(ast.iter_child_nodes(node))
+                return None
+            case ast.AnnAssign():
+                found = self.among(iter([node.target, *_present([node.value])]))
+                return found or self.annotation(node.annotation)
             case ast.Global() | ast.Nonlocal():
                 return self.word("outer", node.names)
             case ast.ExceptHandler() | ast.MatchAs() | ast.MatchStar():
@@ -164,6 +171,33 @@ class _Search:
             case _:
                 return self.among(ast.iter_child_nodes(node))
         return found
+
+    def annotation(self, node: ast.expr) -> Spot | None:
+        """An annotation, or a part of it, that may be quoted."""
+        found = self.among(iter([node]))
+        if found is not None:
+            return found
+        for each in ast.walk(node):
+            if isinstance(each, ast.Constant) and isinstance(each.value, str):
+                if self.may_hold(each) and each.lineno == each.end_lineno:
+                    return self.quoted(each, each.value)
+        return None
+
+    def quoted(self, node: ast.Constant, text: str) -> Spot | None:
+        """What stands in a literal that holds an expression as it is."""
+        inner = parse_expression(text)
+        quotes = (node.end_col_offset or 0) - node.col_offset - len(text.encode())
+        if inner is None or quotes not in (2, 6):
+            return None  # with a prefix or an escape positions don't fit
+        place = self.line, self.column
+        start = node.col_offset + quotes // 2
+        self.quoted_at = node.lineno, start
+        self.line, self.column = 1, self.column - start
+        try:
+            return self.among(iter([inner]))
+        finally:
+            self.quoted_at = None
+            self.line, self.column = place
 
     def word(self, kind: str, names: list[str]) -> Spot | None:
         """One of some names that have no node of their own, if the position is on it."""
@@ -228,9 +262,11 @@ class _Search:
         else:
             args = _all_args(node.args)
             outside = [*node.args.defaults, *_present(node.args.kw_defaults)]
-            outside += [arg.annotation for arg in args if arg.annotation is not None]
-            outside += [node.returns] if node.returns is not None else []
             inside = [*args]
+            for hint in _present([*(arg.annotation for arg in args), node.returns]):
+                found = self.annotation(hint)
+                if found is not None:
+                    return found
         found = self.among(iter(outside))
         if found is not None:
             return found

@@ -13,7 +13,7 @@ from pysource.symbolinfo import ParentScopeName
 from loom.infer import attributes, bindings, calls, classes, evaluate, modules, names
 from loom.infer.cursor import Spot, bound_names, spot_at
 from loom.infer.parts import ImportPart
-from loom.infer.places import Place, Use, places_of, word_of
+from loom.infer.places import Place, Use, places_of, sources_first, word_of
 from loom.infer.sources import SourceFile
 from loom.infer.values import Class, Function, Instance, Symbol, Target, Values
 
@@ -56,7 +56,7 @@ def definitions_at(
     if spot is None:
         return Answer("", (), False)
     finder = _Finder(context, source, spot, stop_at_import)
-    return Answer(spot.name, tuple(dict.fromkeys(finder.places())), context.partial)
+    return Answer(spot.name, sources_first(finder.places()), context.partial)
 
 
 class _Finder:

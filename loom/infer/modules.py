@@ -23,6 +23,9 @@ __all__ = [
     "imported",
     "module_attribute",
     "module_of",
+    "name_in_file",
+    "submodule",
+    "with_source",
 ]
 
 _kStar = "*"
@@ -116,6 +119,23 @@ def submodule(ctx: CInferenceContext, module: Module, name: str) -> Module | Non
     if found is None and module.source is not None:
         found = find_module(ctx, dotted, module.source.GetParentDir())
     return found
+
+
+def with_source(ctx: CInferenceContext, module: Module) -> Module:
+    """The module itself if its source is known; else what its package's source calls so.
+
+    The stub of `os.path` is one file, for instance, its source that of another module.
+    """
+    package, _, name = module.name.rpartition(".")
+    if not package or not all(loc.fUrl.endswith(".pyi") for loc in module.locs):
+        return module
+    around = find_module(ctx, package, module.dirloc)
+    for loc in around.locs if around is not None else ():
+        found = None if loc.fUrl.endswith(".pyi") else name_in_file(ctx, loc, name, True)
+        for target in () if found is None else follow(ctx, found, source_first=True):
+            if isinstance(target, Module) and target.locs:
+                return target
+    return module
 
 
 def _exports(ctx: CInferenceContext, module: Module, name: str) -> bool:

@@ -48,7 +48,10 @@ def _lookup(ctx: CInferenceContext, loc: CLocation, scope_name: str, name: str) 
             outer = _outer(parts)
             if outer is not None:
                 if outer.is_global:
-                    break
+                    found = modules.name_in_file(ctx, loc, name)
+                    # A name that functions alone bind is still one of the module.
+                    own = any(not isinstance(part, OuterPart) for part in parts)
+                    return found or (Symbol(loc, current, name, parts) if own else None)
                 functions_only = True
             elif not is_class or (innermost and not functions_only) or _is_type_param(parts):
                 return Symbol(loc, current, name, parts)
@@ -57,12 +60,10 @@ def _lookup(ctx: CInferenceContext, loc: CLocation, scope_name: str, name: str) 
     found = modules.name_in_file(ctx, loc, name)
     if found is not None:
         return found
-    own = modules.builtins(ctx)
-    if own is None or loc in own.locs:
+    module = modules.builtins(ctx)
+    if module is None or loc in module.locs or name in _kModuleNames:
         return None
-    if name in _kModuleNames:
-        return None
-    found = modules.module_attribute(ctx, own, name)
+    found = modules.module_attribute(ctx, module, name)
     return found if isinstance(found, Symbol) else None
 
 

@@ -4,13 +4,14 @@ from __future__ import annotations
 
 import ast
 import re
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterable, Iterator, Sequence
 from dataclasses import dataclass
 from typing import TYPE_CHECKING, Final
 
 from loombase.location import CLocation
 
-from loom.infer import counterparts
+from loom.infer import counterparts, modules
+from loom.infer.branches import other_branches
 from loom.infer.parts import ArgPart, DefPart, ImportPart
 from loom.infer.sources import SourceFile
 from loom.infer.statements import statement_at
@@ -19,7 +20,7 @@ from loom.infer.values import Module, Symbol, Target
 if TYPE_CHECKING:
     from loom.infer.context import CInferenceContext
 
-__all__ = ["Place", "Use", "name_column", "places_of", "word_of"]
+__all__ = ["Place", "Use", "name_column", "places_of", "sources_first", "word_of"]
 
 _kWords: Final = {
     "=": "variable",
@@ -77,8 +78,9 @@ def places_of(
 ) -> tuple[Place, ...]:
     """Where a target is bound, the likeliest place first; in the source if it has one."""
     if isinstance(target, Module):
-        loc = target.source
-        return () if loc is None else (Place(loc, "", target.name, 1, 0, "module"),)
+        module = modules.with_source(ctx, target)
+        loc = module.source
+        return () if loc is None else (Place(loc, "", module.name, 1, 0, "module"),)
     found: dict[Place, None] = {}
     for each in counterparts.source_target(ctx, target):
         if isinstance(each, Module):
@@ -86,6 +88,11 @@ def places_of(
         else:
             found.update(dict.fromkeys(_symbol_places(ctx, each, use)))
     return tuple(found)
+
+
+def sources_first(places: Iterable[Place]) -> tuple[Place, ...]:
+    """Each place once, those in stubs behind the others."""
+    return tuple(sorted(dict.fromkeys(places), key=lambda p: counterparts.is_stub(p.loc)))
 
 
 def _symbol_places(
@@ -104,7 +111,7 @@ def _symbol_places(
         for site in source.bindings(symbol.scope_name, symbol.name)
         if site[1] not in _kNoBindings
     ]
-    for line, kind in _ordered(symbol, sites, use):
+    for line, kind in _ordered(symbol, _telling(symbol, sites, use), source, use):
         column = name_column(source, line, leaf, kind)
         word = "attribute" if symbol.name != leaf else word_of(kind)
         yield Place(symbol.loc, symbol.scope_name, leaf, line, column, word)
@@ -125,22 +132,45 @@ def _word(symbol: Symbol, part: object) -> str:
     return "attribute" if "." in symbol.name else "variable"
 
 
-def _ordered(
+def _is_inside(symbol: Symbol, use: Use | None) -> bool:
+    return use is not None and (use.loc, use.scope_name) == (symbol.loc, symbol.scope_name)
+
+
+def _telling(
     symbol: Symbol, sites: Sequence[tuple[int, str]], use: Use | None
+) -> Sequence[tuple[int, str]]:
+    """The bindings that say what a name is.
+
+    Seen from outside of its function, an argument is one whatever is assigned to it later. An import
+    stands for what it brings; where that was found, other bindings are left.
+    """
+    if not _is_inside(symbol, use):
+        arguments = [site for site in sites if site[1] == "r"]
+        if arguments:
+            return arguments
+    others = [site for site in sites if site[1] not in "if"]
+    return others or sites
+
+
+def _ordered(
+    symbol: Symbol, sites: Sequence[tuple[int, str]], source: SourceFile, use: Use | None
 ) -> list[tuple[int, str]]:
     """Bindings by how likely a use means them.
 
-    In the scope of the use these are the ones before it, the nearest first. Elsewhere the last one
-    has the word; of an instance's attribute the first, and of a property its getter.
+    In the scope of the use these are the ones before it, the nearest first, but for those in other
+    branches of the same statement. Elsewhere the last one has the word; of an instance's attribute
+    the first, and of a property its getter.
     """
     by_line = dict(reversed([(line, kind) for line, kind in sites]))  # the first kind on a line
     ordered = sorted(by_line.items())
     if symbol.name.startswith("self."):
         return ordered
-    if use is not None and (use.loc, use.scope_name) == (symbol.loc, symbol.scope_name):
-        before = [site for site in ordered if site[0] < use.line]
-        behind = [site for site in ordered if site[0] >= use.line]
-        return before[::-1] + behind
+    if use is not None and _is_inside(symbol, use):
+        before = [site for site in reversed(ordered) if site[0] < use.line]
+        if len(before) > 1:
+            elsewhere = other_branches(source, use.line)
+            before.sort(key=lambda site: any(first <= site[0] <= last for first, last in elsewhere))
+        return before + [site for site in ordered if site[0] >= use.line]
     if _is_property(symbol):
         return ordered
     return ordered[::-1]

@@ -66,7 +66,6 @@ def _value_text(value: Value, depth: int) -> str:
             return "super"
         case Special():
             return value.name
-    return ""
 
 
 def signature(ctx: CInferenceContext, loc: CLocation, scope_name: str) -> str:
