@@ -156,8 +156,10 @@ class CCacheMgr(CDestroyable):
     def _Scan(self, loc: CLocation, scope_names: Iterable[str]) -> None:
         ana_mgr = GetSingletons().fAnalysisMgr
         if ana_mgr is not None:
+            coordinator = ana_mgr.fScanCoordinator
+            coordinator.ClearLastScanInfo([loc])  # it has another text than was scanned last
             pairs = [(loc, name) for name in scope_names]
-            ana_mgr.fScanCoordinator.AddPairsToPrimaryQueue(pairs, first=True)
+            coordinator.AddPairsToPrimaryQueue(pairs, first=True)
 
     def _destroy_impl(self) -> None:
         for thing in (*self._analyses.values(), *self._buffers.values()):

@@ -48,8 +48,7 @@ class CTextCache(CDestroyable):
 
     def SetText(self, text: str) -> None:
         """Replace the text by an edited one. The same text again is no change."""
-        start, end, replacement = _Difference(self._text, text)
-        self.Replace(start, end, replacement)
+        self.Replace(0, len(self._text), text)
 
     def Replace(self, start: int, end: int, replacement: str) -> None:
         """Replace the characters from offset `start` to before `end`.
@@ -59,9 +58,15 @@ class CTextCache(CDestroyable):
         """
         if not 0 <= start <= end <= len(self._text):
             raise ValueError(f"no range of a text of {len(self._text)} characters: {start}, {end}")
-        if self._text[start:end] == replacement:
-            return
         old = self._text
+        replaced = old[start:end]
+        if replaced == replacement:
+            return
+        # What stays the same isn't replaced.
+        prefix, suffix = _CommonEnds(replaced, replacement)
+        start += prefix
+        end -= suffix
+        replacement = replacement[prefix : len(replacement) - suffix]
         self._text = f"{old[:start]}{replacement}{old[end:]}"
         self.fVersion += 1
         self._modified = True
@@ -93,12 +98,11 @@ class CTextCache(CDestroyable):
         return self._modtime
 
 
-def _Difference(old: str, new: str) -> tuple[int, int, str]:
-    """The range of `old` in which it differs from `new`, and what stands there in `new`."""
+def _CommonEnds(old: str, new: str) -> tuple[int, int]:
+    """How many characters both texts begin with, and how many of the others they end with."""
     longest = min(len(old), len(new))
-    start = _CommonLength(old, new, longest)
-    end = _CommonLength(old[::-1], new[::-1], longest - start)
-    return start, len(old) - end, new[start : len(new) - end]
+    prefix = _CommonLength(old, new, longest)
+    return prefix, _CommonLength(old[::-1], new[::-1], longest - prefix)
 
 
 def _CommonLength(first: str, second: str, longest: int) -> int:
@@ -118,8 +122,9 @@ def _LinesOf(old: str, new: str, start: int, end: int, replacement: str) -> Text
     new_stop = start + len(replacement)
     removed = _CountLineEnds(old, end) + 1 - first
     added = _CountLineEnds(new, new_stop) + 1 - first
-    if _AtLineStart(old, start) and _AtLineStart(old, end) and _AtLineStart(new, new_stop):
-        return TextEdit(first, first + removed, first + added)  # whole lines
+    if _AtLineStart(old, end) and _AtLineStart(new, new_stop):
+        if _AtLineStart(old, start) or (removed and added):
+            return TextEdit(first, first + removed, first + added)  # none of the line behind
     return TextEdit(first, first + removed + 1, first + added + 1)
 
 

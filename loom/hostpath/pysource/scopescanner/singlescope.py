@@ -278,29 +278,37 @@ class CSingleScopePrimaryScanner(CScanner):
             return False
         if self.fState is not kFinishedScanning:
             return self._SavePart()
-        cache = _InfoCache()
         found = self._fFound
         changed = self._Store(self.fInfo or self._Record(self.fScopeName, b"", absent=True), always)
         if self.fScopeName != self._fTextName:
             return changed
         rows = found.rows if found is not None else []
+        stale: set[str] = set()
         for row in rows[1:]:
             incomplete = found is not None and row[0] in found.incomplete
-            changed |= self._Store(self._Record(row[0], row[5], incomplete), always)
-        if changed and self._fTextName != kModuleScopeName:
-            self._StoreGoneScopes({row[0] for row in rows})
-        self._TellAnalysis(found)
+            if self._Store(self._Record(row[0], row[5], incomplete), always):
+                changed = True
+                # The scheduler sees to the instances of what it asked for, and to no others.
+                stale |= {f"{name}()" for name in (row[0], ParentScopeName(row[0]))}
+        if changed:
+            self._StoreRest(rows)
+        known = {name for name in stale if _InfoCache().GetScopeInfo(self.fLocation, name)}
+        self._AskFor(known | self._TellAnalysis(found))
         return changed
 
-    def _StoreGoneScopes(self, names: set[str]) -> None:
-        """Note of what was known inside of the scope, and doesn't go with `names`, that it's gone.
-
-        Records of def lines are made by their own scans alone, so they go, too.
-        """
-        cache = _InfoCache()
+    def _StoreRest(self, rows: Sequence[ScopeRow]) -> None:
+        """Bring up to date what is stored inside of the scope and isn't among the rows."""
         within = f"{self._fTextName}."
-        for name in cache.GetScopeNames(self.fLocation):
-            if name.startswith(within) and GetClassForInstanceName(name) not in names:
+        if self._fTextName == kModuleScopeName:
+            within, rows = "", self._fAllRows
+        by_name = {row[0]: row for row in rows}
+        for name in _InfoCache().GetScopeNames(self.fLocation):
+            if not name.startswith(within) or name in by_name:
+                continue
+            if IsDefLineScope(name) and ParentScopeName(name) in by_name:
+                packed = _DefLineInfo(by_name[ParentScopeName(name)], self._fLines)
+                self._Store(self._Record(name, packed), always=False)
+            elif GetClassForInstanceName(name) not in by_name:
                 self._Store(self._Record(name, b"", absent=True), always=False)
 
     def _Store(self, info: CScopeInfo, always: bool) -> bool:
@@ -314,12 +322,12 @@ class CSingleScopePrimaryScanner(CScanner):
             cache.AddScopeInfo(info)
         return news
 
-    def _TellAnalysis(self, found: _Found | None) -> None:
-        """Tell an open file's analysis where scopes are, and ask for those that changed, too."""
+    def _TellAnalysis(self, found: _Found | None) -> set[str]:
+        """Tell an open file's analysis where scopes are; returns those that changed, too."""
         assert self._fText is not None
         known = self._fText.Analysis()
         if known is None:
-            return
+            return set()
         analysis, version = known
         before = analysis.GetScopeLines()
         stale: set[str] = set()
@@ -333,7 +341,7 @@ class CSingleScopePrimaryScanner(CScanner):
             analysis.TakeScope([(row[0], row[3], row[4]) for row in found.rows], version)
         if found is None or self._HolderIsStale(found, before):
             stale = {ParentScopeName(self._fTextName)}
-        self._AskFor(stale)
+        return stale
 
     def _HolderIsStale(self, found: _Found, before: Sequence[tuple[str, int, int]]) -> bool:
         """Whether the scope around has changed, too: by the header, or by where the scope ends."""
@@ -400,18 +408,19 @@ def _HeaderParts(info: bytes, scope_name: str) -> set[bytes]:
     return parts
 
 
-def _OnlyDefLine(found: _Found, lines: Sequence[bytes]) -> _Found | None:
-    """The names that stand in the header of what was found."""
-    name, parent, kind, lineno, _, _ = found.rows[0]
-    header = header_row(lines, lineno - 1)
-    if header is None:
-        return None
+def _OnlyDefLine(found: _Found, lines: Sequence[bytes]) -> _Found:
+    row = found.rows[0]
+    return _Found([(*row[:5], _DefLineInfo(row, lines))], found.holder, found.incomplete)
+
+
+def _DefLineInfo(row: ScopeRow, lines: Sequence[bytes]) -> bytes:
+    """The names that stand in the header of a scope, packed; none if the header is half-typed."""
+    header = header_row(lines, row[3] - 1)
     own: dict[str, bytes] = {}
-    for bound, info in unpack_info(header[5]).items():
+    for bound, info in unpack_info(header[5]).items() if header is not None else ():
         parts = NonNestedSplit(info, ";")
         if bound == "return" or parts[0].startswith((kArgPrefix, kTypeParameterPrefix)):
             of_header = [part for part in parts if part.startswith(_kDefLineParts)]
             if of_header:
                 own[bound] = b";".join(of_header)
-    row = (name, parent, kind, lineno, lineno - 1 + header[4], pack_info(own))
-    return _Found([row], found.holder, found.incomplete)
+    return pack_info(own)
