@@ -19,7 +19,7 @@ from pysource import _fastaccess
 
 from loom.app import App
 from loom.store.database import open_read_only
-from loom.watch.events import Change, Event
+from loom.watch.events import Event
 from loom.watch.session import WatchSession
 
 
@@ -191,8 +191,3 @@ def kernel(main_loop, clock, tmp_path):
         stack.callback(world.app.destroy)
         if world.session is not None:
             world.session.destroy()
-
-
-@pytest.fixture
-def changes():
-    return Change
