@@ -131,7 +131,7 @@ def _found_in(
     for cls in order:
         other = counterparts.other_class(ctx, cls)
         both = [cls] if other is None else [cls, other]
-        if other is not None and source_first and counterparts.is_stub(cls.loc):
+        if other is not None and source_first and modules.is_stub(cls.loc):
             both.reverse()
         for each in both:
             if of_instance:
@@ -236,6 +236,6 @@ def _is_enum_member(ctx: CInferenceContext, owner: Class, symbol: Symbol) -> boo
         return False
     if any(isinstance(part, DefPart) for part in symbol.parts):
         return False
-    return counterparts.is_stub(symbol.loc) or any(
+    return modules.is_stub(symbol.loc) or any(
         isinstance(part, ExprPart) for part in symbol.parts
     )

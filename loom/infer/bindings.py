@@ -97,7 +97,7 @@ def _symbol_values(ctx: CInferenceContext, symbol: Symbol) -> Values:
     values = union(found)
     if not any(v != Special("None") for v in values):
         # What the source leaves open, its stub may tell.
-        if not counterparts.is_stub(symbol.loc) and not followed:
+        if not modules.is_stub(symbol.loc) and not followed:
             for other in counterparts.other_symbol(ctx, symbol):
                 values = union((values, symbol_values(ctx, other)))
     return values

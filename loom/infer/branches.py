@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING, Final
 if TYPE_CHECKING:
     from loom.infer.sources import SourceFile
 
-__all__ = ["other_branches"]
+__all__ = ["is_left", "other_branches"]
 
 _kWord: Final = re.compile(rb"([ \t]*)([^\W\d]\w*|\S)")
 
@@ -21,6 +21,9 @@ _kFollows: Final = {
 }
 # The body of these may have run, in part at least.
 _kShared: Final = frozenset((b"for", b"while", b"try"))
+
+# What a block ends with that isn't left at its end.
+_kLeaving: Final = frozenset((b"return", b"raise", b"continue", b"break"))
 
 # How far back branches are looked for.
 _kMostLines: Final = 2000
@@ -45,6 +48,20 @@ def other_branches(source: SourceFile, line: int) -> list[tuple[int, int]]:
         if word in _kFollows:
             found += _siblings(source, number, depth, word, lowest)
     return found
+
+
+def is_left(source: SourceFile, line: int, later: int) -> bool:
+    """Whether the block around a line is left, by a jump, before it comes to a later line."""
+    indent = _word(source, line)[0]
+    last = b""
+    for number in range(line, min(later, line + _kMostLines)):
+        depth, word = _word(source, number)
+        if not word or depth > indent:
+            continue
+        if depth < indent:
+            return last in _kLeaving
+        last = word
+    return False
 
 
 def _siblings(

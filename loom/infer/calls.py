@@ -253,7 +253,7 @@ def _returned(ctx: CInferenceContext, function: Function) -> Values:
     evident = union(_evident(ctx, function, part) for part in parts)
     if any(value != Special("None") for value in evident):
         return evident
-    if not counterparts.is_stub(loc):
+    if not modules.is_stub(loc):
         other = counterparts.other_scope(ctx, loc, scope_name)
         if other is not None:
             stub = returned(ctx, Function(*other, function.kind))

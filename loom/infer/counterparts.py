@@ -8,6 +8,7 @@ from loombase.location import CLocation
 from pysource.symbolinfo import SplitScopeNameFromSuffixes
 
 from loom.infer import classes, modules
+from loom.infer.modules import is_stub
 from loom.infer.parts import DefPart
 from loom.infer.values import Class, Symbol, Target
 
@@ -15,11 +16,6 @@ if TYPE_CHECKING:
     from loom.infer.context import CInferenceContext
 
 __all__ = ["other_class", "other_scope", "other_symbol", "source_target"]
-
-
-def is_stub(loc: CLocation) -> bool:
-    """Whether a file is a stub."""
-    return loc.fUrl.endswith(".pyi")
 
 
 def _other_locs(ctx: CInferenceContext, loc: CLocation) -> tuple[CLocation, ...]:

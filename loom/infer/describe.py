@@ -135,7 +135,7 @@ def _definitions(ctx: CInferenceContext, target: Symbol) -> list[tuple[Symbol, D
 
 
 def _stubs(ctx: CInferenceContext, symbol: Symbol) -> tuple[Symbol, ...]:
-    return () if counterparts.is_stub(symbol.loc) else counterparts.other_symbol(ctx, symbol)
+    return () if modules.is_stub(symbol.loc) else counterparts.other_symbol(ctx, symbol)
 
 
 def _constructors(ctx: CInferenceContext, order: tuple[Class, ...]) -> tuple[str, ...]:

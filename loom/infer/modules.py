@@ -9,7 +9,7 @@ from typing import TYPE_CHECKING
 import singleton
 from loombase.location import CLocation
 
-from loom.infer.parts import ExprPart, ImportPart, parse_expression
+from loom.infer.parts import DefPart, ExprPart, ImportPart, parse_expression
 from loom.infer.values import Module, Symbol, Target
 
 if TYPE_CHECKING:
@@ -21,6 +21,7 @@ __all__ = [
     "find_module",
     "follow",
     "imported",
+    "is_stub",
     "module_attribute",
     "module_of",
     "name_in_file",
@@ -83,11 +84,21 @@ def module_attribute(
 def _module_attribute(
     ctx: CInferenceContext, module: Module, name: str, source_first: bool
 ) -> Target | None:
-    for loc in reversed(module.locs) if source_first else module.locs:
+    locs = module.locs[::-1] if source_first else module.locs
+    for index, loc in enumerate(locs):
         found = name_in_file(ctx, loc, name, source_first)
+        if isinstance(found, Symbol) and found.loc is not loc and is_stub(found.loc):
+            # The source has it from a module without one; then the stubs of its own tell best.
+            own = [name_in_file(ctx, other, name) for other in locs[index + 1 :]]
+            found = next((other for other in own if other is not None), found)
         if found is not None:
             return found
     return submodule(ctx, module, name)
+
+
+def is_stub(loc: CLocation) -> bool:
+    """Whether a file is a stub."""
+    return loc.fUrl.endswith(".pyi")
 
 
 def name_in_file(
@@ -127,11 +138,11 @@ def with_source(ctx: CInferenceContext, module: Module) -> Module:
     The stub of `os.path` is one file, for instance, its source that of another module.
     """
     package, _, name = module.name.rpartition(".")
-    if not package or not all(loc.fUrl.endswith(".pyi") for loc in module.locs):
+    if not package or not all(is_stub(loc) for loc in module.locs):
         return module
     around = find_module(ctx, package, module.dirloc)
     for loc in around.locs if around is not None else ():
-        found = None if loc.fUrl.endswith(".pyi") else name_in_file(ctx, loc, name, True)
+        found = None if is_stub(loc) else name_in_file(ctx, loc, name, True)
         for target in () if found is None else follow(ctx, found, source_first=True):
             if isinstance(target, Module) and target.locs:
                 return target
@@ -246,6 +257,8 @@ def follow(
 
 def _follow(ctx: CInferenceContext, symbol: Symbol, source_first: bool) -> tuple[Target, ...]:
     found: dict[Target, None] = {}
+    if any(isinstance(part, DefPart) for part in symbol.parts):
+        found[symbol] = None  # imports beside a definition bring what is like it
     lost = own = False
     for part in symbol.parts:
         if not isinstance(part, ImportPart):

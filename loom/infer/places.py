@@ -11,7 +11,7 @@ from typing import TYPE_CHECKING, Final
 from loombase.location import CLocation
 
 from loom.infer import counterparts, modules
-from loom.infer.branches import other_branches
+from loom.infer.branches import is_left, other_branches
 from loom.infer.parts import ArgPart, DefPart, ImportPart
 from loom.infer.sources import SourceFile
 from loom.infer.statements import statement_at
@@ -44,6 +44,7 @@ _kWords: Final = {
 _kNoBindings: Final = frozenset("ong")
 
 _kDefinitions: Final = frozenset("FmMC")
+_kDefinitionWords: Final = frozenset(("class", "function", "method", "module"))
 
 
 @dataclass(frozen=True, slots=True)
@@ -91,8 +92,11 @@ def places_of(
 
 
 def sources_first(places: Iterable[Place]) -> tuple[Place, ...]:
-    """Each place once, those in stubs behind the others."""
-    return tuple(sorted(dict.fromkeys(places), key=lambda p: counterparts.is_stub(p.loc)))
+    """Each place once; where a source has a definition, what stubs tell comes behind."""
+    found = tuple(dict.fromkeys(places))
+    if any(p.kind in _kDefinitionWords and not modules.is_stub(p.loc) for p in found):
+        return tuple(sorted(found, key=lambda place: modules.is_stub(place.loc)))
+    return found
 
 
 def _symbol_places(
@@ -169,7 +173,10 @@ def _ordered(
         before = [site for site in reversed(ordered) if site[0] < use.line]
         if len(before) > 1:
             elsewhere = other_branches(source, use.line)
-            before.sort(key=lambda site: any(first <= site[0] <= last for first, last in elsewhere))
+            before.sort(
+                key=lambda site: any(first <= site[0] <= last for first, last in elsewhere)
+                or is_left(source, site[0], use.line)
+            )
         return before + [site for site in ordered if site[0] >= use.line]
     if _is_property(symbol):
         return ordered
