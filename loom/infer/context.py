@@ -69,17 +69,29 @@ class CInferenceContext:
         self._cut = -1
         return True
 
+    def _holds(self, consulted: frozenset[CLocation]) -> bool:
+        """Whether the files of an answer that was kept are still what they were."""
+        if consulted <= self.checked:
+            return True
+        generation = self.engine.generation
+        for loc in consulted - self.checked:
+            self.engine.records.facts(self, loc)
+        return generation == self.engine.generation
+
     def answer(self, key: Hashable, nothing: _T, work: Callable[[], _T]) -> _T:
         """The result of `work`, which answers the question `key`, asked once.
 
         A question that comes up while it is being answered, too deep, or after the deadline has
         the answer `nothing`. Complete answers are kept by the engine until a file changes.
         """
-        for answers in (self.engine.memo, self._answers):
-            known = answers.get(key)
-            if known is not None:
-                self.consulted |= known[1]
-                return cast(_T, known[0])
+        known = self._answers.get(key)
+        if known is None:
+            known = self.engine.memo.get(key)
+            if known is not None and not self._holds(known[1]):
+                known = None
+        if known is not None:
+            self.consulted |= known[1]
+            return cast(_T, known[0])
         level = self._open.get(key)
         if level is not None:
             self._cut = min(self._cut, level)

@@ -69,10 +69,16 @@ class Records:
     def __init__(self, engine: CInferenceEngine) -> None:
         self._engine = engine
         self._files: dict[CLocation, FileFacts] = {}
+        # Scopes that somebody who has just scanned a file has at hand.
+        self._lent: tuple[CLocation, Mapping[str, bytes]] | None = None
 
     def forget(self) -> None:
         """Ask the info cache again from now on."""
         self._files.clear()
+
+    def lend(self, loc: CLocation, scopes: Mapping[str, bytes] | None) -> None:
+        """Give the packed scopes of a file as the info cache has it; with none, take them back."""
+        self._lent = None if scopes is None else (loc, scopes)
 
     def facts(self, ctx: CInferenceContext, loc: CLocation) -> FileFacts:
         """What is in hand of a file, as it is now."""
@@ -125,8 +131,22 @@ class Records:
             if not facts.scanned:
                 ctx.missing.add(facts.loc)
         if facts.scanned or self._scan(ctx, facts, name, _kWholeFile):
+            if self._lent is not None and self._lent[0] == facts.loc:
+                return self._lent_info(facts.loc, name, self._lent[1])
             return cache.GetScopeInfo(facts.loc, name)
         return None
+
+    def _lent_info(
+        self, loc: CLocation, name: str, scopes: Mapping[str, bytes]
+    ) -> CScopeInfo | None:
+        packed = scopes.get(name)
+        if packed is None:
+            return None
+        from pysource.scopeinfo import CScopeInfo, CScopeInfoKey  # which imports this package
+
+        scan_name = singleton.GetSingletons().fAnalysisMgr.fPrimaryScanName
+        key = CScopeInfoKey(loc, name, scan_name, loc, name)
+        return CScopeInfo(key, packed, 0.0, False)
 
     def _scan(self, ctx: CInferenceContext, facts: FileFacts, name: str, wanted: str) -> bool:
         """Have the scheduler scan what is missing; true if it is worth asking again."""
