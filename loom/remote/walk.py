@@ -192,12 +192,18 @@ class RemoteWalk:
             _stat(root.path),
             *[_stat(posixpath.join(folder, ".git"), of_link=True) for folder in around],
         ]
+        if isinstance(state, RemoteError):
+            self._problem(root, str(state))
+            return
         assert isinstance(state, CFileState)
         if state.kind is CFileKind.FILE:
             self._found(root, state, declare=True)
         elif state.kind is CFileKind.FOLDER:
-            there = [mark for mark in marks if isinstance(mark, CFileState)]
-            known = [mark.kind not in (CFileKind.ABSENT, CFileKind.CLOSED) for mark in there]
+            known = [
+                isinstance(mark, CFileState)
+                and mark.kind not in (CFileKind.ABSENT, CFileKind.CLOSED)
+                for mark in marks
+            ]
             rules = None
             if True in known:
                 rules = yield from self._rules_above(root, around[: known.index(True) + 1])
