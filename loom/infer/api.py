@@ -23,6 +23,7 @@ __all__ = [
     "class_mro",
     "class_of",
     "evaluate_expression",
+    "resolve_chain",
     "resolve_expression",
     "resolve_import",
     "resolve_name",
@@ -59,6 +60,23 @@ def resolve_expression(
         return ()
     base = evaluate.node_values(context, loc, scope_name, node.value)
     return attribute_targets(base, node.attr, context)
+
+
+def resolve_chain(
+    loc: CLocation, scope_name: str, chain: str, context: CInferenceContext
+) -> tuple[tuple[Target, ...], ...]:
+    """What each name of a dotted chain such as "a.b.c" means in a scope, imports followed.
+
+    One entry for each name; empty where it isn't known, and so for all names behind it.
+    """
+    first, *others = chain.split(".")
+    found = [resolve_name(loc, scope_name, first, context)]
+    values = type_of_name(loc, scope_name, first, context) if others else ()
+    for index, name in enumerate(others):
+        found.append(attribute_targets(values, name, context) if values else ())
+        if index + 1 < len(others):
+            values = attributes.values_of(context, values, name)
+    return tuple(found)
 
 
 def attribute_targets(
