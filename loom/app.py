@@ -27,7 +27,8 @@ def spare_full_collections() -> None:
     """
     gc.collect()
     gc.freeze()
-    gc.set_threshold(20_000, 20, 1_000)
+    # The young ones that have survived once are some 40,000 at most when they are walked.
+    gc.set_threshold(10_000, 4, 5_000)
 
 
 class App(CDestroyable):

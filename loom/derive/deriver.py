@@ -6,12 +6,14 @@ from collections.abc import Callable, Iterator, Sequence
 from typing import TYPE_CHECKING, Final
 
 from loombase.location import CLocation
+from pysource.symbolinfo import ParentScopeName
 
 from loom._pyscan import unpack_info
+from loom.derive import evident
 from loom.derive.facts import Facts, Namer
-from loom.infer import bindings, calls, classes, modules, names
-from loom.infer.parts import ImportPart, Part, parts_of
-from loom.infer.values import Class, Function, Symbol, Target, Value
+from loom.infer import classes, modules, names
+from loom.infer.parts import ExprPart, HintPart, ImportPart, Part, parts_of
+from loom.infer.values import Class, Target
 from loom.store.derived import key_of_module
 from loom.store.records import ScopeRow
 
@@ -140,15 +142,13 @@ class Deriver:
                 inside_function[index] = True
             if inside_function[index]:
                 continue
-            if is_function and b"self." not in packed and b"return" not in packed:
+            if is_function and (
+                b"\x06yield" in packed or (b"self." not in packed and b"return" not in packed)
+            ):
                 continue
             for name, info in unpack_info(packed).items():
-                if is_function:
-                    if name == "return":
-                        yield self._result_question(index, scope_name, chr(kind))
-                        continue
-                    if not name.startswith("self."):
-                        continue
+                if is_function and name != "return" and not name.startswith("self."):
+                    continue
                 if info.startswith((b":=", b":H")):
                     yield self._type_question(index, scope_name, name, parts_of(info))
             yield None
@@ -157,20 +157,24 @@ class Deriver:
         self, index: int, scope_name: str, name: str, parts: tuple[Part, ...]
     ) -> Question:
         def ask(ctx: CInferenceContext) -> None:
-            symbol = Symbol(self._loc, scope_name, name, parts)
-            self._take_values(index, name, bindings.symbol_values(ctx, symbol))
+            found: dict[str, None] = {}
+            # Where there is an annotation, it has the word.
+            for part in parts:
+                if isinstance(part, HintPart):
+                    scope = ParentScopeName(scope_name) if name == "return" else scope_name
+                    found.update(
+                        dict.fromkeys(
+                            evident.annotated(ctx, self._namer, self._loc, scope, part.text)
+                        )
+                    )
+            for part in parts if not found else ():
+                if isinstance(part, ExprPart):
+                    found.update(
+                        dict.fromkeys(
+                            evident.assigned(ctx, self._namer, self._loc, scope_name, part.text)
+                        )
+                    )
+            if found:
+                self.facts.types[index, name] = tuple(found)[:_kMostTypes]
 
         return ask
-
-    def _result_question(self, index: int, scope_name: str, kind: str) -> Question:
-        def ask(ctx: CInferenceContext) -> None:
-            function = Function(self._loc, scope_name, kind)
-            self._take_values(index, "return", calls.returned(ctx, function))
-
-        return ask
-
-    def _take_values(self, index: int, name: str, values: Sequence[Value]) -> None:
-        found = [self._namer.value(value) for value in values]
-        types = tuple(text for text in dict.fromkeys(found) if text)[:_kMostTypes]
-        if types:
-            self.facts.types[index, name] = types

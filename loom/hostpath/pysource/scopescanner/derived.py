@@ -3,7 +3,8 @@
 from __future__ import annotations
 
 import logging
-from collections.abc import Callable, Generator, Iterable
+from collections.abc import Callable, Generator, Iterable, Sequence
+from itertools import islice
 from typing import TYPE_CHECKING, Final
 
 import singleton
@@ -15,6 +16,7 @@ from loom.derive.deriver import Deriver
 from loom.derive.facts import Namer, pack
 from loom.sourcetext import SourceError, SourceText, decode_source
 from loom.store.derived import DerivedRecord, key_of_file
+from loom.store.records import ScopeRow
 
 from .base import (
     CScanner,
@@ -114,8 +116,12 @@ class CWholeFileSecondaryScanner(CScanner):
         rows = yield from ItemsInParts(source.scopes, "scopes")
         for _ in range(_kMostRounds):
             generation = cache.fDerivedGeneration
-            deriver = Deriver(self.fLocation, rows, star_names, _Namer())
-            keys = yield from self._AskAll(deriver)
+            own = _OwnAnswers(self.fLocation, rows)
+            deriver = Deriver(self.fLocation, rows, star_names, _kNamer.Get())
+            try:
+                keys = yield from self._AskAll(deriver)
+            finally:
+                own.Forget()
             if cache.fDerivedGeneration == generation:
                 break
         for targets in deriver.facts.imports.values():
@@ -215,8 +221,47 @@ def _InfoCache() -> CInfoCache:
     return cache
 
 
-def _Namer() -> Namer:
-    return Namer(singleton.GetSingletons().fAnalysisMgr.fAnalysisFactory)
+class _OwnAnswers:
+    """What the inference holds of the file that is scanned, for as long as that takes.
+
+    Its scopes are at hand, and needn't be asked for one by one; and answers about it are of no use to
+    other scans, which would only push out those that are.
+    """
+
+    def __init__(self, loc: CLocation, rows: Sequence[ScopeRow]) -> None:
+        self._fLoc = loc
+        self._fEngine = singleton.GetSingletons().fAnalysisMgr.fInferenceEngine
+        self._fGeneration = self._fEngine.generation
+        self._fSize = len(self._fEngine.memo)
+        self._fEngine.records.lend(loc, {row[0]: row[5] for row in rows})
+
+    def Forget(self) -> None:
+        engine = self._fEngine
+        engine.records.lend(self._fLoc, None)
+        memo = engine.memo
+        size = self._fSize if engine.generation == self._fGeneration else 0
+        for key in list(islice(reversed(memo), max(0, len(memo) - size))):
+            if key[1] == self._fLoc:
+                del memo[key]
+
+
+class _SharedNamer:
+    """The namer of all scans, until files may have got other names."""
+
+    def __init__(self) -> None:
+        self._fKnownFor: tuple[object, int] | None = None
+        self._fNamer: Namer | None = None
+
+    def Get(self) -> Namer:
+        manager = singleton.GetSingletons().fAnalysisMgr
+        now = (manager, manager.fInferenceEngine.generation)
+        if self._fNamer is None or self._fKnownFor != now:
+            self._fKnownFor = now
+            self._fNamer = Namer(manager.fAnalysisFactory)
+        return self._fNamer
+
+
+_kNamer: Final = _SharedNamer()
 
 
 def _PrimaryScanName() -> str:
