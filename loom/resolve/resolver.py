@@ -48,11 +48,9 @@ class _Place:
         # By the package's name, for a package may have several folders.
         package = self._package_name()
         if package is not None and package.count(".") >= ups:
-            parts = package.split(".")
-            absolute = ".".join(parts[: len(parts) - ups])
-            found = self._path.find(f"{absolute}.{rest}" if rest else absolute)
-            if found is not None:
-                return found
+            if ups:
+                package = package.rsplit(".", ups)[0]
+            return self._path.find(f"{package}.{rest}" if rest else package)
         folder = self._folder
         for _ in range(ups):
             folder = os.path.dirname(folder)

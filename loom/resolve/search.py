@@ -68,11 +68,11 @@ class SearchPath:
 
     def find(self, name: str) -> Module | None:
         """The module of an absolute dotted name, or none."""
-        try:
-            return self._modules[name]
-        except KeyError:
-            found = self._modules[name] = self._find(name)
-            return found
+        modules = self._modules
+        if name in modules:
+            return modules[name]
+        found = modules[name] = self._find(name)
+        return found
 
     def find_in(self, folder: str, name: str) -> Module | None:
         """The module of a dotted name that begins in a folder; of "", the folder's own package."""
@@ -102,12 +102,16 @@ class SearchPath:
         if not dot:
             return self._find_top(name)
         package = self.find(parent)
-        if package is None or not leaf:
-            return self._find_mapped(name)
-        stub = self._look(self._typed_folders(package, name), leaf)
-        own = self._look(package.folders, leaf)
-        if own is None or _is_namespace(own):
+        own = None
+        if package is not None and package.folders:
+            own = self._look(package.folders, leaf)
+        if self._mapped and (own is None or _is_namespace(own)):
             own = self._find_mapped(name) or own
+        if package is None:
+            return own
+        stub = None
+        if package.stub_folders:
+            stub = self._look(self._typed_folders(package, name), leaf)
         return _joined(stub, own, package.partial)
 
     def _find_mapped(self, name: str) -> Module | None:
@@ -119,9 +123,9 @@ class SearchPath:
     def _typed_folders(self, package: Module, name: str) -> Iterable[str]:
         """The folders of stubs in which a submodule may stand."""
         stubs = self._stubs
-        if stubs is None or self._has_stub(name):
+        if stubs is None or not _is_below(package.stub_folders[0], stubs) or self._has_stub(name):
             return package.stub_folders
-        return [folder for folder in package.stub_folders if not _is_below(folder, stubs)]
+        return ()
 
     def _find_top(self, name: str) -> Module | None:
         own = self._look(self.roots, name)
@@ -172,7 +176,7 @@ class SearchPath:
             kinds = self._folders.kinds(folder, name)
             if not kinds:
                 continue
-            path = os.path.join(folder, name)
+            path = f"{folder}/{name}"
             if kinds & FOLDER:
                 if self._folders.is_package(path):
                     return self._package((path,))
