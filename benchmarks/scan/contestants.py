@@ -90,6 +90,8 @@ def _no_log(*args: object) -> None:
 def loom(files: Sequence[str], folder: Path) -> dict[str, Any]:
     """`loom scan` of these files' folders; FOLDER/arguments holds its arguments, one a line.
 
+    Without imports, so that all contestants look at the same files.
+
     "seconds" is all of the command: imports, finding the files, closing the database. The length
     of each call of the main loop's idle work is measured, whoever it belongs to.
     """
@@ -103,7 +105,7 @@ def loom(files: Sequence[str], folder: Path) -> dict[str, Any]:
     lengths, cpu_lengths = array("d"), array("d")
     setattr(IdleQueue, "run_one", _measured(IdleQueue.run_one, lengths, cpu_lengths))
     with contextlib.redirect_stdout(output):
-        code = run(["scan", "--json", "--db", str(database), *arguments])
+        code = run(["scan", "--no-imports", "--json", "--db", str(database), *arguments])
     seconds = perf_counter() - start
     if code not in (0, 1):
         raise SystemExit(f"loom scan ended with {code}")
