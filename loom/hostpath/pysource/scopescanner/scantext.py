@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Sequence
+from collections.abc import Iterable
 from typing import TYPE_CHECKING
 
 import singleton
@@ -10,7 +10,7 @@ from cache.textcache import CTextCache
 from loombase.location import CLocation
 
 from loom.sourcetext import SourceText
-from loom.store.records import ScopeRow, kUnsavedTime
+from loom.store.records import kUnsavedTime
 
 if TYPE_CHECKING:
     from pysource.analysis import CPySourceAnalysis
@@ -55,12 +55,12 @@ class ScanText:
         analysis = singleton.GetSingletons().fCacheMgr.GetAnalysis(self._loc, False)
         return None if analysis is None else (analysis, self._version)
 
-    def TellScopes(self, rows: Sequence[ScopeRow]) -> None:
-        """Tell the analysis, if there is one, all scopes of the text."""
+    def TellScopes(self, scopes: Iterable[tuple[str, int, int]]) -> None:
+        """Tell the analysis, if there is one, where all scopes of the text are."""
         known = self.Analysis()
         if known is not None:
             analysis, version = known
-            analysis.TakeScopes([(row[0], row[3], row[4]) for row in rows], version)
+            analysis.TakeScopes(scopes, version)
 
 
 def _BufferOf(loc: CLocation) -> CTextCache | None:

@@ -336,7 +336,7 @@ class CSingleScopePrimaryScanner(CScanner):
             if self._fTextName == kModuleScopeName:
                 # Own names are all that is stored of the module, and text has come to others.
                 stale = {scope[0] for scope in set(after) - set(before)} - {kModuleScopeName}
-            self._fText.TellScopes(self._fAllRows)
+            self._fText.TellScopes(after)
         elif found is not None:
             analysis.TakeScope([(row[0], row[3], row[4]) for row in found.rows], version)
         if found is None or self._HolderIsStale(found, before):

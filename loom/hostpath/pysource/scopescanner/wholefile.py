@@ -79,6 +79,7 @@ class CWholeFilePrimaryScanner(CScanner):
             if not which.unsaved:
                 yield from self._ReadSource(text)
                 if self._IsAsStored(text):
+                    which.TellScopes(self._InfoCache().GetScopeLines(self.fLocation))
                     return kFinishedScanning
                 yield from decode_source(text)
             record = yield from self._Parse(text)
@@ -97,7 +98,7 @@ class CWholeFilePrimaryScanner(CScanner):
         if not which.IsCurrent():
             return None
         self._Store(record)
-        which.TellScopes(record.scopes)
+        which.TellScopes([(row[0], row[3], row[4]) for row in record.scopes])
         return kFinishedScanning
 
     def _IsAsStored(self, text: SourceText) -> bool:
