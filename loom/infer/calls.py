@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import ast
 from collections.abc import Callable, Mapping
 from dataclasses import dataclass, replace
 from typing import TYPE_CHECKING, Final, NamedTuple
@@ -263,10 +264,27 @@ def _returned(ctx: CInferenceContext, function: Function) -> Values:
 
 def _evident(ctx: CInferenceContext, function: Function, part: object) -> Values:
     if isinstance(part, ExprPart):
-        return evaluate.text_values(ctx, function.loc, function.scope_name, part.text)
+        own = _own_object(ctx, function, part.text)
+        return own or evaluate.text_values(ctx, function.loc, function.scope_name, part.text)
     if isinstance(part, WithinPart):
         values = evaluate.text_values(ctx, function.loc, function.scope_name, part.text)
         return elements.along_path(ctx, values, part.path)
+    return ()
+
+
+def _own_object(ctx: CInferenceContext, function: Function, text: str) -> Values:
+    """What a method returns by `return self`, or a class method by `return cls(...)`."""
+    definition = ctx.engine.records.definition(ctx, function.loc, function.scope_name)
+    if definition is None or definition.kind != "m":
+        return ()
+    first = next(iter(params(ctx, function.loc, function.scope_name)), None)
+    if first is None or not text.startswith(first.name):
+        return ()
+    if not takes_class(definition):
+        return (hints.kSelf,) if text == first.name else ()
+    node = parse_expression(text)
+    if isinstance(node, ast.Call) and isinstance(node.func, ast.Name):
+        return (hints.kSelf,) if node.func.id == first.name else ()
     return ()
 
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 import ast
 import re
 from collections.abc import Iterator
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from typing import Final
 
 from pysource.symbolinfo import ParentScopeName
@@ -256,20 +256,22 @@ class _Search:
             start = self.statement.position(line, head.end())
             if self.on(*start, node.name):
                 return self.make("binding", node.name, *start)
+        hints: list[ast.expr] = []
+        inside: list[ast.AST] = []
         if isinstance(node, ast.ClassDef):
-            outside: list[ast.AST] = [*node.bases, *(k.value for k in node.keywords)]
-            inside: list[ast.AST] = []
+            outside = [*node.bases, *(k.value for k in node.keywords)]
         else:
-            args = _all_args(node.args)
+            inside += _all_args(node.args)
             outside = [*node.args.defaults, *_present(node.args.kw_defaults)]
-            inside = [*args]
-            for hint in _present([*(arg.annotation for arg in args), node.returns]):
-                found = self.annotation(hint)
-                if found is not None:
-                    return found
+            hints = [arg.annotation for arg in _all_args(node.args) if arg.annotation is not None]
+            hints += _present([node.returns])
         found = self.among(iter(outside))
+        for hint in hints:
+            found = found or self.annotation(hint)
         if found is not None:
-            return found
+            # The type parameters are known in the head already.
+            own_names = {param.name for param in node.type_params if hasattr(param, "name")}
+            return replace(found, scope_name=own) if found.name in own_names else found
         self.scope_name = own
         return self.among(iter([*node.type_params, *inside, *node.body]))
 
