@@ -22,7 +22,10 @@ from loom.cli.output import (
 
 __all__ = ["run"]
 
-_COMMANDS = ("scan", "watch", "status", "why", "verify", "symbols", "find", "define", "describe")
+_COMMANDS = (
+    *("scan", "watch", "status", "why", "verify"),
+    *("symbols", "find", "define", "describe", "refs"),
+)
 
 
 class _LazyGroup(click.Group):

@@ -94,6 +94,9 @@ class Deriver:
                 if target is not None:
                     self._take_targets(ctx, target, found)
             self.facts.imports[index, name] = tuple(found)
+            for part in parts:
+                if part.name and part.alias:
+                    self.facts.imports[index, f"{part.module} {part.name}"] = tuple(found)
 
         return ask
 

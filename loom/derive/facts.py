@@ -2,7 +2,8 @@
 
 The packed form has one fact a line, with fields separated by tabs, in UTF-8:
 
-    i TAB scope index TAB name TAB targets     where an imported name comes from
+    i TAB scope index TAB name TAB targets     where an imported name comes from; for one that has another
+                                               name here, "module name" as well
     b TAB scope index TAB targets              the classes in which a class's attributes are looked for
     t TAB scope index TAB name TAB targets     what a name is worth, or as "return" a function's result
 
