@@ -14,6 +14,7 @@ if TYPE_CHECKING:
     from pathspec import GitIgnoreSpec
 
 __all__ = [
+    "derived_option",
     "exclude_option",
     "helper_options",
     "import_options",
@@ -42,6 +43,19 @@ def import_options(command: _F) -> _F:
     ):
         command = option(command)
     return command
+
+
+def derived_option(command: _F) -> _F:
+    """The option `--no-derived`, which gives `derived`."""
+    option = click.option(
+        "--no-derived",
+        "derived",
+        flag_value=False,
+        default=True,
+        help="Leave out the second stage, which finds what names mean in other files and who refers"
+        " to them. It takes two to three times as long as the first.",
+    )
+    return option(command)
 
 
 def helper_options(command: _F) -> _F:

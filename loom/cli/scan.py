@@ -12,6 +12,7 @@ import click
 
 from loom.cli.imports import Imports
 from loom.cli.options import (
+    derived_option,
     exclude_option,
     helper_options,
     import_options,
@@ -37,6 +38,7 @@ __all__ = ["scan"]
 @dump_option
 @click.option("--exit-zero", is_flag=True, help="Exit with 0 even if files had errors.")
 @import_options
+@derived_option
 @helper_options
 @remote_options
 @shared_options
@@ -47,6 +49,7 @@ def scan(
     exit_zero: bool,
     python: str | None,
     no_imports: bool,
+    derived: bool,
     helper: bool,
     jobs: int | None,
     remote: RemoteSettings,
@@ -72,7 +75,7 @@ def scan(
     paths = list(paths) or ["."]
     with Imports(local_paths(paths), python, no_imports) as imports:
         command = _Scan(paths, patterns, imports, remote, db_path, as_json, verbose)
-        return command.run(exit_zero, dump_path, jobs or int(helper))
+        return command.run(exit_zero, derived, dump_path, jobs or int(helper))
 
 
 class _Scan:
@@ -97,7 +100,7 @@ class _Scan:
         self._verbose = verbose
         self._signal: signal.Signals | None = None
 
-    def run(self, exit_zero: bool, dump_path: str, helpers: int) -> int:
+    def run(self, exit_zero: bool, derived: bool, dump_path: str, helpers: int) -> int:
         from loom.app import App, spare_full_collections
         from loom.cli.progress import make_display
         from loom.cli.report import ScanReport
@@ -116,7 +119,7 @@ class _Scan:
                     use_helpers(app, helpers, share=True)
                 self._imports.set_up(app)
                 self._remote.set_up(app, self._paths)
-                session = ScanSession(app, self._paths, self._exclude)
+                session = ScanSession(app, self._paths, self._exclude, derived=derived)
                 session.connect("finished", lambda _session: main_loop.loop.stop())
                 with (
                     make_display(session, live=not self._verbose),
