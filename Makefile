@@ -8,7 +8,7 @@ MAKEFLAGS += --no-builtin-rules --no-print-directory
 BIN := .venv/bin
 
 .DEFAULT_GOAL := help
-.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-queue bench-scan bench-text \
+.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-latency bench-queue bench-scan bench-text \
         install venv venv-dev clean
 
 help:
@@ -18,7 +18,8 @@ help:
 	@echo "make stubs         check the type stubs against the modules, and the types of loom"
 	@echo "make examples      run the examples, and the main loops for Qt and GLib"
 	@echo "make format        format the C++ sources; make format-check only looks"
-	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers"
+	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers,"
+	@echo "                   bench-latency how long others wait for a scan"
 	@echo "make fuzz          look for inputs that break what walks text (needs clang++)"
 	@echo "make clean         remove .venv and build"
 
@@ -62,7 +63,7 @@ format-check: venv-dev
 fuzz: venv-dev
 	@scripts/run_fuzz.sh
 
-bench-queue bench-scan bench-text: bench-%: venv-dev
+bench-latency bench-queue bench-scan bench-text: bench-%: venv-dev
 	@scripts/install.sh
 	@$(BIN)/python -P benchmarks/$*/run.py
 
