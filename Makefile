@@ -8,7 +8,7 @@ MAKEFLAGS += --no-builtin-rules --no-print-directory
 BIN := .venv/bin
 
 .DEFAULT_GOAL := help
-.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-latency bench-queue bench-scan bench-text \
+.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-latency bench-edit bench-queue bench-scan bench-text \
         install venv venv-dev clean
 
 help:
@@ -63,7 +63,7 @@ format-check: venv-dev
 fuzz: venv-dev
 	@scripts/run_fuzz.sh
 
-bench-latency bench-queue bench-scan bench-text: bench-%: venv-dev
+bench-latency bench-edit bench-queue bench-scan bench-text: bench-%: venv-dev
 	@scripts/install.sh
 	@$(BIN)/python -P benchmarks/$*/run.py
 

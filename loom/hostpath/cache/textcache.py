@@ -118,25 +118,27 @@ def _CommonLength(first: str, second: str, longest: int) -> int:
 
 
 def _LinesOf(old: str, new: str, start: int, end: int, replacement: str) -> TextEdit:
-    first = _CountLineEnds(old, start) + 1
     new_stop = start + len(replacement)
-    removed = _CountLineEnds(old, end) + 1 - first
-    added = _CountLineEnds(new, new_stop) + 1 - first
+    if old[start - 1 : start] == "\r":
+        start -= 1  # it may end a line with what follows it, and by itself
+    first = _CountLineEnds(old, 0, start) + 1
+    removed = _CountLineEnds(old, start, end)
+    added = _CountLineEnds(new, start, new_stop)
     if _AtLineStart(old, end) and _AtLineStart(new, new_stop):
         if _AtLineStart(old, start) or (removed and added):
             return TextEdit(first, first + removed, first + added)  # none of the line behind
     return TextEdit(first, first + removed + 1, first + added + 1)
 
 
-def _CountLineEnds(text: str, end: int) -> int:
-    """How many lines end before an offset: by a line feed, a carriage return, or both."""
-    feeds = text.count("\n", 0, end)
-    returns = text.count("\r", 0, end)
+def _CountLineEnds(text: str, start: int, end: int) -> int:
+    """How many lines end in a range: by a line feed, a carriage return, or both."""
+    feeds = text.count("\n", start, end)
+    returns = text.count("\r", start, end)
     if not returns:
         return feeds
-    # One between the two characters of a line end stands on the line that they end.
-    split = text[end - 1 : end + 1] == "\r\n" if end else False
-    return feeds + returns - text.count("\r\n", 0, end) - split
+    # Between the two characters of a line end the line isn't over.
+    split = text[end - 1 : end + 1] == "\r\n"
+    return feeds + returns - text.count("\r\n", start, end) - split
 
 
 def _AtLineStart(text: str, offset: int) -> bool:

@@ -10,23 +10,29 @@ import logging
 import os
 import sqlite3
 from collections import OrderedDict
-from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
+from collections.abc import Callable, Container, Iterable, Iterator, Sequence
 from functools import cached_property, partial
 from pathlib import Path
 from typing import Final, NamedTuple, TypeVar
 
 from guiutils import lgtk
-from loombase.destroyable import CDestroyable
-from loombase.inspection import CFileKind, StateOf
 from loombase.location import CLocalFileLocation, CLocation, LocationFromUrl
 from pysource import _fastaccess
+from pysource.knownfiles import CFollowing, CKnownFiles, SecondsOf
 from pysource.loccache import CLocCache
 
 from loom import freshness
 from loom._pyscan import unpack_info
 from loom.mainloop.base import LOW_IDLE_PRIORITY
+from loom.store import followed
 from loom.store.checkpoint import Checkpointer
-from loom.store.database import kLockWaitSeconds, open_for_writing, set_aside, told
+from loom.store.database import (
+    kLockWaitSeconds,
+    open_for_writing,
+    set_aside,
+    told,
+    transaction,
+)
 from loom.store.derived import DerivedRecord
 from loom.store.errors import StoreError, is_damage
 from loom.store.lookup import Lookup
@@ -41,7 +47,7 @@ from loom.store.records import (
 )
 from loom.store.writer import Writer
 
-__all__ = ["CInfoCache", "CScopeInfo", "CScopeInfoKey", "SecondsOf"]
+__all__ = ["CFollowing", "CInfoCache", "CScopeInfo", "CScopeInfoKey", "SecondsOf"]
 
 _log = logging.getLogger("loom.infocache")
 _T = TypeVar("_T")
@@ -65,24 +71,17 @@ _kCommitSeconds: Final = 0.006
 # What `Trim` takes when it must write and the slice is over.
 _kForcedSeconds: Final = 0.005
 
+# States of files that are kept between the question for their time and that for their scans.
+_kMaxDiskStates: Final = 4096
+
 # Behind the scheduler's slices.
 _kGoOnPriority: Final = LOW_IDLE_PRIORITY + 100
 
 # Seconds to wait before the next try when the database couldn't be written.
 _kRetrySeconds: Final = 1.0
 
-# States of files that are kept between the question for their time and that for their scans.
-_kMaxDiskStates: Final = 4096
-
 # Files that `ForgetVanishedBelow` looks at between two yields: a millisecond or so.
 _kVanishedStep: Final = 200
-
-# A double holds seconds since the epoch to a quarter of a microsecond.
-_kSameTimeSeconds: Final = 1e-6
-
-# Modification times, in nanoseconds, whose seconds mean something else: no such file, and a buffer
-# with unsaved changes.
-_kReservedTimes: Final = (0, -2_000_000_000)
 
 
 class CScopeInfoKey(NamedTuple):
@@ -140,15 +139,7 @@ class CScopeInfo:
         return f"CScopeInfo({self.key.loc!r}, {self.key.scope_name!r}, {self.key.scan_name!r})"
 
 
-class _DiskState(NamedTuple):
-    """A file's time and size to the last digit; `mtime` is the time as it was told, in seconds."""
-
-    mtime: float
-    mtime_ns: int
-    size: int
-
-
-class CInfoCache(CDestroyable):
+class CInfoCache(CKnownFiles):
     """The store of all scan results, over the database at `path`.
 
     Signals: "needs-scan-added" (the cache, a set of triples of location, scope name and scan name,
@@ -172,13 +163,13 @@ class CInfoCache(CDestroyable):
         self._fWriter = Writer(self._fConnection)
         self._fLookup = Lookup(self._fConnection)
         self._fCheckpointer = Checkpointer(self.fPath)
-        self._fDataVersion = self._fLookup.data_version()
+        self._fDataVersion = self._fFollowedVersion = self._fLookup.data_version()
         # By location, least recently used first, so that a file's records go together.
         self._fRecords: OrderedDict[CLocation, dict[str, CScopeInfo]] = OrderedDict()
         self._fRecordBytes = 0
         # Scopes of unsaved text. They end with it, so the database doesn't get them.
         self._fUnsaved: dict[CLocation, dict[str, CScopeInfo]] = {}
-        self._fDiskStates: dict[CLocation, _DiskState] = {}
+        self._fDiskStates = {}
         self._fAskedScans: set[_Triple] = set()
         self._fSliceEnd: float | None = None
         self.fWriteSeconds = _kIdleWriteSeconds  # what an idle call of its own may take
@@ -187,112 +178,6 @@ class CInfoCache(CDestroyable):
         self._fClosed = False
 
     # --- questions
-
-    def GetDiskMTime(self, loc: CLocation) -> float:
-        """The file's modification time in seconds, 0.0 if there is no such file.
-
-        A file that is gone is forgotten. The time of a remote file is what its inspection found,
-        and -1.0, the time of no results, if it isn't inspected.
-        """
-        if not isinstance(loc, CLocalFileLocation):
-            return self._InspectedMTime(loc)
-        try:
-            status = os.stat(loc.path)
-        except (FileNotFoundError, NotADirectoryError):
-            self.ForgetFile(loc)
-            return 0.0
-        except OSError:
-            return 0.0
-        mtime_ns = freshness.mtime_ns_of(status)
-        mtime = SecondsOf(mtime_ns)
-        self._fDiskStates[loc] = _DiskState(mtime, mtime_ns, status.st_size)
-        return mtime
-
-    def _InspectedMTime(self, loc: CLocation) -> float:
-        state = StateOf(loc)
-        if state is None:
-            return -1.0 if loc.fAsyncInspect else 0.0
-        if state.kind is CFileKind.ABSENT:
-            self.ForgetFile(loc)
-        if state.kind in (CFileKind.ABSENT, CFileKind.CLOSED):
-            return 0.0
-        mtime = SecondsOf(state.mtime_ns)
-        self._fDiskStates[loc] = _DiskState(mtime, state.mtime_ns, state.size)
-        return mtime
-
-    def GetScansDoneForMultipleFiles(
-        self, modtimes: Mapping[CLocation, float]
-    ) -> dict[CLocation, str]:
-        """For each file whose results are of the given time, the names of the scans done.
-
-        The text holds each name between blanks. Files that aren't known, that were scanned at
-        another time or by another version of the scanner, or whose time can't be trusted, are
-        missing. Where `GetDiskMTime` found the time, the size must be the same as well.
-        """
-        self._NoticeOtherWriters()
-        urls = [loc.fUrl for loc in modtimes]
-        states = self._States(urls)
-        result: dict[CLocation, str] = {}
-        for url, (loc, modtime) in zip(urls, modtimes.items(), strict=True):
-            disk = self._fDiskStates.pop(loc, None)
-            state = states.get(url)
-            if state is None:
-                continue
-            if disk is not None and disk.mtime == modtime:
-                valid = freshness.is_fresh(state, disk.mtime_ns, disk.size)
-            elif abs(SecondsOf(state.mtime_ns) - modtime) < _kSameTimeSeconds:
-                valid = freshness.is_fresh(state, state.mtime_ns, state.size)
-            else:
-                valid = False
-            if valid and state.scans:
-                result[loc] = state.scans
-        return result
-
-    def StatesOf(self, locs: Iterable[CLocation]) -> dict[CLocation, FileState]:
-        """For which state of the files there are results, without files that aren't known."""
-        by_url = {loc.fUrl: loc for loc in locs}
-        return {by_url[url]: state for url, state in self._States(by_url).items()}
-
-    def _States(self, urls: Iterable[str]) -> dict[str, FileState]:
-        """For which state of the files results are stored or wait, without unknown files."""
-        writer = self._fWriter
-        states: dict[str, FileState] = {}
-        to_ask: list[str] = []
-        for url in urls:
-            record = writer.pending_file(url)
-            if record is not None:
-                states[url] = record.state()
-            elif not writer.pending_deletion(url):
-                to_ask.append(url)
-        if to_ask:
-            stored: dict[str, FileState] = {}
-            stored = self._Ask(lambda: self._fLookup.states(to_ask), stored)
-            for url, state in stored.items():
-                times = writer.pending_times(url)
-                states[url] = state if times is None else state._replace(**times._asdict())
-        derived = writer.derived
-        if not derived.empty:
-            for url, state in states.items():
-                states[url] = state._replace(scans=derived.scans_of(url, state))
-        return states
-
-    def GetAllImports(self, locs: Sequence[CLocation]) -> list[tuple[CLocation, None, bytes]]:
-        """(file, none, its import equivalents joined by ";") of each file that imports anything."""
-        urls = [loc.fUrl for loc in locs]
-        found: dict[str, bytes] = {}
-        to_ask: list[str] = []
-        for url in urls:
-            record = self._fWriter.pending_file(url)
-            if record is not None:
-                found[url] = record.imports
-            elif not self._fWriter.pending_deletion(url):
-                to_ask.append(url)
-        if to_ask:
-            unknown: dict[str, bytes] = {}
-            found.update(self._Ask(lambda: self._fLookup.imports(to_ask), unknown))
-        return [
-            (loc, None, found[url]) for url, loc in zip(urls, locs, strict=True) if found.get(url)
-        ]
 
     def GetScopeInfo(self, loc: CLocation, scope_name: str) -> CScopeInfo | None:
         """What is stored of a scope, or none. Never scans."""
@@ -349,19 +234,17 @@ class CInfoCache(CDestroyable):
             return []
         return self._Ask(lambda: self._fLookup.scope_lines(loc.fUrl), [])
 
-    def GetScopeNames(self, loc: CLocation) -> set[str]:
-        """The names of the scopes of a file that something is known of, as by `GetScopeLines`.
-
-        Those of unsaved text are among them, and so are scopes that were known to be there once.
-        """
-        names = {name for name, _, _ in self.GetScopeLines(loc)}
-        return names | self._fUnsaved.get(loc, {}).keys()
+    def GetUnsavedNames(self, loc: CLocation) -> set[str]:
+        """The names of the scopes of which something is known from a file's unsaved text."""
+        return set(self._fUnsaved.get(loc, ()))
 
     # --- changes
 
     def AddFile(self, loc: CLocation, record: FileRecord) -> None:
         """Store what a whole-file scan found, in place of all that was known of the file."""
         self._fWriter.put_file(record)
+        if self.fFollowing is not None:
+            self.fFollowing.NoteScan(loc)
         self._NoteExports(loc, record.exports)
         self._Forget(loc)
         self.ForgetUnsaved(loc)
@@ -380,6 +263,8 @@ class CInfoCache(CDestroyable):
         self._fWriter.put_times(loc.fUrl, digest, times)
         self._Forget(loc)  # records tell the time
         self.ForgetUnsaved(loc)
+        if self.fFollowing is not None:
+            self.fFollowing.NoteScan(loc)
         self.emit("file-reread", self, loc)
         return True
 
@@ -391,22 +276,6 @@ class CInfoCache(CDestroyable):
     def fDerivedGeneration(self) -> int:
         """A number that changes whenever what files show to others changes."""
         return self._fWriter.derived.generation
-
-    def HasResultsOf(self, loc: CLocalFileLocation) -> bool:
-        """Whether what is stored of a file is of its present time and size, however young these are."""
-        state = self._States([loc.fUrl]).get(loc.fUrl)
-        if state is None or not state.scans:
-            return False
-        try:
-            status = os.stat(loc.path)
-        except OSError:
-            return False
-        return state.mtime_ns == freshness.mtime_ns_of(status) and state.size == status.st_size
-
-    def GetDigest(self, loc: CLocation) -> bytes:
-        """The digest of the bytes that the results of a file are of; empty for none."""
-        state = self._States([loc.fUrl]).get(loc.fUrl)
-        return b"" if state is None or not state.scans else state.digest
 
     def _NoteExports(self, loc: CLocation, exports: bytes | None) -> None:
         """Let go of derived results that depend on what others saw of the file."""
@@ -441,29 +310,35 @@ class CInfoCache(CDestroyable):
         self.ForgetUnsaved(loc)
         self._fDiskStates.pop(loc, None)
 
-    def IsKnown(self, loc: CLocation) -> bool:
-        """Whether anything is stored of the file, were it a failure."""
-        return loc.fUrl in self._States([loc.fUrl])
-
     def ForgetUnsaved(self, loc: CLocation) -> None:
         """Drop the scopes of a file's unsaved text, which is no more."""
         self._fUnsaved.pop(loc, None)
 
     def ForgetVanishedBelow(
-        self, folder: CLocalFileLocation, is_left_out: Callable[[str], bool] | None = None
-    ) -> Iterator[None]:
-        """Drop the files below a folder that are there no more; yields now and then.
+        self,
+        folder: CLocalFileLocation,
+        is_left_out: Callable[[str], bool] | None = None,
+        found: Container[str] = (),
+    ) -> Iterator[list[CLocalFileLocation]]:
+        """Drop the files below a folder that are there no more, some at a time.
 
         For the end of a scan of the folder: nobody asks for the times of files that aren't found.
-        With `is_left_out`, those for whose paths it is true are dropped, too.
+        The URLs `found` aren't looked at. Of the others, yields those that are still there. With
+        `is_left_out`, those for whose paths it is true are dropped, too.
         """
-
         for urls in self.StoredUrlsBelow(folder):
+            others = []
             for url in urls:
+                if url in found:
+                    continue
                 path = path_of(url)
-                if path is not None and (_IsGone(path) or (is_left_out and is_left_out(path))):
-                    self.ForgetFile(CLocalFileLocation(path))
-            yield
+                if path is not None:
+                    loc = CLocalFileLocation(path)
+                    if _IsGone(path) or (is_left_out and is_left_out(path)):
+                        self.ForgetFile(loc)
+                    else:
+                        others.append(loc)
+            yield others
 
     def StoredUrlsBelow(self, folder: CLocation) -> Iterator[list[str]]:
         """The URLs of all files below a folder of which anything is stored, some at a time.
@@ -483,6 +358,37 @@ class CInfoCache(CDestroyable):
             if len(urls) < _kVanishedStep:
                 return
             after = urls[-1]
+
+    # --- where imports led to
+
+    def LoadFollowed(self, key: bytes) -> followed.Followed | None:
+        """What was saved under the key, or none. From now on other writers keep it from saving."""
+        self._fFollowedVersion = self._Ask(self._fLookup.data_version, 0)
+        try:
+            return self._Ask(lambda: followed.load(self._fConnection, key), None)
+        except ValueError:
+            _log.warning("what was remembered of imports can't be read")
+            return None
+
+    def SaveFollowed(self, key: bytes, row: followed.Followed) -> bool:
+        """Save something under a key; false if that couldn't be done, which does no harm."""
+        return self._WriteFollowed(lambda: followed.save(self._fConnection, key, row))
+
+    def MarkFollowed(self, number: int, urls: Sequence[str]) -> bool:
+        """Have at most `kUrlsPerMark` files bear the number of what was saved; false if not."""
+        return self._WriteFollowed(lambda: followed.mark(self._fConnection, number, urls))
+
+    def _WriteFollowed(self, write: Callable[[], None]) -> bool:
+        try:
+            with told(self.fPath, 0.0), transaction(self._fConnection, 0.0):
+                # Another process may have written files whose imports nobody has followed yet.
+                if self._fLookup.data_version() != self._fFollowedVersion:
+                    return False
+                write()
+        except StoreError as error:
+            _log.info("where imports led to isn't remembered: %s", error)
+            return False
+        return True
 
     def AddNeedsScan(self, triples: Iterable[_Triple], priority: int | None = None) -> None:
         """Ask for scans. One that was asked for and hasn't finished since isn't asked for again."""
@@ -678,8 +584,3 @@ def _IsGone(path: str) -> bool:
 def _RecordBytes(info: CScopeInfo) -> int:
     # Unpacked, the names and their information take a few times their packed length.
     return 500 + 4 * len(info.packed)
-
-
-def SecondsOf(mtime_ns: int) -> float:
-    """A modification time as the rest of the system knows it, always the same way."""
-    return (mtime_ns + 1 if mtime_ns in _kReservedTimes else mtime_ns) / 1e9

@@ -202,8 +202,11 @@ def _indentation(line: bytes) -> bytes:
 def _decorated(lines: Sequence[bytes], at: int, first: int) -> int:
     """The line of the first decorator of the definition on a line, not above line `first`."""
     column = _column(lines[at])
+    deeper = b" " * (column + 1)
     start = at
     for other in range(at - 1, first - 1, -1):
+        if lines[other].startswith(deeper):
+            continue
         text = lines[other].lstrip(b" \t\f")
         if text.startswith(_kContinuations) or (indent := _column(lines[other])) > column:
             continue

@@ -302,7 +302,8 @@ class CSingleScopePrimaryScanner(CScanner):
         if self._fTextName == kModuleScopeName:
             within, rows = "", self._fAllRows
         by_name = {row[0]: row for row in rows}
-        for name in _InfoCache().GetScopeNames(self.fLocation):
+        known = {name for name, _, _ in self._KnownLines()}
+        for name in known | _InfoCache().GetUnsavedNames(self.fLocation):
             if not name.startswith(within) or name in by_name:
                 continue
             if IsDefLineScope(name) and ParentScopeName(name) in by_name:

@@ -68,7 +68,8 @@ def same_as_whole(host: Host, loc: CLocalFileLocation, text: str) -> None:
         }
         assert known == found, row[0]
     names = {row[0] for row in rows}
-    for name in host.cache.GetScopeNames(loc) - names:
+    stored = {name for name, _, _ in host.cache.GetScopeLines(loc)}
+    for name in (stored | host.cache.GetUnsavedNames(loc)) - names:
         info = host.cache.GetScopeInfo(loc, name)
         assert info is not None
         class_name = GetClassForInstanceName(name)
