@@ -19,7 +19,7 @@ help:
 	@echo "make examples      run the examples, and the main loops for Qt and GLib"
 	@echo "make format        format the C++ sources; make format-check only looks"
 	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers,"
-	@echo "                   bench-latency how long others wait for a scan"
+	@echo "                   bench-latency how long others wait for a scan; bench-edit what an edit costs"
 	@echo "make fuzz          look for inputs that break what walks text (needs clang++)"
 	@echo "make clean         remove .venv and build"
 
