@@ -118,6 +118,9 @@ def _searches(
         cls = classes.builtin_class(ctx, "function")
         if cls is not None:
             yield classes.linearization(ctx, cls), True
+        if isinstance(value, Function):
+            for made in bindings.decorated(ctx, value):
+                yield from _searches(ctx, made)
 
 
 def _found_in(

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from dataclasses import replace
 from typing import TYPE_CHECKING, Final
 
@@ -27,7 +28,6 @@ from loom.infer.parts import (
     Part,
     TypeParamPart,
     WithinPart,
-    parse_expression,
 )
 from loom.infer.values import (
     Class,
@@ -45,7 +45,7 @@ from loom.infer.values import (
 if TYPE_CHECKING:
     from loom.infer.context import CInferenceContext
 
-__all__ = ["function_of", "symbol_values", "target_values"]
+__all__ = ["decorated", "function_of", "symbol_values", "target_values"]
 
 # Files that define the forms of hints.
 _kTypingFiles: Final = frozenset(
@@ -188,19 +188,25 @@ def _function_values(ctx: CInferenceContext, symbol: Symbol, part: DefPart) -> V
     ]
     if not unknown:
         return (function,)
-    found: list[Values] = [(function,)]
-    for decorator in unknown:
-        node = parse_expression(decorator)
-        if node is None:
-            continue
-        makers = evaluate.node_values(ctx, symbol.loc, symbol.scope_name, node)
-        made = calls.results(ctx, makers, calls.Arguments((lambda: (function,),), {}))
-        found.append(tuple(value for value in made if isinstance(value, Instance)))
+    found = [(function,), decorated(ctx, function, unknown)]
     replaced = union(found)
     for value in replaced:
         if isinstance(value, Instance) and _is_property_class(ctx, value.cls):
             return (replace(function, decorators=("property",)),)
     return replaced
+
+
+def decorated(
+    ctx: CInferenceContext, function: Function, decorators: Sequence[str] | None = None
+) -> Values:
+    """The objects that decorators, all of them by default, make of a function."""
+    found: list[Values] = []
+    scope_name = ParentScopeName(function.scope_name)
+    for decorator in function.decorators if decorators is None else decorators:
+        makers = evaluate.text_values(ctx, function.loc, scope_name, decorator)
+        made = calls.results(ctx, makers, calls.Arguments((lambda: (function,),), {}))
+        found.append(tuple(value for value in made if isinstance(value, Instance)))
+    return union(found)
 
 
 def _is_property_class(ctx: CInferenceContext, cls: Class) -> bool:

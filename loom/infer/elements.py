@@ -36,7 +36,9 @@ def along_path(ctx: CInferenceContext, values: Values, path: str) -> Values:
         elif step["index"]:
             values = unpacked(ctx, values, int(step["index"]))
         elif step["rest"]:
-            values = classes.builtin_instance(ctx, "list", (iterated(ctx, values),))
+            first, _, last = step["rest"].partition(":")
+            part = slice(int(first or 0), int(last) if last else None)
+            values = classes.builtin_instance(ctx, "list", (_rest(ctx, values, part),))
         elif step["enter"]:
             values = entered(ctx, values, "__enter__")
         elif step["aenter"]:
@@ -44,6 +46,15 @@ def along_path(ctx: CInferenceContext, values: Values, path: str) -> Values:
         else:
             values = _caught(ctx, values)
     return values
+
+
+def _rest(ctx: CInferenceContext, values: Values, part: slice) -> Values:
+    """The elements that a starred target takes."""
+    found: list[Values] = []
+    for value in values:
+        args = _tuple_args(ctx, value)
+        found.append(iterated(ctx, (value,)) if args is None else union(args[part]))
+    return union(found)
 
 
 def _caught(ctx: CInferenceContext, values: Values) -> Values:

@@ -4,6 +4,7 @@ A position is told by a snippet of the text that occurs once, with "|" where it 
 """
 
 import os
+import shutil
 from collections.abc import Iterator, Mapping
 from pathlib import Path
 from typing import Any
@@ -14,6 +15,7 @@ from loom.bootstrap import ensure_host_path
 
 ensure_host_path()
 
+from guiutils import lgtk
 from loombase.location import CLocalFileLocation
 
 from loom.app import App
@@ -120,12 +122,49 @@ class Project:
         return values_text(values)
 
 
-@pytest.fixture
-def project(tmp_path: Path, main_loop: SteppedMainLoop, clock: Clock) -> Iterator[Project]:
+@pytest.fixture(scope="session")
+def scanned_library(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """A database with the stubs that nearly every question leads to."""
+    folder = tmp_path_factory.mktemp("library")
+    path = folder / "info.sqlite3"
+    loop = SteppedMainLoop()
+    app = App(path, loop)
+    source = folder / "m.py"
+    source.write_text("")
+    context = app.ana_mgr.fInferenceEngine.NewContext(float("inf"))
+    for expression in ("[x for x in {}.items()]", "''.join(open(''))", "Missing()"):
+        api.evaluate_expression(CLocalFileLocation(source), "", expression, context)
+    assert not context.partial
+    app.destroy()
+    lgtk.SetMainLoop(None)
+    return path
+
+
+def _make_project(tmp_path: Path, main_loop: SteppedMainLoop, clock: Clock) -> Project:
     top = tmp_path / "project"
     top.mkdir()
     app = App(tmp_path / "info.sqlite3", main_loop)
     # The app has set the loop's clock.
     vars(_fastaccess)["__TimeFunc"] = clock
-    yield Project(top, app, clock)
-    app.destroy()
+    return Project(top, app, clock)
+
+
+@pytest.fixture
+def project(
+    tmp_path: Path, main_loop: SteppedMainLoop, clock: Clock, scanned_library: Path
+) -> Iterator[Project]:
+    """A project of which nothing is scanned, but the library."""
+    shutil.copyfile(scanned_library, tmp_path / "info.sqlite3")
+    made = _make_project(tmp_path, main_loop, clock)
+    yield made
+    made.app.destroy()
+
+
+@pytest.fixture
+def cold_project(
+    tmp_path: Path, main_loop: SteppedMainLoop, clock: Clock
+) -> Iterator[Project]:
+    """A project over an empty database."""
+    made = _make_project(tmp_path, main_loop, clock)
+    yield made
+    made.app.destroy()
