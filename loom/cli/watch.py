@@ -64,8 +64,7 @@ def watch(
     On a terminal the key "p" pauses and resumes, "q" quits; elsewhere the signal SIGUSR1 does the
     former. SIGUSR2 writes the scheduler's queue. With --json, each event is a line of its own.
 
-    Changes of the attributes alone, and of what a link leads to outside of the folders, aren't
-    scanned.
+    What a link leads to outside of the folders isn't followed.
     """
     set_up_logging(verbose)
     patterns = parse_exclude(exclude)

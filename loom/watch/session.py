@@ -132,7 +132,8 @@ class WatchSession(CDestroyable):
         self.app.coordinator.SuspendIdleScans()
         self.follower.pause()
         self._write()
-        self._tell("paused", waiting=self.app.coordinator.GetStatus().waiting_count)
+        self.scan.update_queued()
+        self._tell("paused", queued=self.scan.counts.queued)
 
     def resume(self) -> None:
         """Go on after `pause`."""
@@ -168,6 +169,7 @@ class WatchSession(CDestroyable):
 
     def _queue(self, _follower: object, locs: list[CLocation], priority: int) -> None:
         GetSingletons().fSavableMgr.FilesChanged(locs)
+        self._app.ana_mgr.fAnalysisFactory.Recheck()
         self.scan.add(locs, priority)
 
     def _followed(self) -> None:
@@ -188,6 +190,7 @@ class WatchSession(CDestroyable):
 
     def _file_forgotten(self, _follower: object, path: str) -> None:
         self._forgotten += 1
+        self._app.ana_mgr.fAnalysisFactory.Recheck()
         self._become_busy()
         self._tell("forgotten", path=path)
 
