@@ -41,7 +41,10 @@ def now_ns() -> int:
 
 def mtime_ns_of(status: os.stat_result) -> int:
     """The modification time of a file as it is stored and compared."""
-    return min(max(status.st_mtime_ns, _kMinNs), _kMaxNs)
+    mtime_ns = status.st_mtime_ns
+    if _kMinNs <= mtime_ns <= _kMaxNs:
+        return mtime_ns
+    return _kMinNs if mtime_ns < _kMinNs else _kMaxNs
 
 
 def is_settled(mtime_ns: int, read_ns: int) -> bool:

@@ -123,17 +123,23 @@ class Tally:
                 self.counts.imported.found += 1
 
     def settle(self, loc: CLocation, outcome: Outcome) -> None:
-        """What became of a file; the last word counts."""
+        """What became of a file; the last word counts, but that it was read again says nothing new."""
         if loc in self._asked:
             group, counts = self._asked, self._asked_counts
         else:
             self.follow((loc,))
             group, counts = self._imported, self.counts.imported
         before = group[loc]
+        if before is not None and outcome.reread:
+            return
         if before is not None:
             counts._add(before, -1)
         group[loc] = outcome
         counts._add(outcome)
+
+    def imported(self) -> Iterable[CLocation]:
+        """The files that came with others and weren't asked for."""
+        return self._imported.keys()
 
     def settle_left(self, is_left: Callable[[CLocation], bool]) -> None:
         """Count the files that are left. Requires: `counts.queued` is up to date."""

@@ -5,10 +5,12 @@ from __future__ import annotations
 import logging
 import os
 from collections.abc import Callable, Generator, Iterator, Mapping, Sequence
+from functools import partial
 from time import perf_counter
 from typing import TYPE_CHECKING, Final
 
 from guiutils import lgtk
+from guiutils.lgtk import NoArgCallback
 from loombase.destroyable import CDestroyable
 from loombase.location import CLocalFileLocation, CLocation, CSshFileLocation, IsSshUrl
 from loombase.mime import kPythonMimeType
@@ -16,11 +18,13 @@ from loomutils.reflect import GetFailureReporter
 from pathspec import GitIgnoreSpec
 
 from loom.app import App
+from loom.following import ImportMemory
 from loom.mainloop.base import LOW_IDLE_PRIORITY
 from loom.scancounts import FileError, Outcome, ScanCounts, Tally
 from loom.store.errors import StoreError
 from loom.store.records import FileRecord
 from loom.walk import Found, FoundRemote, Problem, Step, Waiting, walk
+from pysource.scancoordinator import kBackgroundPriority
 
 if TYPE_CHECKING:
     from loom.remote.search import RemoteSearch
@@ -37,6 +41,8 @@ _LAST_IDLE_PRIORITY: Final = 1000
 
 # So many failures outside of scans with nothing done in between, and the run is given up.
 _MOST_FAILURES: Final = 5
+
+_kWholeFile: Final = "*"
 
 
 class ScanSession(CDestroyable):
@@ -87,6 +93,9 @@ class ScanSession(CDestroyable):
             self._walk = self._remote.steps_with(self._walk)
         self._folders = [os.path.abspath(path) for path in paths if os.path.isdir(path)]
         self._unwalkable: set[str] = set()
+        self._found: set[str] = set()
+        self._memory: ImportMemory | None = None
+        self._recalling = self._recall_steps([os.path.abspath(path) for path in paths], exclude)
         self._forgetting = self._forget_steps()
         self._has_forgotten = False
         self._walk_idle: int | None = None
@@ -169,6 +178,9 @@ class ScanSession(CDestroyable):
 
     def _find_for_a_while(self) -> bool:
         end = perf_counter() + _WALK_SECONDS
+        for _ in self._recalling:
+            if perf_counter() >= end:
+                return True
         locs: list[CLocation] = []
         more = True
         waiting = False
@@ -182,6 +194,7 @@ class ScanSession(CDestroyable):
                 if isinstance(step, Found):
                     loc: CLocation = CLocalFileLocation(step.path)
                     declare = step.named
+                    self._found.add(loc.fUrl)
                 else:
                     loc, declare = step
                 if declare:
@@ -236,9 +249,53 @@ class ScanSession(CDestroyable):
         for folder in self._folders:
             # One that couldn't be looked at may be back tomorrow, with all that is in it.
             if folder not in self._unwalkable:
-                yield from self.app.info_cache.ForgetVanishedBelow(CLocalFileLocation(folder))
+                loc = CLocalFileLocation(folder)
+                for others in self.app.info_cache.ForgetVanishedBelow(loc, found=self._found):
+                    # They were come by once, as imported files may be that are left out.
+                    self._follow(others)
+                    yield None
         if self._remote is not None:
             yield from self._remote.forget_steps(self.app.info_cache)
+
+    # --- imports
+
+    def _recall_steps(
+        self, paths: Sequence[str], exclude: GitIgnoreSpec | None
+    ) -> Iterator[None]:
+        """See which imports need not be followed."""
+        if not self.app.coordinator._fAnalyzeFoundImports:
+            return
+        memory = self._memory = ImportMemory(self.app, paths, exclude)
+        factory = self.app.ana_mgr.fAnalysisFactory
+        factory.connect_while_alive(
+            "import-resolution-changed", NoArgCallback(self._forget_imports), self
+        )
+        for locs in memory.recall():
+            self._follow(locs)
+            yield
+
+    def _follow(self, locs: Sequence[CLocation]) -> None:
+        """Have files looked at that an earlier session came by."""
+        if locs and self._memory is not None and self._memory.holds:
+            pairs = [(loc, _kWholeFile) for loc in locs]
+            self.app.coordinator.AddPairsToPrimaryQueue(pairs, False, kBackgroundPriority)
+
+    def _forget_imports(self) -> None:
+        if self._memory is not None:
+            self._memory.drop()
+            self._memory = None
+
+    def _remember_some(self, remembering: Iterator[None]) -> bool:
+        end = perf_counter() + _WALK_SECONDS
+        try:
+            for _ in remembering:
+                if perf_counter() >= end:
+                    return True
+        except Exception as error:
+            self.give_up(error)
+        self._walk_idle = None
+        self._watch_for_end()
+        return False
 
     # --- following the run
 
@@ -329,6 +386,15 @@ class ScanSession(CDestroyable):
         elif coordinator._fLocsQueuedInHelper:
             pass  # helpers are at work, and "scheduled" comes when they are done
         elif self._has_forgotten and coordinator.QueuesEmpty():
+            memory, self._memory = self._memory, None
+            if memory is not None and self._endless:
+                memory.drop()
+            elif memory is not None:
+                remembering = memory.remember(self._tally.imported())
+                self._walk_idle = lgtk.idle_add_while_alive(
+                    partial(self._remember_some, remembering), self, priority=LOW_IDLE_PRIORITY
+                )
+                return
             self.failure = None
             self.emit("at-rest", self)
             if not self._endless:

@@ -7,7 +7,7 @@ import stat
 import time
 from typing import Final
 
-__all__ = ["FOLDER", "NATIVE", "SOURCE", "STUB", "Folders"]
+__all__ = ["FOLDER", "NATIVE", "SOURCE", "STUB", "Folders", "stamp"]
 
 # What a folder can hold under the name of a module.
 STUB: Final = 1  # NAME.pyi
@@ -36,7 +36,7 @@ class _Folder:
     def __init__(self, path: str, epoch: int) -> None:
         self.epoch = epoch
         self._path = path
-        self._stamp = _stamp(path)  # before the entries: a change meanwhile shows the next time
+        self._stamp = stamp(path)  # before the entries: a change meanwhile shows the next time
         self._known: dict[str, int] | None = _read(path) if self._stamp is not None else {}
 
     def kinds(self, name: str) -> int:
@@ -44,11 +44,15 @@ class _Folder:
             return _ask(self._path, name)
         return self._known.get(name, 0)
 
+    def stamp(self) -> tuple[int, int] | None:
+        """That of the folder as it was when it was read."""
+        return self._stamp
+
     def is_as_read(self) -> bool:
-        return self._known is not None and _stamp(self._path) == self._stamp
+        return self._known is not None and stamp(self._path) == self._stamp
 
 
-def _stamp(path: str) -> tuple[int, int] | None:
+def stamp(path: str) -> tuple[int, int] | None:
     """Tells states of a folder apart, or none if there is no such folder."""
     try:
         status = os.stat(path)
@@ -127,6 +131,10 @@ class Folders:
             return old
         new = self._folders[folder] = _Folder(folder, self._epoch)
         return new
+
+    def stamps(self) -> dict[str, tuple[int, int] | None]:
+        """The stamps of all folders that were asked for, as they were when they were read."""
+        return {path: folder.stamp() for path, folder in self._folders.items()}
 
     def recheck(self) -> None:
         """Look at the time of each folder once more when it is next asked for."""

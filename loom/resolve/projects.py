@@ -7,7 +7,7 @@ from typing import Final
 
 from loom.resolve.folders import Folders
 
-__all__ = ["Projects", "project_top"]
+__all__ = ["Projects", "has_mark", "project_top"]
 
 # A folder with one of these is the top of a project.
 _MARKERS: Final = ("pyproject.toml", "setup.py", "setup.cfg", ".git")
@@ -16,6 +16,11 @@ _MARKERS: Final = ("pyproject.toml", "setup.py", "setup.cfg", ".git")
 def project_top(folder: str) -> str | None:
     """The innermost folder that holds `folder`, or is it, and is the top of a project."""
     return Projects(Folders()).top_of(folder)
+
+
+def has_mark(folder: str) -> bool:
+    """Whether a folder shows by what is in it that it is the top of a project."""
+    return any(os.path.lexists(os.path.join(folder, marker)) for marker in _MARKERS)
 
 
 class Projects:
@@ -28,6 +33,10 @@ class Projects:
     def forget(self) -> None:
         """Look again the next time."""
         self._tops.clear()
+
+    def marked(self) -> dict[str, bool]:
+        """The folders in which marks of a project were looked for, and whether there were any."""
+        return {folder: top == folder for folder, top in self._tops.items()}
 
     def roots_of(self, folder: str) -> tuple[str, ...]:
         """The folders that modules of the project around `folder` are imported from, or nothing."""
@@ -53,7 +62,7 @@ class Projects:
         while folder not in self._tops:
             way.append(folder)
             parent = os.path.dirname(folder)
-            if any(os.path.lexists(os.path.join(folder, marker)) for marker in _MARKERS):
+            if has_mark(folder):
                 self._tops[folder] = folder
             elif parent == folder:
                 self._tops[folder] = None

@@ -10,14 +10,25 @@ from loombase.location import CLocalFileLocation
 
 from loom.resolve import typeshed
 from loom.resolve.environment import PythonEnvironment
-from loom.resolve.folders import SOURCE, Folders
-from loom.resolve.projects import Projects
+from loom.resolve.folders import SOURCE, Folders, stamp
+from loom.resolve.projects import Projects, has_mark
 from loom.resolve.search import STUB_PACKAGE_SUFFIX, Module, SearchPath
 
-__all__ = ["Module", "Resolver"]
+__all__ = ["Module", "Resolver", "is_as_it_was"]
 
 # Where installed packages stand, in whatever environment.
 _SITE_FOLDERS: Final = frozenset({"site-packages", "dist-packages"})
+
+
+# In place of an inode: there is no such one.
+_MARK: Final = -1
+
+
+def is_as_it_was(folder: str, known: tuple[int, int] | None) -> bool:
+    """Whether answers that depend on a folder still hold; `known` is from `folder_stamps`."""
+    if known is not None and known[0] == _MARK:
+        return has_mark(folder) == bool(known[1])
+    return stamp(folder) == known
 
 
 class _Place:
@@ -108,6 +119,16 @@ class Resolver:
         self.recheck()
 
     # --- questions
+
+    def folder_stamps(self) -> dict[str, tuple[int, int] | None]:
+        """What `is_as_it_was` takes, for each folder that answers depend on.
+
+        Stamps are from before the folder was looked into. A folder in which only the marks of a
+        project were looked for, such as one of temporary files, has whether there was one.
+        """
+        marked = self._projects.marked()
+        stamps = {folder: (_MARK, int(has)) for folder, has in marked.items()}
+        return stamps | self._folders.stamps()
 
     def find(self, name: str, folder: str | None) -> Module | None:
         """The module that `name` means in a file of `folder`; none: in the environment alone."""

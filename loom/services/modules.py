@@ -138,6 +138,13 @@ class CAnalysisFactory(CDestroyable):
 
     # --- further questions
 
+    def GetFolderStamps(self) -> dict[str, tuple[int, int] | None]:
+        """Of each folder that answers depend on, what `resolver.is_as_it_was` takes.
+
+        A negative second number can't be trusted.
+        """
+        return self._fResolver.folder_stamps()
+
     def GetModuleName(self, loc: CLocation) -> str | None:
         """The absolute name under which a file is imported, or none if it can't be."""
         if not isinstance(loc, CLocalFileLocation):

@@ -203,5 +203,5 @@ def _check(connection: sqlite3.Connection, path: Path) -> int:
 
 _kTables: Final = frozenset(
     """files scopes added_scopes definitions names
-    derived used_names depends depends_of exports derived_version""".split()
+    derived used_names depends depends_of exports derived_version followed""".split()
 )

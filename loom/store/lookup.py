@@ -28,13 +28,13 @@ class Lookup:
     def states(self, urls: Sequence[str]) -> dict[str, FileState]:
         """What was scanned of the files, without those that aren't known."""
         rows = self._by_url(
-            "SELECT url, mtime_ns, size, settled, digest, scanner, scans FROM files"
+            "SELECT url, mtime_ns, size, settled, digest, scanner, scans, followed FROM files"
             " WHERE url IN ",
             urls,
         )
         return {
-            url: FileState(mtime_ns, size, bool(settled), digest, scanner, scans)
-            for url, mtime_ns, size, settled, digest, scanner, scans in rows
+            url: FileState(mtime_ns, size, settled == 1, digest, scanner, scans, followed)
+            for url, mtime_ns, size, settled, digest, scanner, scans, followed in rows
         }
 
     def imports(self, urls: Sequence[str]) -> dict[str, bytes]:

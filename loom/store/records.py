@@ -74,7 +74,10 @@ class FileTimes(NamedTuple):
 
 
 class FileState(NamedTuple):
-    """For which state of a file its results are valid, and who made them."""
+    """For which state of a file its results are valid, and who made them.
+
+    `followed` tells when all that the file imports was followed (see `followed`), 0 for never.
+    """
 
     mtime_ns: int
     size: int
@@ -82,6 +85,7 @@ class FileState(NamedTuple):
     digest: bytes
     scanner: int
     scans: str
+    followed: int = 0
 
 
 class StoredScope(NamedTuple):

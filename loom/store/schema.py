@@ -11,7 +11,8 @@ files         One row a file. `scans` holds the names of the scans whose results
               `scanned_ns` is when it was scanned, in nanoseconds since the epoch (0 if not known);
               it is for people, and nothing depends on it.
               `written` is another number each time that the row is written anew, so that a process
-              can tell whether its own write is still the last one.
+              can tell whether its own write is still the last one. `followed` is the number of the
+              row of `followed` that holds for the file's imports, or 0.
               `imports` holds import equivalents, joined by ";".
               `error` says what was wrong with the file, and `error_lineno` where, or 0 if it
               couldn't be scanned at all. `indexed` is 1 when all its names stand in `names`.
@@ -31,6 +32,7 @@ depends       Which derived results depend on what, by keys (see `loom.store.der
 depends_of    The keys of a file, eight bytes each.
 exports       The digest of what other files can see of a file.
 derived_version  The version of the derived scanner, in its only row.
+followed      Where the imports of files led to, in a session that came to its end (see `followed`).
 """
 
 import sqlite3
@@ -126,6 +128,16 @@ CREATE TABLE derived_version(
 ) STRICT;
 """
 
+_kFollowed = """
+ALTER TABLE files ADD COLUMN followed INTEGER NOT NULL DEFAULT 0;
+CREATE TABLE followed(
+  key BLOB PRIMARY KEY,
+  number INTEGER NOT NULL,
+  folders BLOB NOT NULL,
+  targets BLOB NOT NULL
+) STRICT;
+"""
+
 _kWrites = "ALTER TABLE files ADD COLUMN written INTEGER NOT NULL DEFAULT 0;"
 
 # Each step is a script of statements without transaction control.
@@ -135,6 +147,7 @@ kMigrations: Final[tuple[str, ...]] = (
     _kWhenScanned,
     _kDerivedResults,
     _kWrites,
+    _kFollowed,
 )
 kSchemaVersion: Final = len(kMigrations)
 

@@ -306,7 +306,7 @@ class Writer:
             execute(
                 "UPDATE files SET mtime_ns = ?, size = ?, digest = ?, scans = ?, error = ?,"
                 " error_lineno = ?, line_count = ?, definition_count = ?, imports = ?, indexed = ?,"
-                " settled = ?, scanner = ?, scanned_ns = ?, written = ? WHERE id = ?",
+                " followed = 0, settled = ?, scanner = ?, scanned_ns = ?, written = ? WHERE id = ?",
                 (
                     record.mtime_ns,
                     record.size,

@@ -373,7 +373,8 @@ class Follower(CDestroyable):
             elif path == folder.root:
                 self._wait_for_root(path)
             self.emit("forgotten", self, path)
-            yield from self._app.info_cache.ForgetVanishedBelow(CLocalFileLocation(path))
+            for _ in self._app.info_cache.ForgetVanishedBelow(CLocalFileLocation(path)):
+                yield
 
     def _wait_for_root(self, root: str) -> None:
         if self.source is not None:
@@ -460,7 +461,8 @@ class Follower(CDestroyable):
             return True
 
         loc = CLocalFileLocation(path)
-        yield from self._app.info_cache.ForgetVanishedBelow(loc, is_left_out_now)
+        for _ in self._app.info_cache.ForgetVanishedBelow(loc, is_left_out_now):
+            yield
 
     def _destroy_impl(self) -> None:
         self._app.coordinator.on_scan_over = None

@@ -31,6 +31,7 @@ def test_migrate_makes_all_tables_strict(empty: sqlite3.Connection) -> None:
     assert tables(empty) == {
         *("files", "scopes", "added_scopes", "definitions", "names"),
         *("derived", "used_names", "depends", "depends_of", "exports", "derived_version"),
+        "followed",
     }
     assert all(
         strict

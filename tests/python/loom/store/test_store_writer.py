@@ -77,7 +77,7 @@ def test_written_file_is_found(
     assert writer.pending_bytes == 0
     lookup = Lookup(opened)
     assert lookup.states(["file:///a.py", "file:///no.py"]) == {
-        "file:///a.py": (1_000, 10, True, b"file:///a.py", 1, " primary ")
+        "file:///a.py": (1_000, 10, True, b"file:///a.py", 1, " primary ", 0)
     }
     assert lookup.imports(["file:///a.py"]) == {"file:///a.py": b":ios"}
     assert lookup.scope("file:///a.py", "Some.second") == ("primary", 1e-6, False, False, b"second")
