@@ -32,9 +32,19 @@ class PendingRead:
     def __init__(self, server: RemoteServer, request: ReadFile) -> None:
         self.content: FileContent | None = None
         self.error: RemoteError | None = None
+        self._answers = 0
         self._server = server
         self._request = request
         self._is_open = True
+
+    def fail(self, error: RemoteError) -> None:
+        """To be called when the request is answered so."""
+        self.error = error
+        self._answers = self._server.answers
+
+    def server_is_back(self) -> bool:
+        """Whether the server has answered anything since this failed."""
+        return self._server.answers > self._answers
 
     def close(self) -> None:
         """Let go of the content; what isn't there yet isn't waited for any more."""
@@ -138,8 +148,8 @@ class RemoteFiles(CDestroyable):
         of one was given up.
         """
         group = _Group(callback)
-        wanted = {loc for loc in locs if force or loc not in self._states}
-        group.left |= wanted
+        wanted = dict.fromkeys(loc for loc in locs if force or loc not in self._states)
+        group.left.update(wanted)
         for loc in wanted:
             self.want(loc)
             self._asked[loc].append(group)
@@ -182,7 +192,7 @@ class RemoteFiles(CDestroyable):
                 self.note_state(loc, outcome.state)
             else:
                 assert isinstance(outcome, RemoteError)
-                pending.error = outcome
+                pending.fail(outcome)
                 if outcome.gone:
                     self.note_state(loc, CFileState(CFileKind.ABSENT))
             done()

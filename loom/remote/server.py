@@ -48,7 +48,8 @@ class ServerPhase(Enum):
 class RemoteServer(CRemoteServerManager):
     """The connection to the server `name`; made when something is asked, and again when it is lost.
 
-    `phase` is where it stands, `failure` the reason if it isn't well, else empty.
+    `phase` is where it stands, `failure` the reason if it isn't well, else empty. `answers` counts
+    the answers that it has given.
 
     A server that was given up fails what is asked of it for the time of a long pause, and is tried
     again by what is asked later.
@@ -62,6 +63,7 @@ class RemoteServer(CRemoteServerManager):
         self.name = name
         self.phase = ServerPhase.IDLE
         self.failure = ""
+        self.answers = 0
         self._make = make
         self._patience = patience
         self._transport: Transport | None = None
@@ -79,7 +81,6 @@ class RemoteServer(CRemoteServerManager):
         self._down_seconds: float | None = None
         self._given_up_at = 0.0
         self._pause = patience.first_retry
-        self._has_worked = False
         self._crowd_told = False
         self._is_over = False
 
@@ -148,9 +149,9 @@ class RemoteServer(CRemoteServerManager):
     def answered(self, transport: Transport, request: Request, outcome: Outcome) -> None:
         if transport is not self._transport or request not in self._under_way:
             return
+        self.answers += 1
         self._silent_beats = 0
         self._down_seconds = None
-        self._has_worked = True
         self._pause = self._patience.first_retry
         self._end(request)
         if isinstance(outcome, FileContent):
@@ -226,7 +227,7 @@ class RemoteServer(CRemoteServerManager):
         if self._down_seconds is None:
             self._down_seconds = silent_seconds
         self._take_back(was_connected)
-        hopeless = failure.lasting or (failure.refused and not self._has_worked)
+        hopeless = failure.lasting or (failure.refused and not self.answers)
         if hopeless or self._seconds_left() <= 0:
             self._give_up()
         elif self._questions or self._reads:

@@ -12,7 +12,6 @@ from singleton import GetSingletons
 
 from loom import freshness
 from loom.remote.files import PendingRead, RemoteFiles
-from loom.remote.requests import FileContent
 from loom.sourcetext import SourceError, SourceText, kMaxSourceBytes
 
 __all__ = ["read_remote_source"]
@@ -28,23 +27,29 @@ def read_remote_source(
     Yields true between steps, and false while the bytes aren't there; `wake` is called when they
     are, or when they won't come.
     """
-    files: RemoteFiles = GetSingletons().fAnalysisMgr.fLocationDataCache.GetRemoteFiles()
+    files: RemoteFiles
+    files = GetSingletons().fAnalysisMgr.fLocationDataCache.GetRemoteFiles()
     read_ns = freshness.now_ns()
     state = files.state_of(loc)
     if state is not None:
         # Looked at before it is opened: opening a device or a pipe can do things.
         _take_state(state, text, read_ns)
-    pending = files.read(loc, kMaxSourceBytes + 1, wake)
-    try:
-        while pending.content is None:
-            if pending.error is not None:
-                raise _source_error(files, loc, pending)
-            yield False
-        content: FileContent = pending.content
-        _take_state(content.state, text, read_ns)
-        text.data = content.data
-    finally:
-        pending.close()
+    while True:
+        pending = files.read(loc, kMaxSourceBytes + 1, wake)
+        try:
+            while pending.content is None and pending.error is None:
+                yield False
+        finally:
+            pending.close()
+        if pending.error is None:
+            break
+        # A scanner may be taken up again long after its server was given up.
+        if not pending.error.server_failed or not pending.server_is_back():
+            raise _source_error(files, loc, pending)
+    content = pending.content
+    assert content is not None
+    _take_state(content.state, text, read_ns)
+    text.data = content.data
     if not content.whole:
         raise _too_big(f"more than {kMaxSourceBytes:,}")
     digest = hashlib.blake2b(digest_size=16, usedforsecurity=False)

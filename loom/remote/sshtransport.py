@@ -142,8 +142,9 @@ class SshTransport:
             wanted["port"] = self._name.port
         host = unquote(self._name.host.strip("[]"))
         settled = await ssh.SSHClientConnectionOptions.construct(host=host, **wanted)
-        if settled.known_hosts is None:
-            wanted["known_hosts"] = b""  # "UserKnownHostsFile none" would trust anybody
+        wanted["known_hosts"] = await self._loop.run_in_executor(
+            None, _read_known_hosts, settled.known_hosts
+        )
         lost: asyncio.Future[Exception | None] = self._loop.create_future()
 
         class Owner(ssh.SSHClient):  # type: ignore[misc]
@@ -250,6 +251,19 @@ class SshTransport:
             return FileContent(state, b"".join(pieces), whole)
         finally:
             await file.close()
+
+
+def _read_known_hosts(named: Any) -> asyncssh.SSHKnownHosts:
+    """The keys of servers in the files that the configuration names, by default OpenSSH's own.
+
+    The library would read them in the main loop, and trust any server for "UserKnownHostsFile
+    none".
+    """
+    import asyncssh
+
+    files = [named] if isinstance(named, str) else named or ["~/.ssh/known_hosts"]
+    paths = [os.path.expanduser(file) for file in files]
+    return asyncssh.read_known_hosts([path for path in paths if os.path.exists(path)])
 
 
 async def _bytes_of(file: asyncssh.SFTPClientFile, size: int, offset: int) -> bytes:

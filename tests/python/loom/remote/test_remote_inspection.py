@@ -404,6 +404,27 @@ def test_a_server_given_up_keeps_what_was_known_and_wakes_its_scanners(
     assert app.coordinator.QueuesEmpty()
 
 
+def test_a_scanner_that_was_left_behind_goes_on_when_its_server_is_back(
+    app, network, main_loop, stored
+):
+    network.tree = {"/a.py": b"a = 1\n"}
+    loc = far("/a.py")
+    scan(app, loc)
+    network.last.connect()
+    network.serve()
+    main_loop.run_idle()  # waits to be read
+    network.last.lose("gone", lasting=True)
+    main_loop.run_idle()
+    app.coordinator.RemoveLocationsFromQueue([loc])
+    main_loop.advance(60)
+    scan(app, loc)
+    network.last.connect()
+    for _ in range(3):
+        network.serve()
+        main_loop.run_idle()
+    assert stored == [("/a.py", None)] and waiting(app) == 0
+
+
 def test_a_file_that_vanishes_before_it_is_read(app, network, main_loop, stored):
     network.tree = {"/a.py": b"a = 1\n"}
     loc = far("/a.py")
