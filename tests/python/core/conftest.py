@@ -14,7 +14,9 @@ kFakeHost = kCore / "fakehost"
 
 if "loombase" in sys.modules:
     raise RuntimeError("another host is loaded: run tests/python/core in a process of its own")
-sys.path.insert(0, str(kFakeHost))
+# What the tests of the queue share serves those of the coordinator, too.
+sys.path[:0] = [str(kFakeHost), str(kCore / "queue")]
+pytest.register_assert_rewrite("queue_support")
 
 
 @pytest.fixture(autouse=True)

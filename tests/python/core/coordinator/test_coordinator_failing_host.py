@@ -6,24 +6,18 @@ was raised, the queue must be whole, nothing of a synchronous scan may be left o
 call must work.
 """
 
-import sys
-from pathlib import Path
-
 import collaborators
 import pytest
 from loomutils import reflect
 from operations import kVirtual, watched
 from pysource import _fastaccess, scopescanner
 from pysource.scancoordinator import CScanCoordinator
+from queue_support import check_invariants
 from session import Session, watch_host
 from world import World
 
 import hostclock
-import hostlog
 import hostreset
-
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "queue"))
-from queue_support import check_invariants
 
 # The runs are dealt to so many tests, so that a failure tells roughly where it is.
 kParts = 8

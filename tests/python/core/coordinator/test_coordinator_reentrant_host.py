@@ -4,22 +4,17 @@ The session of the failing host, run once for every few calls; the chosen call d
 coordinator before it is answered.
 """
 
-import sys
 from collections.abc import Callable
-from pathlib import Path
 
 import pytest
 from guiutils import lgtk
 from pysource import _fastaccess
+from queue_support import check_invariants
 from session import Session, watch_host
 from world import kPrimary, World
 
 import hostclock
 import hostreset
-
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "queue"))
-from queue_support import check_invariants
-
 # Each action is done at every so many calls; they begin at different ones.
 kStride = 7
 

@@ -1,12 +1,6 @@
 """Fixtures of the queue's tests. Most tests run over the C++ queue and its plain-Python twin."""
 
-import sys
-from pathlib import Path
-
 import pytest
-
-sys.path.insert(0, str(Path(__file__).resolve().parent))
-pytest.register_assert_rewrite("queue_support")
 
 
 @pytest.fixture(params=["twin", "cpp"])
