@@ -169,7 +169,7 @@ class WatchSession(CDestroyable):
 
     def _queue(self, _follower: object, locs: list[CLocation], priority: int) -> None:
         GetSingletons().fSavableMgr.FilesChanged(locs)
-        self._app.ana_mgr.fAnalysisFactory.Recheck()
+        self.app.ana_mgr.fAnalysisFactory.Recheck()
         self.scan.add(locs, priority)
 
     def _followed(self) -> None:
@@ -190,7 +190,7 @@ class WatchSession(CDestroyable):
 
     def _file_forgotten(self, _follower: object, path: str) -> None:
         self._forgotten += 1
-        self._app.ana_mgr.fAnalysisFactory.Recheck()
+        self.app.ana_mgr.fAnalysisFactory.Recheck()
         self._become_busy()
         self._tell("forgotten", path=path)
 

@@ -331,6 +331,8 @@ def test_the_last_word_about_a_file_counts():
     tally.settle(loc("a"), Outcome(scanned=1, bytes=7))
     counts = tally.counts
     assert (counts.scanned, counts.bytes, counts.errors, counts.unchanged) == (1, 7, [], 0)
+    tally.settle(loc("a"), Outcome(reread=1))
+    assert (counts.scanned, counts.reread) == (1, 0)
     tally.settle(loc("a"), Outcome(vanished=1))
     assert (counts.scanned, counts.vanished, counts.bytes) == (0, 1, 0)
 
