@@ -15,6 +15,7 @@ from world import kPrimary, World
 
 import hostclock
 import hostreset
+
 # Each action is done at every so many calls; they begin at different ones.
 kStride = 7
 
