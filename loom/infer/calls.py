@@ -160,16 +160,25 @@ def _result(ctx: CInferenceContext, value: Value, arguments: Arguments) -> Value
     if isinstance(value, BoundValue):
         return value.result
     if isinstance(value, LambdaFunction):
-        env = dict(value.env)
-        for index, arg in enumerate((*value.node.args.posonlyargs, *value.node.args.args)):
-            given = index < len(arguments.positional)
-            env[arg.arg] = arguments.positional[index]() if given else ()
-        return evaluate.node_values(ctx, value.loc, value.scope_name, value.node.body, env)
+        return ctx.unless_open(value.node, (), lambda: _lambda_result(ctx, value, arguments))
     if isinstance(value, TypeVariable) and value.of_class:
         return (value.bare,)
     if isinstance(value, Special) and value.name == "Type" and value.args:
         return value.args[0]
     return ()
+
+
+def _lambda_result(
+    ctx: CInferenceContext, function: LambdaFunction, arguments: Arguments
+) -> Values:
+    args = function.node.args
+    env = dict(function.env)
+    for index, arg in enumerate((*args.posonlyargs, *args.args)):
+        given = index < len(arguments.positional)
+        env[arg.arg] = arguments.positional[index]() if given else ()
+    return evaluate.node_values(
+        ctx, function.loc, function.scope_name, function.node.body, env
+    )
 
 
 # --- objects of classes

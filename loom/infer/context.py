@@ -16,10 +16,10 @@ __all__ = ["CInferenceContext"]
 _T = TypeVar("_T")
 _Triple = tuple[CLocation, str, str]
 
-# Questions inside of questions. Each takes a few calls of Python's own stack.
-_kDeepest: Final = 60
-# Levels of expressions inside of expressions, over all questions that are open.
-_kDeepestNode: Final = 150
+# Questions inside of questions, some 9 calls of Python's own stack each, and levels of expressions
+# over all open questions, some 4 each: together well below the interpreter's limit of 1,000.
+_kDeepest: Final = 50
+_kDeepestNode: Final = 80
 
 _kNoCut: Final = 1 << 30
 _kNone: Final[frozenset[CLocation]] = frozenset()
@@ -68,6 +68,17 @@ class CInferenceContext:
             return False
         self._cut = -1
         return True
+
+    def unless_open(self, key: Hashable, nothing: _T, work: Callable[[], _T]) -> _T:
+        """The result of `work`, which isn't kept; `nothing` while it is at work already."""
+        if key in self._open or self.OutOfTime():
+            self._cut = -1
+            return nothing
+        self._open[key] = len(self._open)
+        try:
+            return work()
+        finally:
+            del self._open[key]
 
     def _holds(self, consulted: frozenset[CLocation]) -> bool:
         """Whether the files of an answer that was kept are still what they were."""

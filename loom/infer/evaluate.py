@@ -164,7 +164,7 @@ class _Frame:
         if value is None:
             return (Special("None"),)
         if value is ...:
-            return self.builtin("ellipsis")
+            return ()  # the scanner's mark for what was too long
         if isinstance(value, bool):
             return self.builtin("bool")
         return self.builtin(_kConstants[type(value)])
