@@ -8,7 +8,7 @@ MAKEFLAGS += --no-builtin-rules --no-print-directory
 BIN := .venv/bin
 
 .DEFAULT_GOAL := help
-.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-latency bench-edit bench-queue bench-scan bench-text \
+.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-latency bench-edit bench-queue bench-resolve bench-scan bench-text \
         install venv venv-dev clean
 
 help:
@@ -19,7 +19,8 @@ help:
 	@echo "make examples      run the examples, and the main loops for Qt and GLib"
 	@echo "make format        format the C++ sources; make format-check only looks"
 	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers,"
-	@echo "                   bench-latency how long others wait for a scan; bench-edit what an edit costs"
+	@echo "                   bench-latency how long others wait for a scan; bench-edit what an edit costs,"
+	@echo "                   bench-resolve how names become files"
 	@echo "make fuzz          look for inputs that break what walks text (needs clang++)"
 	@echo "make clean         remove .venv and build"
 
@@ -63,7 +64,7 @@ format-check: venv-dev
 fuzz: venv-dev
 	@scripts/run_fuzz.sh
 
-bench-latency bench-edit bench-queue bench-scan bench-text: bench-%: venv-dev
+bench-latency bench-edit bench-queue bench-resolve bench-scan bench-text: bench-%: venv-dev
 	@scripts/install.sh
 	@$(BIN)/python -P benchmarks/$*/run.py
 

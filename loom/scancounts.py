@@ -123,7 +123,7 @@ class Tally:
                 self.counts.imported.found += 1
 
     def settle(self, loc: CLocation, outcome: Outcome) -> None:
-        """What became of a file; the last word counts, but that it was read again says nothing new."""
+        """What became of a file. The last word counts, unless it only says "read again"."""
         if loc in self._asked:
             group, counts = self._asked, self._asked_counts
         else:
