@@ -18,6 +18,9 @@ if TYPE_CHECKING:
 
 __all__ = ["describe"]
 
+# Overloads that are shown to people.
+_MOST_SIGNATURES = 3
+
 
 @click.command()
 @click.argument("name")
@@ -88,8 +91,10 @@ def _as_text(found: Description) -> Iterator[str]:
     else:
         yield place_as_text(found.place)
     name = found.name.rpartition(".")[2]
-    for each in found.signatures:
+    for each in found.signatures[:_MOST_SIGNATURES]:
         yield escape(f"    {name}{each}")
+    if len(found.signatures) > _MOST_SIGNATURES:
+        yield f"    ({len(found.signatures) - _MOST_SIGNATURES} more overloads)"
     for title, text in (
         ("bases", found.bases),
         ("order", " > ".join(found.mro)),

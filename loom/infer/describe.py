@@ -127,10 +127,12 @@ def _definitions(ctx: CInferenceContext, target: Symbol) -> list[tuple[Symbol, D
     """
     for symbol in (*_stubs(ctx, target), target):
         found = [(symbol, part) for part in symbol.parts if isinstance(part, DefPart)]
-        overloads = [each for each in found if any("overload" in d for d in each[1].decorators)]
+        if any("overload" in d for _, part in found for d in part.decorators):
+            # In a source the last one is what the others are overloads of.
+            return found if modules.is_stub(symbol.loc) else found[:-1] or found
         getters = [each for each in found if not any(".setter" in d for d in each[1].decorators)]
         if found:
-            return overloads or getters[-1:] or found[-1:]
+            return getters[-1:] or found[-1:]
     return []
 
 
