@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import gc
 from pathlib import Path
+from typing import Final
 
 from guiutils import lgtk
 from loombase.destroyable import CDestroyable
@@ -15,20 +16,16 @@ from loom.services.engine import CAnalysisMgr
 from loom.services.gui import CGuiMgr
 from loom.services.managers import CCacheMgr, CFileAttribMgr, CPrefMgr, CSavableMgr
 
-__all__ = ["App", "spare_full_collections"]
+__all__ = ["App"]
 
+# Objects made since the last garbage collection from which on the next one is worth it.
+_kYoungObjects: Final = 20_000
 
-def spare_full_collections() -> None:
-    """Keep full garbage collections out of the slices of a process that is this host's own.
+# So many collections of young objects go with one of all objects.
+_kYoungPerFull: Final = 1_000
 
-    A host holds some hundred thousand objects for good (a location for each file, what is queued),
-    and a full collection walks them all: 10 to 30 ms at once. What stands now is left alone for the
-    life of the process, and full collections become rare.
-    """
-    gc.collect()
-    gc.freeze()
-    # The young ones that have survived once are some 40,000 at most when they are walked.
-    gc.set_threshold(10_000, 4, 5_000)
+# Before all other idle work.
+_kFirstIdlePriority: Final = 0
 
 
 class App(CDestroyable):
@@ -44,6 +41,9 @@ class App(CDestroyable):
         if table.fAnalysisMgr is not None:
             raise RuntimeError("another host runs in this process already")
         self.main_loop = main_loop
+        self._collects = False
+        self._collections = 0
+        self._collect_idle: int | None = None
         lgtk.SetMainLoop(main_loop)
         try:
             table.fPrefMgr = CPrefMgr()
@@ -61,7 +61,35 @@ class App(CDestroyable):
         assert isinstance(coordinator, FollowingCoordinator)
         self.coordinator = coordinator
 
+    def collect_between_slices(self) -> None:
+        """Keep garbage collections out of slices, in a process that is this host's own.
+
+        A collection can take half as long as a slice: results that were just found are many young
+        objects, and a full one walks the hundred thousands that a host holds for good (a location
+        for each file, what is queued). What stands now is left alone for the life of the process,
+        and the rest is collected in idle calls of its own.
+        """
+        gc.collect()
+        gc.freeze()
+        gc.disable()
+        self._collects = True
+        self.coordinator.on_slice_over = self._look_for_garbage
+
+    def _look_for_garbage(self) -> None:
+        if self._collect_idle is None and gc.get_count()[0] > _kYoungObjects:
+            self._collect_idle = lgtk.idle_add_while_alive(
+                self._collect, self, priority=_kFirstIdlePriority
+            )
+
+    def _collect(self) -> None:
+        self._collect_idle = None
+        self._collections += 1
+        # What outlives its slice mostly stays: a second look at the young is no use.
+        gc.collect(1 if self._collections % _kYoungPerFull else 2)
+
     def _destroy_impl(self) -> None:
+        if self._collects:
+            gc.enable()
         self.coordinator.Quitting()
         try:
             self.ana_mgr.destroy()

@@ -43,7 +43,7 @@ class MeasuredCoordinator(CScanCoordinator):
 
     `failed_item` is for whoever handles a failure: it is the failed scan, or none if something
     else failed, and stays until that one clears it. `on_scan_over` is called with each scan that is
-    over, in whatever way, inside of the slice.
+    over, in whatever way, inside of the slice; `on_slice_over` after each slice.
     """
 
     def __init__(self, idle_priority: int, ana_mgr: object) -> None:
@@ -51,6 +51,7 @@ class MeasuredCoordinator(CScanCoordinator):
         self.slices = array("d")
         self.failed_item: CScanItem | None = None
         self.on_scan_over: Callable[[CScanItem], object] | None = None
+        self.on_slice_over: Callable[[], object] | None = None
 
     def _CB_DoIdleAnalysis(self) -> bool | None:
         start = perf_counter()
@@ -58,6 +59,8 @@ class MeasuredCoordinator(CScanCoordinator):
             return super()._CB_DoIdleAnalysis()
         finally:
             self.slices.append(perf_counter() - start)
+            if self.on_slice_over is not None:
+                self.on_slice_over()
 
     def _DoSingleScan(self, scan_item: CScanItem, end_time: float) -> bool:
         goes_on = False

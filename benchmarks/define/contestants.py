@@ -58,14 +58,15 @@ def ask_loom(task: dict[str, Any]) -> dict[str, Any]:
     from loombase.location import CLocalFileLocation
     from pysource import _fastaccess
 
-    from loom.app import App, spare_full_collections
+    from loom.app import App
     from loom.infer.define import definitions_at
     from loom.mainloop.asyncio_loop import AsyncioMainLoop
 
     main_loop = AsyncioMainLoop()
     app = App(Path(task["db"]), main_loop)
     engine = app.ana_mgr.fInferenceEngine
-    spare_full_collections()
+    gc.collect()
+    gc.freeze()
     rounds = []
     answers: list[Any] = []
     overruns = []

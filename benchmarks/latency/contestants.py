@@ -1,6 +1,7 @@
 """One contestant of the latency benchmark, in a process of its own.
 
     contestants.py loom FOLDER WORK      the scheduler on its main loop
+    contestants.py derived FOLDER WORK   the same, with the second stage of each file
     contestants.py slices FOLDER WORK    the same scanners in 50 ms slices with sleep(0) between them
     contestants.py parse FOLDER WORK     ast.parse, file by file, with sleep(0) between them
     contestants.py focus FOLDER WORK     how fast what the user turns to is scanned
@@ -94,9 +95,9 @@ def files_below(folder: str) -> list[str]:
     return [step.path for step in walk([folder]) if isinstance(step, Found)]
 
 
-def loom(folder: str, work: Path) -> dict[str, Any]:
+def loom(folder: str, work: Path, derived: bool = False) -> dict[str, Any]:
     """A session of `loom scan`, with its own main loop."""
-    from loom.app import App, spare_full_collections
+    from loom.app import App
     from loom.mainloop.asyncio_loop import AsyncioMainLoop
     from loom.scansession import ScanSession
 
@@ -106,11 +107,11 @@ def loom(folder: str, work: Path) -> dict[str, Any]:
     probes = Probes()
 
     async def run() -> float:
-        session = ScanSession(app, [folder])
+        session = ScanSession(app, [folder], derived=derived)
         finished = asyncio.Event()
         session.connect("finished", lambda _session: finished.set())
         async with probes.running(work):
-            spare_full_collections()
+            app.collect_between_slices()
             start = perf_counter()
             session.start()
             await finished.wait()
@@ -122,6 +123,11 @@ def loom(folder: str, work: Path) -> dict[str, Any]:
     app.destroy()
     main_loop.close()
     return {"seconds": seconds, "timer": probes.timer, "talk": probes.talk}
+
+
+def derived(folder: str, work: Path) -> dict[str, Any]:
+    """The same with the second stage."""
+    return loom(folder, work, derived=True)
 
 
 async def _in_turns(steps: Callable[[], bool], work: Path) -> dict[str, Any]:
@@ -196,7 +202,7 @@ def focus(folder: str, work: Path) -> dict[str, Any]:
     from edit.editor import CSourceEditor
     from singleton import GetSingletons
 
-    from loom.app import App, spare_full_collections
+    from loom.app import App
     from loom.mainloop.asyncio_loop import AsyncioMainLoop
     from loom.scansession import ScanSession
     from pysource.scancoordinator import kBackgroundPriority
@@ -250,7 +256,7 @@ def focus(folder: str, work: Path) -> dict[str, Any]:
         session.start()
         while not session.counts.all_found:
             await asyncio.sleep(0.01)
-        spare_full_collections()
+        app.collect_between_slices()
         app.coordinator.ResumeIdleScans()
         await change_focus()  # while it is still checked which files are known
         first = results.pop()
@@ -284,7 +290,8 @@ def main() -> None:
     if name == "watchfiles":
         watchfiles_(folder)
         return
-    contestant = {"loom": loom, "slices": slices, "parse": parse, "focus": focus}[name]
+    contestants = (loom, derived, slices, parse, focus)
+    contestant = {each.__name__: each for each in contestants}[name]
     print(json.dumps(contestant(folder, Path(rest[0]))))
 
 

@@ -101,7 +101,7 @@ class _Scan:
         self._signal: signal.Signals | None = None
 
     def run(self, exit_zero: bool, derived: bool, dump_path: str, helpers: int) -> int:
-        from loom.app import App, spare_full_collections
+        from loom.app import App
         from loom.cli.progress import make_display
         from loom.cli.report import ScanReport
         from loom.mainloop.asyncio_loop import AsyncioMainLoop
@@ -126,7 +126,7 @@ class _Scan:
                     observable("scan", app, session, main_loop, dump_path),
                 ):
                     self._catch_signals(main_loop, session)
-                    spare_full_collections()
+                    app.collect_between_slices()
                     session.start()
                     main_loop.loop.run_forever()
                 session.destroy()

@@ -93,7 +93,7 @@ class _Watch:
     def run(
         self, poll_seconds: float | None, as_json: bool, verbose: int, dump_path: str
     ) -> int:
-        from loom.app import App, spare_full_collections
+        from loom.app import App
         from loom.mainloop.asyncio_loop import AsyncioMainLoop
 
         main_loop = AsyncioMainLoop()
@@ -107,7 +107,7 @@ class _Watch:
                 with contextlib.ExitStack() as stack:
                     stack.callback(session.destroy)
                     view = self._set_up(stack, session, main_loop, as_json, verbose, dump_path)
-                    spare_full_collections()
+                    app.collect_between_slices()
                     session.start()
                     main_loop.loop.run_forever()
             finally:
