@@ -8,7 +8,7 @@ MAKEFLAGS += --no-builtin-rules --no-print-directory
 BIN := .venv/bin
 
 .DEFAULT_GOAL := help
-.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-latency bench-edit bench-queue bench-resolve bench-scan bench-text \
+.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-define bench-latency bench-edit bench-queue bench-resolve bench-scan bench-text \
         install venv venv-dev clean
 
 help:
@@ -20,7 +20,7 @@ help:
 	@echo "make format        format the C++ sources; make format-check only looks"
 	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers,"
 	@echo "                   bench-latency how long others wait for a scan; bench-edit what an edit costs,"
-	@echo "                   bench-resolve how names become files"
+	@echo "                   bench-resolve how names become files; bench-define what names mean, beside jedi"
 	@echo "make fuzz          look for inputs that break what walks text (needs clang++)"
 	@echo "make clean         remove .venv and build"
 
@@ -63,6 +63,11 @@ format-check: venv-dev
 
 fuzz: venv-dev
 	@scripts/run_fuzz.sh
+
+bench-define: venv-dev
+	@scripts/setup_venv.sh bench
+	@scripts/install.sh
+	@$(BIN)/python -P benchmarks/define/run.py
 
 bench-latency bench-edit bench-queue bench-resolve bench-scan bench-text: bench-%: venv-dev
 	@scripts/install.sh
