@@ -7,14 +7,13 @@ from typing import Final
 __all__ = ["Backoff"]
 
 _kFirstSeconds: Final = 0.05
-_kMostSeconds: Final = 30.0
 
 # So many that went without having done anything, and there is no use in more.
-_kMostFailures: Final = 6
+_kMostFailures: Final = 5
 
 
 class Backoff:
-    """Twice the delay for each helper in a row that went without having done anything."""
+    """Four times the delay for each helper in a row that went without having done anything."""
 
     def __init__(self) -> None:
         self._failures = 0
@@ -28,4 +27,4 @@ class Backoff:
         self._failures += 1
         if self._failures >= _kMostFailures:
             return None
-        return float(min(_kMostSeconds, _kFirstSeconds * 4 ** (self._failures - 1)))
+        return _kFirstSeconds * float(4 ** (self._failures - 1))

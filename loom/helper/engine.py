@@ -6,7 +6,7 @@ The first process decides what is scanned, so nothing here follows imports or st
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterable, Mapping, Sequence
+from collections.abc import Iterable, Mapping, Sequence
 from time import monotonic
 from typing import Final, Protocol
 
@@ -15,7 +15,7 @@ from loombase.location import CLocalFileLocation, CLocation
 from loombase.mime import kPythonMimeType
 from pysource.inferenceengine import CInferenceEngine
 from pysource.scancoordinator import CScanCoordinator, CScanItem
-from pysource.scopeinfo import CInfoCache
+from pysource.scopeinfo import CInfoCache, CScopeInfo
 from singleton import GetSingletons
 
 from loom import freshness
@@ -51,6 +51,9 @@ class Receiver(Protocol):
     def file_reread(self, loc: CLocation, digest: bytes, times: FileTimes) -> None:
         """The file holds the bytes whose results are known."""
 
+    def file_unchanged(self, loc: CLocation) -> None:
+        """The results that are known still hold."""
+
     def file_gone(self, loc: CLocation) -> None:
         """There is no such file."""
 
@@ -71,9 +74,6 @@ class _ForwardingCache(CInfoCache):
     def _NoticeOtherWriters(self) -> None:
         """There is no database."""
 
-    def _States(self, urls: Iterable[str]) -> dict[str, FileState]:
-        raise NotImplementedError
-
     def GetScansDoneForMultipleFiles(
         self, modtimes: Mapping[CLocation, float]
     ) -> dict[CLocation, str]:
@@ -88,7 +88,14 @@ class _ForwardingCache(CInfoCache):
                 and freshness.is_fresh(state, disk.mtime_ns, disk.size)
             ):
                 result[loc] = state.scans
+                self._receiver.file_unchanged(loc)
         return result
+
+    def GetScopeInfo(self, loc: CLocation, scope_name: str) -> CScopeInfo | None:
+        return None
+
+    def GetScopeLines(self, loc: CLocation) -> list[tuple[str, int, int]]:
+        return []
 
     def GetAllImports(self, locs: Sequence[CLocation]) -> list[tuple[CLocation, None, bytes]]:
         return []
@@ -260,6 +267,3 @@ class HelperHost(CDestroyable):
             table.fSavableMgr = None
             table.fFileAttribMgr = None
             table.fPrefMgr = None
-
-
-_Callback = Callable[[], object]

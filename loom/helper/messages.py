@@ -131,11 +131,13 @@ class Reread(msgspec.Struct, tag="reread", array_like=True, frozen=True):
 
 
 class Left(msgspec.Struct, tag="left", array_like=True, frozen=True):
-    """These jobs left the queue without a scan: their results still hold, or the file is gone."""
+    """These jobs left the queue without a scan: the results still hold, the file is gone, or there
+    is another reason, such as that it isn't Python.
+    """
 
     unchanged: list[int]
     gone: list[int]
-    not_python: list[int]
+    other: list[int]
 
 
 Report = Added | Starting | Result | Reread | Left

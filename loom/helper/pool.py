@@ -192,25 +192,14 @@ class CHelperPool(CDestroyable):
         self._soon(self._deal, _kDealPriority)
 
     def give_back(self) -> None:
-        """No helper is there: the scheduler is to take back all that isn't under suspicion.
+        """There will be no helper any more, and the scheduler is about to take all work back.
 
-        To be called before `_UpdateForHelperProcess`, and `keep_suspects` after it.
+        But for the suspects, which would end this very process.
         """
-        suspects = self.backlog.suspects
-        self._report_removed([task.loc for task in suspects])
-        self.backlog.clear()
-        self._tasks = {task.loc: task for task in suspects}
-
-    def keep_suspects(self) -> None:
-        """The suspects wait for the next helper: no other process may touch them."""
-        if self.fCallbackObj is not None:
-            self.fCallbackObj.locs_added([task.loc for task in self.backlog.suspects])
-        self._note_if_empty()
-
-    def drop_suspects(self) -> None:
-        """There will be no helper any more. What may have ended the last one isn't scanned."""
         while (task := self.backlog.take_suspect()) is not None:
             self._set_aside(task)
+        self.backlog.clear()
+        self._tasks.clear()
 
     def _set_aside(self, task: Task) -> None:
         """Store that the file can't be scanned, and go on without it."""
@@ -381,7 +370,7 @@ class CHelperPool(CDestroyable):
             if task is not None:
                 tasks.append(task)
                 self.note_gone(task.loc)
-        for number in report.not_python:
+        for number in report.other:
             task = link.take_back(number)
             if task is not None:
                 tasks.append(task)

@@ -12,7 +12,7 @@ import logging
 import os
 import signal
 import sys
-from collections.abc import Callable, Iterable, Sequence
+from collections.abc import Callable, Sequence, Set
 from typing import Final
 
 import msgspec
@@ -67,6 +67,7 @@ class Helper(CDestroyable):
         self._greeted = False
         self._jobs: dict[CLocation, messages.Job] = {}
         self._gone: set[CLocation] = set()
+        self._unchanged: set[CLocation] = set()
         self._announced = 0
         self._suspended = False
         self._over = False
@@ -121,6 +122,7 @@ class Helper(CDestroyable):
         else:
             self._jobs.clear()
             self._gone.clear()
+            self._unchanged.clear()
             self._coordinator.FlushQueue()
 
     def _add(self, message: messages.AddPairs) -> None:
@@ -149,11 +151,11 @@ class Helper(CDestroyable):
             self._suspended = False
             self._coordinator.ResumeIdleScans()
 
-    def _note_removed(self, queue: object, locs: Iterable[CLocation]) -> None:
+    def _note_removed(self, queue: object, locs: Set[CLocation]) -> None:
         """Some left the queue with their scan done, and have been reported."""
         unchanged: list[int] = []
         gone: list[int] = []
-        not_python: list[int] = []
+        other: list[int] = []
         for loc in locs:
             if self._host.queue.LocationInQueue(loc):
                 continue  # it has come again
@@ -163,13 +165,14 @@ class Helper(CDestroyable):
                 continue
             if loc in self._gone:
                 gone.append(job.number)
-            elif job.known is not None:
+            elif loc in self._unchanged:
                 unchanged.append(job.number)
             else:
-                not_python.append(job.number)
-        self._gone.clear()
-        if unchanged or gone or not_python:
-            self._send(messages.Left(unchanged, gone, not_python))
+                other.append(job.number)
+        self._gone.difference_update(locs)
+        self._unchanged.difference_update(locs)
+        if unchanged or gone or other:
+            self._send(messages.Left(unchanged, gone, other))
             self._stream.flush()
 
     def _note_failure(self, failure: BaseException) -> None:
@@ -225,6 +228,9 @@ class Helper(CDestroyable):
         job = self._jobs.pop(loc, None)
         if job is not None:
             self._send(messages.Reread(job.number, digest, times))
+
+    def file_unchanged(self, loc: CLocation) -> None:
+        self._unchanged.add(loc)
 
     def file_gone(self, loc: CLocation) -> None:
         self._gone.add(loc)

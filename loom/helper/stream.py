@@ -124,11 +124,9 @@ class FdStream(Stream):
             written = os.write(self._write_fd, self._to_send)
         except BlockingIOError:
             return
-        except OSError as error:
-            # The reading side tells of the end, after all that was sent before it.
+        except OSError:
+            # The other side has gone. Reading tells so, after all that it sent before.
             self._to_send.clear()
-            if error.errno is None or not self._is_reading:
-                self._end(error.strerror or str(error))
             return
         del self._to_send[:written]
 

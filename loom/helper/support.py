@@ -32,9 +32,10 @@ _kWriteSeconds: Final = 0.008
 class CHelperProcessSupport(CDestroyable):
     """Starts `count` helpers with `launch` and keeps them there.
 
-    While any of them runs, `pool` is the proxy of the analysis manager `ana_mgr`. One that goes is
-    started again, later and later if it never does anything; when no more are, `is_given_up` is
-    true and the scheduler has all its work back. With `share`, the first process scans, too.
+    One that goes is started again, later and later if none ever does anything. Meanwhile `pool`
+    stays the proxy of the analysis manager `ana_mgr`: what has ended one process isn't to end this
+    one. When no more are started, `is_given_up` is true and the scheduler takes its work back. With
+    `share`, the first process scans, too.
 
     Signals: "given-up" (support).
     """
@@ -106,16 +107,13 @@ class CHelperProcessSupport(CDestroyable):
     def _note_count(self) -> None:
         """Fit the scheduler to how many helpers there are."""
         self.pool.workers = len(self.pool.links) + (self._share is not None)
-        if self.pool.links:
+        if self.pool.links or self._to_come or self.is_given_up:
             return
+        self.is_given_up = True
         if self._ana_mgr.fHelperProcessProxy is not None:
             self.pool.give_back()
             self._ana_mgr.SetHelperProxy(None)
-            self.pool.keep_suspects()
-        if not self._to_come and not self.is_given_up:
-            self.is_given_up = True
-            self.pool.drop_suspects()
-            self.emit("given-up", self)
+        self.emit("given-up", self)
 
     # --- looking after them
 

@@ -405,37 +405,51 @@ def test_a_locked_database_holds_the_reports_back_until_it_is_free(make, locs, m
 # --- helpers go
 
 
-def test_work_of_a_helper_that_goes_is_taken_back_and_given_to_the_next(make, locs, caplog):
+def test_work_of_a_helper_that_goes_is_kept_for_the_next(make, locs, caplog):
     s = make()
     s.helper.greet()
     s.add(*locs[:5])
     jobs = s.jobs()
     s.answer(jobs[:2])
     s.helpers[0].die("it was ended by SIGKILL")
-    assert s.app.ana_mgr.fHelperProcessProxy is None
-    assert s.in_helper == set()
-    assert all(s.queued_here(loc) for loc in locs[2:5])
     assert s.helpers[0].is_destroyed
+    assert s.app.ana_mgr.fHelperProcessProxy is s.pool
+    s.main_loop.run_idle()
+    assert s.in_helper == set(locs[2:5])
+    assert not any(s.queued_here(loc) for loc in locs)
     s.main_loop.advance(1.0)
     assert len(s.helpers) == 2
-    assert s.app.ana_mgr.fHelperProcessProxy is s.pool
-    assert s.in_helper == set(locs[2:5])
     s.helper.greet()
     s.answer(s.jobs())
     assert sorted(loc.path for loc in s.stored) == [loc.path for loc in locs[:5]]
     assert "SIGKILL" in caplog.text
 
 
-def test_each_helper_has_a_callback_object_of_its_own(make, locs):
-    s = make()
-    first = s.support.fHelperCallbackObj
-    s.helper.greet()
-    s.helper.die()
-    s.main_loop.advance(1.0)
-    assert s.support.fHelperCallbackObj is not first
-    assert s.coordinator._fHelperCallbackObjConnected is s.support.fHelperCallbackObj
+def test_each_run_of_helpers_has_a_callback_object_of_its_own(app, main_loop):
+    seen = []
+    for _ in range(2):
+        s = Setting(app, main_loop)
+        seen.append(s.support.fHelperCallbackObj)
+        assert app.coordinator._fHelperCallbackObjConnected is seen[-1]
+        s.support.destroy()
     # Were both of one class, the reports of either would be heard twice.
-    assert type(first) is not type(s.support.fHelperCallbackObj)
+    assert type(seen[0]) is not type(seen[1])
+
+
+def test_when_no_helper_is_left_the_scheduler_takes_the_work_back(make, locs):
+    s = make()
+    s.helper.greet()
+    s.add(*locs[:5])
+    s.answer(s.jobs()[:2])
+    s.refuse_to_start = True
+    s.helper.die()
+    s.main_loop.advance(10.0)
+    assert s.support.is_given_up
+    assert s.app.ana_mgr.fHelperProcessProxy is None
+    assert s.in_helper == set()
+    assert all(s.queued_here(loc) for loc in locs[2:5])
+    s.main_loop.run_idle()
+    assert set(s.stored) == set(locs[:5])
 
 
 def test_one_of_several_that_goes_leaves_its_work_to_the_others(make, locs):
@@ -466,8 +480,7 @@ def test_the_file_that_ends_a_helper_twice_is_set_aside(make, locs, caplog):
     s.helper.now_scanning = Scanning(jobs[1].number, 0.0)
     s.helper.die()
     assert not s.queued_here(locs[1])  # nobody else touches it
-    assert s.in_helper == {locs[1]}
-    assert not s.coordinator.QueuesEmpty()
+    assert s.in_helper == set(locs[:3])
     s.main_loop.advance(1.0)
     s.helper.greet()
     (job,) = s.jobs()  # alone
