@@ -39,6 +39,7 @@ class Imports:
         """Tell the app. Raises `click.BadParameter` if the interpreter doesn't work."""
         if self._question is None:
             app.coordinator._fAnalyzeFoundImports = False
+            app.ana_mgr.fAnalysisFactory.fSourcesGoAlong = False
             return
         try:
             app.ana_mgr.fAnalysisFactory.SetEnvironment(self._question.answer())

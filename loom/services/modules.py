@@ -76,11 +76,14 @@ class CAnalysisFactory(CDestroyable):
     waiting, and what is installed here needn't be there: names in it find modules of the standard
     library only.
 
+    `fSourcesGoAlong` tells whether the sources of stubs are to be scanned along with these.
+
     Signals: "import-resolution-changed" (factory) when the Python path may have changed.
     """
 
     def __init__(self, config: CPyConfig | None = None) -> None:
         super().__init__(("import-resolution-changed",))
+        self.fSourcesGoAlong = True
         self._fConfig = CPyConfig() if config is None else config
         self._fModFileCache = CModFileCache(self._fConfig.fEnvironment)
         self._fResolver = self._fModFileCache.fResolver
@@ -94,7 +97,9 @@ class CAnalysisFactory(CDestroyable):
         A stub tells types, its source what they stand for. Stubs of the standard library go alone:
         what is asked of its modules while a file is scanned, their stubs tell.
         """
-        if not isinstance(loc, CLocalFileLocation) or not loc.path.endswith(".pyi"):
+        if not self.fSourcesGoAlong or not loc.fUrl.endswith(".pyi"):
+            return None
+        if not isinstance(loc, CLocalFileLocation):
             return None
         source = self._fResolver.source_of_stub(loc.path)
         return None if source is None else [source]

@@ -73,6 +73,18 @@ def test_without_imports(scan):
     assert document["imported"]["found"] == 0
 
 
+def test_the_source_of_a_stub_goes_along_unless_there_are_to_be_no_imports(scan, project):
+    (project / "typed.pyi").write_text("")
+    (project / "typed.py").write_text("class (:\n")
+    document = json.loads(scan("--json", "typed.pyi").stdout)
+    assert [error["path"] for error in document["imported"]["errors"]] == [
+        str(project / "typed.py")
+    ]
+    document = json.loads(scan("--json", "--no-imports", "--db", "new.sqlite3", "typed.pyi").stdout)
+    assert document["files"]["scanned"] == 1
+    assert document["imported"]["found"] == 0
+
+
 def test_another_interpreter_can_be_chosen(scan):
     document = json.loads(scan("--json", "--python", os.path.realpath(sys.executable)).stdout)
     assert document["imported"]["errors"] == []  # nothing is installed there
