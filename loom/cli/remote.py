@@ -13,6 +13,7 @@ from loom.cli.output import warn
 
 if TYPE_CHECKING:
     from loom.app import App
+    from loom.remote.files import RemoteFiles
     from loom.remote.server import RemoteServer
 
 __all__ = ["PathOrUrl", "RemoteSettings", "is_url", "local_paths", "remote_options"]
@@ -69,12 +70,15 @@ class RemoteSettings(NamedTuple):
             self.ssh_known_hosts,
             RemotePatience(give_up=self.ssh_timeout),
         )
-        remote = app.ana_mgr.fLocationDataCache.SetUpRemote(options)
-        remote.connect("server-changed", _Watcher(self.ssh_timeout).server_changed)
+        self.watch(app.ana_mgr.fLocationDataCache.SetUpRemote(options))
+
+    def watch(self, files: RemoteFiles) -> None:
+        """Tell the user when a server has to be waited for, and when it is back."""
+        files.connect("server-changed", _Watcher(self.ssh_timeout).server_changed)
 
 
 class _Watcher:
-    """Tells the user when a server has to be waited for, and when it is back."""
+    """Remembers of which servers the user knows that they are waited for."""
 
     def __init__(self, timeout: float) -> None:
         self._timeout = timeout

@@ -319,7 +319,12 @@ class RemoteServer(CRemoteServerManager):
     # --- time
 
     def _watch(self, seconds: float) -> None:
-        """Take the connection for dead after so many seconds without a sign of life."""
+        """Take the connection for dead after so many seconds without a sign of life.
+
+        Not beyond the time at which it is given up.
+        """
+        if self._down_seconds is not None:
+            seconds = max(min(seconds, self._seconds_left()), 0.0)
         self._silent_beats = 0
         self._start_timer(seconds / _BEATS, lambda: self._beat(seconds))
 
