@@ -41,7 +41,6 @@ class App(CDestroyable):
         if table.fAnalysisMgr is not None:
             raise RuntimeError("another host runs in this process already")
         self.main_loop = main_loop
-        self._collects = False
         self._collections = 0
         self._collect_idle: int | None = None
         lgtk.SetMainLoop(main_loop)
@@ -67,12 +66,12 @@ class App(CDestroyable):
         A collection can take half as long as a slice: results that were just found are many young
         objects, and a full one walks the hundred thousands that a host holds for good (a location
         for each file, what is queued). What stands now is left alone for the life of the process,
-        and the rest is collected in idle calls of its own.
+        and the rest is collected in idle calls of its own. When the app is destroyed, the collector
+        stays off: the process ends.
         """
         gc.collect()
         gc.freeze()
         gc.disable()
-        self._collects = True
         self.coordinator.on_slice_over = self._look_for_garbage
 
     def _look_for_garbage(self) -> None:
@@ -88,8 +87,6 @@ class App(CDestroyable):
         gc.collect(1 if self._collections % _kYoungPerFull else 2)
 
     def _destroy_impl(self) -> None:
-        if self._collects:
-            gc.enable()
         self.coordinator.Quitting()
         try:
             self.ana_mgr.destroy()

@@ -15,7 +15,7 @@ def app(main_loop, tmp_path):
     app.coordinator._fAnalyzeFoundImports = False
     yield app
     app.destroy()
-    assert gc.isenabled()
+    gc.enable()
     gc.unfreeze()
 
 
