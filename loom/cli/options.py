@@ -67,7 +67,11 @@ def helper_options(command: _F) -> _F:
             metavar="N",
             help="Have N helper processes scan, besides this one.",
         ),
-        click.option("--helper", is_flag=True, help="Have a helper process scan, besides this one."),
+        click.option(
+            "--helper/--no-helper",
+            default=None,
+            help="Have a helper process scan, besides this one.",
+        ),
     ):
         command = option(command)
     return command

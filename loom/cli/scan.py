@@ -50,7 +50,7 @@ def scan(
     python: str | None,
     no_imports: bool,
     derived: bool,
-    helper: bool,
+    helper: bool | None,
     jobs: int | None,
     remote: RemoteSettings,
     db_path: Path,
@@ -75,7 +75,7 @@ def scan(
     paths = list(paths) or ["."]
     with Imports(local_paths(paths), python, no_imports) as imports:
         command = _Scan(paths, patterns, imports, remote, db_path, as_json, verbose)
-        return command.run(exit_zero, derived, dump_path, jobs or int(helper))
+        return command.run(exit_zero, derived, dump_path, jobs or int(bool(helper)))
 
 
 class _Scan:
