@@ -130,6 +130,7 @@ class Helper(CDestroyable):
         self._jobs.update(jobs)
         # Before the first of them can be scanned: what follows must not overtake it.
         self._send(messages.Added([job.number for _, job in jobs]))
+        self._stream.flush()
         locs = [loc for loc, _ in jobs]
         # Who asks again has a reason, and doesn't want to wait for some seconds.
         self._coordinator.ClearLastScanInfo(locs)
