@@ -12,7 +12,14 @@ from typing import TYPE_CHECKING, Any, Final
 import click
 
 from loom.cli.imports import Imports
-from loom.cli.options import exclude_option, import_options, parse_exclude, shared_options
+from loom.cli.options import (
+    derived_option,
+    exclude_option,
+    helper_options,
+    import_options,
+    parse_exclude,
+    shared_options,
+)
 from loom.cli.output import Exit, set_up_logging
 from loom.cli.running import dump_option, observable
 
@@ -47,6 +54,8 @@ _QUIT_KEYS: Final = ("q", "Q", "\x04")  # the last is Ctrl-D
 )
 @dump_option
 @import_options
+@derived_option
+@helper_options
 @shared_options
 def watch(
     paths: Sequence[str],
@@ -55,6 +64,9 @@ def watch(
     dump_path: str,
     python: str | None,
     no_imports: bool,
+    derived: bool,
+    helper: bool | None,
+    jobs: int | None,
     db_path: Path,
     as_json: bool,
     verbose: int,
@@ -64,13 +76,15 @@ def watch(
     On a terminal the key "p" pauses and resumes, "q" quits; elsewhere the signal SIGUSR1 does the
     former. SIGUSR2 writes the scheduler's queue. With --json, each event is a line of its own.
 
-    What a link leads to outside of the folders isn't followed.
+    Where there is more than one processor core, a helper process scans, too, unless --no-helper is
+    given. What a link leads to outside of the folders isn't followed.
     """
     set_up_logging(verbose)
     patterns = parse_exclude(exclude)
     paths = list(paths) or ["."]
     with Imports(paths, python, no_imports) as imports:
-        command = _Watch(paths, patterns, imports, db_path)
+        helpers = 0 if helper is False else jobs or (1 if helper else None)
+        command = _Watch(paths, patterns, imports, derived, helpers, db_path)
         return command.run(poll_seconds, as_json, verbose, dump_path)
 
 
@@ -82,11 +96,15 @@ class _Watch:
         paths: list[str],
         exclude: GitIgnoreSpec | None,
         imports: Imports,
+        derived: bool,
+        helpers: int | None,
         db_path: Path,
     ) -> None:
         self._paths = paths
         self._exclude = exclude
         self._imports = imports
+        self._derived = derived
+        self._helpers = helpers
         self._db_path = db_path
         self._signal: signal.Signals | None = None
 
@@ -94,6 +112,7 @@ class _Watch:
         self, poll_seconds: float | None, as_json: bool, verbose: int, dump_path: str
     ) -> int:
         from loom.app import App
+        from loom.helper.support import use_helpers
         from loom.mainloop.asyncio_loop import AsyncioMainLoop
 
         main_loop = AsyncioMainLoop()
@@ -102,6 +121,7 @@ class _Watch:
             try:
                 if verbose > 1:
                     app.coordinator.fLog.fOutputFile = sys.stderr
+                use_helpers(app, self._helpers)
                 self._imports.set_up(app)
                 session = self._make_session(app, poll_seconds)
                 with contextlib.ExitStack() as stack:
@@ -124,9 +144,14 @@ class _Watch:
         from loom.watch.inotify import InotifySource
         from loom.watch.session import WatchSession, kPollSeconds
 
-        if poll_seconds is not None:
-            return WatchSession(app, self._paths, self._exclude, None, poll_seconds)
-        return WatchSession(app, self._paths, self._exclude, InotifySource, kPollSeconds)
+        return WatchSession(
+            app,
+            self._paths,
+            self._exclude,
+            make_source=InotifySource if poll_seconds is None else None,
+            poll_seconds=kPollSeconds if poll_seconds is None else poll_seconds,
+            derived=self._derived,
+        )
 
     def _set_up(
         self,

@@ -100,7 +100,8 @@ class Follower(CDestroyable):
         self._settle_timer: int | None = None
         self._burst_start = self._last_event = 0.0
         app.coordinator.on_scan_over = self._scan_over
-        app.info_cache.connect_while_alive("file-stored", self._file_stored, self)
+        app.info_cache.connect_while_alive("file-stored", self._file_settled, self)
+        app.info_cache.connect_while_alive("file-reread", self._file_settled, self)
 
     # --- the first walk
 
@@ -206,7 +207,7 @@ class Follower(CDestroyable):
     def _scan_over(self, item: CScanItem) -> None:
         self._look_again_at(item.loc)
 
-    def _file_stored(self, _cache: object, loc: CLocation, _record: object) -> None:
+    def _file_settled(self, _cache: object, loc: CLocation, _record: object = None) -> None:
         if not self._app.coordinator.WholeFileScanBegun(loc):  # scanned elsewhere
             self._look_again_at(loc)
 

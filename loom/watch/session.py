@@ -41,7 +41,7 @@ class WatchSession(CDestroyable):
     """Scans `paths` in the idle time of the app's main loop, and follows what changes there.
 
     `make_source` makes what tells of changes; without it, or if it raises `NoMoreWatchesError`,
-    all files are looked at each `poll_seconds` or so.
+    all files are looked at each `poll_seconds` or so. `derived` is that of `ScanSession`.
 
     Signals: "event" (session, a mapping with the text "event" and what belongs to it) for whatever
     is worth telling, "finished" (session) once, after `stop` or when the engine has failed for
@@ -55,6 +55,7 @@ class WatchSession(CDestroyable):
         exclude: GitIgnoreSpec | None = None,
         make_source: Callable[[], EventSource] | None = None,
         poll_seconds: float = kPollSeconds,
+        derived: bool = False,
     ) -> None:
         super().__init__(("event", "finished"))
         self.app = app
@@ -75,7 +76,12 @@ class WatchSession(CDestroyable):
             app, FolderTree(roots, named, exclude), exclude, self._make_source(make_source)
         )
         self.scan = ScanSession(
-            app, paths, exclude, steps=self.follower.first_walk(whole), endless=True
+            app,
+            paths,
+            exclude,
+            steps=self.follower.first_walk(whole),
+            endless=True,
+            derived=derived,
         )
         self._connect()
 

@@ -55,7 +55,8 @@ class Watcher:
 
     def __init__(self, env, folder, *arguments, **options):
         self.process = subprocess.Popen(
-            [sys.executable, "-P", "-m", "loom", "watch", "--no-imports", "--json", *arguments],
+            [sys.executable, "-P", "-m", "loom", "watch", "--no-imports", "--json"]
+            + [*(arguments or ("--no-helper",))],
             env=env,
             cwd=folder,
             text=True,
@@ -105,8 +106,9 @@ def inotify_count(pid):
 # --- watching
 
 
-def test_a_watched_project(watching, project, loom_run):
-    watcher = watching()
+@pytest.mark.parametrize("helper", ["--no-helper", "--helper"])
+def test_a_watched_project(watching, project, loom_run, helper):
+    watcher = watching(helper)
     assert watcher.wait_for("started")["paths"] == [str(project)]
     assert watcher.wait_for("at-rest")["scanned"] == 2
     assert inotify_count(watcher.process.pid) == 1
@@ -165,7 +167,7 @@ def test_a_signal_pauses_and_resumes(watching, project, loom_run):
 
 
 def test_polling_where_it_is_asked_for(watching, project):
-    watcher = watching("--poll", "0.1")
+    watcher = watching("--poll", "0.1", "--no-helper")
     assert watcher.wait_for("polling")["seconds"] == 0.1
     watcher.wait_for("at-rest")
     assert inotify_count(watcher.process.pid) == 0
@@ -175,7 +177,7 @@ def test_polling_where_it_is_asked_for(watching, project):
 
 def test_the_queue_is_written_at_a_signal(watching, project, tmp_path):
     os.mkfifo(tmp_path / "dump")
-    watcher = watching("--dump-queue", tmp_path / "dump")
+    watcher = watching("--dump-queue", tmp_path / "dump", "--no-helper")
     watcher.wait_for("at-rest")
     watcher.process.send_signal(signal.SIGUSR2)
     assert (tmp_path / "dump").read_text().startswith("_CScanQueue contents:\n")
@@ -195,7 +197,7 @@ class Terminal:
     def __init__(self, env, folder):
         self.master, slave = pty.openpty()
         self.process = subprocess.Popen(
-            [sys.executable, "-P", "-m", "loom", "watch", "--no-imports"],
+            [sys.executable, "-P", "-m", "loom", "watch", "--no-imports", "--no-helper"],
             env=env,
             cwd=folder,
             stdin=slave,
