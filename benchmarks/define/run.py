@@ -26,7 +26,7 @@ _KEPT: Final = _HERE.parents[1] / "build" / "bench-define"
 sys.path.insert(0, str(_HERE))
 
 from sample import Use, draw
-from verdicts import AGREE, NEITHER, ONLY_JEDI, ONLY_LOOM, REASONS, RIGHT, verdict
+from verdicts import AGREE, NEITHER, ONLY_LOOM, REASONS, RIGHT, verdict
 
 # The kinds that the aim is for.
 _AIMED: Final = ("import", "class", "function", "attribute of self")
@@ -169,7 +169,8 @@ def _agreement(uses: Sequence[Use], verdicts: Sequence[str]) -> list[str]:
     everything = sum(counts.values(), Counter())
     lines += [_row("all", everything), ""]
     reached = _share(aimed)
-    lines += [f"Aim: at least {_LEAST_RIGHT:.0%} of the four; {_told(reached >= _LEAST_RIGHT)}.", ""]
+    told = _told(reached >= _LEAST_RIGHT)
+    lines += [f"Aim: at least {_LEAST_RIGHT:.0%} of the four; {told}.", ""]
     return lines
 
 
@@ -221,7 +222,8 @@ def _times(loom: dict[str, Any], jedi: dict[str, Any]) -> list[str]:
     return [
         *lines,
         "",
-        f"Aim: a warm answer in {_MOST_WARM_MS:g} ms at the median; {_told(warm <= _MOST_WARM_MS)}.",
+        f"Aim: a warm answer in {_MOST_WARM_MS:g} ms at the median;"
+        f" {_told(warm <= _MOST_WARM_MS)}.",
         "",
         f"Deadlines of {deadlines} ms over an empty database: {loom['partial']:,} answers were"
         f" partial and said so; the latest came {late:.1f} ms after its deadline. Aim: at most"

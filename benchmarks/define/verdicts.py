@@ -17,7 +17,7 @@ ONLY_LOOM: Final = "only loom"
 # Why answers differ: what is told in the table, and whether loom's is right by itself. For those
 # the name must stand at loom's place.
 REASONS: Final = {
-    "compiled": ("jedi names no file (it looks into the compiled module); loom has the source", True),
+    "compiled": ("jedi names no file, for it looks into the compiled module; loom has it", True),
     "no file": ("neither has a file; loom stops at the import", False),
     "source": ("jedi stays in the stub; loom has the definition in the source", True),
     "alias": ("jedi answers with an alias in `typing`, loom with the class that is imported", True),
@@ -77,7 +77,7 @@ def stands_there(place: Place) -> bool:
 
 
 def verdict(ours: Sequence[Place], theirs: Sequence[Place]) -> str:
-    """`AGREE` if loom's first answer is one of jedi's; else which of them is missing, or why not."""
+    """`AGREE` if loom's first answer is one of jedi's; else who has none, or why they differ."""
     if not theirs:
         return ONLY_LOOM if ours else NEITHER
     if not ours:

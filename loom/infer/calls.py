@@ -12,6 +12,7 @@ from pysource.symbolinfo import ParentScopeName
 
 from loom.infer import (
     hints,
+    matching,
     attributes,
     bindings,
     classes,
@@ -35,7 +36,6 @@ from loom.infer.values import (
     Instance,
     LambdaFunction,
     Special,
-    Symbol,
     TypeVariable,
     Value,
     Values,
@@ -144,7 +144,7 @@ def results(ctx: CInferenceContext, functions: Values, arguments: Arguments) -> 
     """What calling any of the values gives."""
     candidates = [f for f in functions if isinstance(f, Function)]
     if len(candidates) > 1:
-        fitting = [f for f in candidates if _fits(ctx, f, arguments)][:_kMostOverloads]
+        fitting = [f for f in candidates if matching.fits(ctx, f, arguments)][:_kMostOverloads]
         rest = [f for f in functions if not isinstance(f, Function)]
         functions = (*(fitting or candidates[:1]), *rest)
     return union(_result(ctx, function, arguments) for function in functions)
@@ -200,8 +200,8 @@ def _new_object(ctx: CInferenceContext, cls: Class, arguments: Arguments) -> Val
         makers = [f for f in bindings.symbol_values(ctx, found[1]) if isinstance(f, Function)]
         for maker in makers[:_kMostOverloads]:
             bound = bind(maker, own)
-            if _fits(ctx, bound, arguments):
-                _match_arguments(ctx, bound, arguments, mapping)
+            if matching.fits(ctx, bound, arguments):
+                matching.match_arguments(ctx, bound, arguments, mapping)
                 if mapping:
                     break
         if mapping:
@@ -229,7 +229,7 @@ def _function_result(ctx: CInferenceContext, function: Function, arguments: Argu
             if each.bare == parent:
                 mapping.update(hints.mapping_of(ctx, each))
     if any(variable not in mapping for value in raw for variable in hints.variables_in(value)):
-        _match_arguments(ctx, function, arguments, mapping)
+        matching.match_arguments(ctx, function, arguments, mapping)
     return hints.substitute(raw, mapping)
 
 
@@ -329,138 +329,3 @@ def _argument_hint(ctx: CInferenceContext, loc: CLocation, scope_name: str, text
 def _has_type_params(ctx: CInferenceContext, loc: CLocation, scope_name: str) -> bool:
     record = ctx.engine.records.scope(ctx, loc, scope_name)
     return record is not None and any(info.startswith(b":p") for info in record.names.values())
-
-
-# --- arguments and what they are for
-
-
-def _own_params(ctx: CInferenceContext, function: Function) -> tuple[Param, ...]:
-    """The arguments that a caller gives: without the object that the function is bound to."""
-    found = params(ctx, function.loc, function.scope_name)
-    if function.receiver is not None and found and found[0].by_position:
-        return found[1:]
-    return found
-
-
-def _fits(ctx: CInferenceContext, function: Function, arguments: Arguments) -> bool:
-    """Whether the function can be called with so many arguments of these names."""
-    own = _own_params(ctx, function)
-    by_position = [param for param in own if param.by_position]
-    any_position = any(param.marks.endswith("*") and "**" not in param.marks for param in own)
-    any_name = any("**" in param.marks for param in own)
-    count = len(arguments.positional)
-    if count > len(by_position) and not any_position:
-        return False
-    by_name = {param.name for param in own if param.by_name}
-    if not any_name and any(name not in by_name for name in arguments.keywords):
-        return False
-    required = [p for p in by_position[count:] if p.default is None]
-    required += [p for p in own if p.marks == "|" and p.default is None]
-    return all(param.name in arguments.keywords for param in required)
-
-
-def _match_arguments(
-    ctx: CInferenceContext,
-    function: Function,
-    arguments: Arguments,
-    mapping: dict[Value, Values],
-) -> None:
-    """Find out what the type variables in a function's hints stand for in a call."""
-    given: list[tuple[Param, Argument]] = []
-    every = params(ctx, function.loc, function.scope_name)
-    own = _own_params(ctx, function)
-    if len(own) < len(every) and function.receiver is not None and every[0].hint:
-        receiver = function.receiver
-        given.append((every[0], lambda: (receiver,)))
-    positions = iter([p for p in own if p.by_position])
-    rest = next((p for p in own if p.marks.endswith("*") and "**" not in p.marks), None)
-    for argument in arguments.positional:
-        param = next(positions, rest)
-        if param is not None:
-            given.append((param, argument))
-    for param in own:
-        keyword = arguments.keywords.get(param.name)
-        if keyword is not None and param.by_name:
-            given.append((param, keyword))
-    for param, argument in given:
-        if param.hint:
-            pattern = argument_hint(ctx, function.loc, function.scope_name, param.hint)
-            if any(True for value in pattern for _ in hints.variables_in(value)):
-                _match(ctx, pattern, argument(), mapping, 0)
-
-
-def _match(
-    ctx: CInferenceContext,
-    pattern: Values,
-    actual: Values,
-    mapping: dict[Value, Values],
-    depth: int,
-) -> None:
-    if depth > 6 or not actual:
-        return
-    for each in pattern:
-        if isinstance(each, TypeVariable):
-            objects: Values
-            if each.of_class:
-                objects = tuple(Instance(a) for a in actual if isinstance(a, Class))
-            else:
-                objects = tuple(a for a in actual if a != Special("None"))
-            if objects:
-                mapping.setdefault(each.bare, objects)
-        elif isinstance(each, BoundValue):
-            made = results(ctx, actual, kNoArguments)
-            _match(ctx, each.result, made, mapping, depth + 1)
-        elif isinstance(each, Special) and each.name == "Type" and each.args:
-            objects = tuple(Instance(a) for a in actual if isinstance(a, Class))
-            _match(ctx, each.args[0], objects, mapping, depth + 1)
-        elif isinstance(each, Instance) and each.cls.args:
-            _match_instance(ctx, each.cls, actual, mapping, depth)
-
-
-def _match_instance(
-    ctx: CInferenceContext,
-    pattern: Class,
-    actual: Values,
-    mapping: dict[Value, Values],
-    depth: int,
-) -> None:
-    bare = pattern.bare
-    for value in actual:
-        if not isinstance(value, Instance | Class):
-            continue
-        cls = value.cls if isinstance(value, Instance) else value
-        base = next((b for b in classes.linearization(ctx, cls) if b.bare == bare), None)
-        if base is not None and isinstance(value, Instance):
-            args = base.args
-            if len(pattern.args) == 1 and len(args) > 1:
-                args = (union(args),)
-            for inner, known in zip(pattern.args, args, strict=False):
-                _match(ctx, inner, known, mapping, depth + 1)
-        elif pattern.scope_name in ("Coroutine", "Awaitable"):
-            _match(ctx, pattern.args[-1], (value,), mapping, depth + 1)
-        elif pattern.scope_name in ("Iterable", "Iterator", "SupportsIter", "Sequence"):
-            _match(ctx, pattern.args[0], elements.iterated(ctx, (value,)), mapping, depth + 1)
-        else:
-            _match_protocol(ctx, pattern, value, mapping, depth)
-
-
-def _match_protocol(
-    ctx: CInferenceContext,
-    pattern: Class,
-    value: Instance | Class,
-    mapping: dict[Value, Values],
-    depth: int,
-) -> None:
-    """Find type variables by the results of the methods that a protocol asks for."""
-    record = ctx.engine.records.scope(ctx, pattern.loc, pattern.scope_name)
-    if record is None:
-        return
-    for name in list(record.names)[:4]:
-        for part in record.parts(name):
-            if isinstance(part, DefPart) and part.kind == "m":
-                symbol = Symbol(pattern.loc, pattern.scope_name, name, record.parts(name))
-                method = bind(bindings.function_of(symbol, part), Instance(pattern))
-                wanted = _function_result(ctx, method, kNoArguments)
-                made = method_results(ctx, (value,), name)
-                _match(ctx, wanted, made, mapping, depth + 1)
-                break

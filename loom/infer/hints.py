@@ -50,8 +50,8 @@ kSelf: Final = Special("Self")
 
 # Forms of the typing module that aren't classes of objects.
 kSpecialNames: Final = frozenset(
-    """Annotated Any Callable ClassVar Concatenate Final Generic Literal LiteralString Never NoReturn
-    NotRequired Optional Protocol ReadOnly Required Self Type TypeAlias TypeGuard TypeIs Union
+    """Annotated Any Callable ClassVar Concatenate Final Generic Literal LiteralString Never
+    NoReturn NotRequired Optional Protocol ReadOnly Required Self Type TypeAlias TypeGuard TypeIs Union
     Unpack""".split()
 )
 

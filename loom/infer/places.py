@@ -145,8 +145,8 @@ def _telling(
 ) -> Sequence[tuple[int, str]]:
     """The bindings that say what a name is.
 
-    Seen from outside of its function, an argument is one whatever is assigned to it later. An import
-    stands for what it brings; where that was found, other bindings are left.
+    Seen from outside of its function, an argument is one whatever is assigned to it later. An
+    import stands for what it brings; where that was found, other bindings are left.
     """
     if not _is_inside(symbol, use):
         arguments = [site for site in sites if site[1] == "r"]
@@ -184,10 +184,8 @@ def _ordered(
 
 
 def _is_property(symbol: Symbol) -> bool:
-    return any(
-        isinstance(part, DefPart) and any(d.endswith((".setter", ".deleter")) for d in part.decorators)
-        for part in symbol.parts
-    )
+    decorators = [d for part in symbol.parts if isinstance(part, DefPart) for d in part.decorators]
+    return any(decorator.endswith((".setter", ".deleter")) for decorator in decorators)
 
 
 # --- columns

@@ -1,4 +1,7 @@
-"""Source text at hand: lines, and where each name is bound. For positions; types need none of it."""
+"""Source text at hand: lines, and where each name is bound.
+
+This is for positions; types need none of it.
+"""
 
 from __future__ import annotations
 

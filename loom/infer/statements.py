@@ -52,8 +52,9 @@ _kBlocks: Final = frozenset(
 class Statement:
     """A logical line, from line `first` to line `last`, and its syntax tree.
 
-    Lines of the tree are those of the file minus `line_shift`; columns on its first line are those
-    of the file minus `indent`, and `indent` less on no other. The tree is none if it can't be parsed.
+    Lines of the tree are those of the file minus `line_shift`; columns on the first line are those
+    of the file minus `indent`, on other lines they are the same. The tree is none if the text can't
+    be parsed.
     """
 
     first: int

@@ -90,7 +90,8 @@ def test_a_long_chain_of_names_ends(project):
 DEEP = {
     "functions": ("def f{n}(x): return f{m}(x).a\n", "f0(1)"),
     "attributes": (
-        "class A{n}:\n    def __init__(self): self.a = A{m}().a\n    b = property(lambda s: A{m}().b)\n",
+        "class A{n}:\n    def __init__(self): self.a = A{m}().a\n"
+        "    b = property(lambda s: A{m}().b)\n",
         "A0().a.b",
     ),
     "properties": ("class P{n}:\n    @property\n    def p(self): return P{m}().p\n", "P0().p"),
@@ -204,7 +205,8 @@ def test_pieces_of_real_code(project):
         start = lot.randrange(len(text))
         piece = text[max(0, start - 1500) : start]
         at = lot.randrange(len(piece) + 1)
-        project.write(m=piece[:at] + lot.choice(["", "(", '"', "'''", "\\", "def "]) + piece[at + 9 :])
+        slip = lot.choice(["", "(", '"', "'''", "\\", "def "])
+        project.write(m=piece[:at] + slip + piece[at + 9 :])
         lines = (project.top / "m.py").read_text().split("\n")
         for line in range(1, len(lines) + 1, 3):
             for column in range(0, len(lines[line - 1]) + 1, 5):
@@ -213,8 +215,9 @@ def test_pieces_of_real_code(project):
 
 def test_odd_names_to_describe(project):
     project.write(m="x = 1\n")
+    folder = project.loc("m.py").GetParentDir()
     for name in ("", ".", "..", "a..b", ".a", "a.", "a b", "1", "m.x.y.z", "m" * 5000, "a." * 999):
-        assert describe_name(name, project.loc("m.py").GetParentDir(), None, project.context()) == ()
+        assert describe_name(name, folder, None, project.context()) == ()
 
 
 def test_one_scope_with_very_many_attributes_is_no_slower_each_time(project):
