@@ -264,7 +264,7 @@ class CInfoCache(CKnownFiles):
         self._Forget(loc)  # records tell the time
         self.ForgetUnsaved(loc)
         if self.fFollowing is not None:
-            self.fFollowing.NoteScan(loc)
+            self.fFollowing.Note(loc, state)
         self.emit("file-reread", self, loc)
         return True
 

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import logging
-from collections.abc import Callable, Generator, Iterable, Sequence
+from collections.abc import Callable, Collection, Generator, Iterable, Sequence
 from itertools import islice
 from typing import TYPE_CHECKING, Final
 
@@ -45,8 +45,9 @@ _kStepBytes: Final = 64 * 1024
 _kGroupsPerStep: Final = 4000
 
 # How often a question is asked that the end of a slice cut off, and how often the whole scan begins
-# again because files changed meanwhile. What is cut off in a slice of its own stays open.
-_kMostTries: Final = 2
+# again because files changed meanwhile. What has been found out for it is kept from try to try; what
+# takes longer than all of them stays open.
+_kMostTries: Final = 20
 _kMostRounds: Final = 3
 
 
@@ -91,6 +92,9 @@ class CWholeFileSecondaryScanner(CScanner):
             return (yield from self._ScanWhole())
         except SourceError as error:
             self.fFileDoesntExist = error.gone
+            if error.lasting:
+                # There is nothing to derive, as long as the file stays what it is.
+                self._Store(_InfoCache().GetDigest(self.fLocation), b"", (), frozenset())
             self.fLog("Abandoned secondary whole file scan: %r: %s", self.fLocation, error)
         except Exception as error:
             # A fault of ours, and no reason to stop the others.
@@ -107,6 +111,8 @@ class CWholeFileSecondaryScanner(CScanner):
         if not text.digest or cache.GetDigest(self.fLocation) != text.digest:
             self._AskFor({(self.fLocation, _kWholeFile, _PrimaryScanName())})
             return kScanAbandoned
+        if cache.IsDoneFor(self.fLocation, text.digest, self._fScanName):
+            return kFinishedScanning  # its time alone has changed
         digest = text.digest
         yield from decode_source(text)
         source = SourceScanner(text.data, uses=True)
@@ -130,12 +136,15 @@ class CWholeFileSecondaryScanner(CScanner):
         used.discard("")
         if cache.GetDigest(self.fLocation) != digest:
             return kScanAbandoned
-        cache.AddDerived(
-            DerivedRecord(
-                self.fLocation.fUrl, digest, pack(deriver.facts), used, frozenset(keys)
-            )
-        )
+        self._Store(digest, pack(deriver.facts), used, frozenset(keys))
         return kFinishedScanning
+
+    def _Store(
+        self, digest: bytes, packed: bytes, names: Collection[str], keys: frozenset[int]
+    ) -> None:
+        _InfoCache().AddDerived(
+            DerivedRecord(self.fLocation.fUrl, digest, packed, names, keys)
+        )
 
     def _AskAll(self, deriver: Deriver) -> Generator[CScanState | None, None, set[int]]:
         """Ask all questions, and once more if files had to be scanned for them; returns the keys."""
