@@ -1,5 +1,5 @@
 #!/bin/sh
-# Say in one line what the C++ build lacks on this machine, with the Debian package to install.
+# Say in one line what the C++ build, or the tests, lack on this machine, with the Debian package to install.
 #
 #   scripts/check_toolchain.sh [--tests] [--sanitize] [--toolkits]
 set -u
@@ -29,6 +29,8 @@ for option in "$@"; do
       TEST(Probe, Links) {}' >"$work/probe.cpp"
       compiles -lgtest_main -lgtest -pthread ||
         fail "GoogleTest not found; apt-get install libgtest-dev"
+      PATH="$PATH:/usr/sbin" command -v sshd >/dev/null 2>&1 ||
+        fail "the tests of remote files start an sshd; apt-get install openssh-server"
       ;;
     --sanitize)
       echo 'int main() {}' >"$work/probe.cpp"

@@ -250,7 +250,8 @@ class SshTransport:
                 whole = not await file.read(1, length)
             return FileContent(state, b"".join(pieces), whole)
         finally:
-            await file.close()
+            if not self._is_closed:  # else there is nobody to answer
+                await file.close()
 
 
 def _read_known_hosts(named: Any) -> asyncssh.SSHKnownHosts:
