@@ -190,7 +190,9 @@ class ScanSession(CDestroyable):
             except StopIteration:
                 more = False
                 break
-            if isinstance(step, Found | FoundRemote):
+            if step is None:
+                continue
+            if isinstance(step, (Found, FoundRemote)):
                 if isinstance(step, Found):
                     loc: CLocation = CLocalFileLocation(step.path)
                     declare = step.named

@@ -85,7 +85,7 @@ class _ForwardingCache(CInfoCache):
                 state is not None
                 and disk is not None
                 and state.scans
-                and freshness.is_fresh(state, disk.mtime_ns, disk.size)
+                and freshness.is_fresh(state, *disk[1:])
             ):
                 result[loc] = state.scans
                 self._receiver.file_unchanged(loc)

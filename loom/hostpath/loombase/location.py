@@ -8,8 +8,10 @@ any more is forgotten, so that memory follows what is in use.
 from __future__ import annotations
 
 import os
+import re
 import weakref
 from collections.abc import Callable, Iterable
+from functools import partial
 from typing import Self
 from urllib.parse import quote_from_bytes, unquote_to_bytes, urlsplit
 
@@ -46,11 +48,14 @@ class CLocalFileLocation(CLocation):
 
     def __new__(cls, path: str | bytes | os.PathLike[str] | os.PathLike[bytes]) -> Self:
         text = os.fsdecode(path)
-        found = _interned.get((cls, text))
-        if isinstance(found, cls):  # only normal paths are keys
+        ref = _interned.get((cls, text))  # only normal paths are keys
+        found = None if ref is None else ref()
+        if isinstance(found, cls):
             return found
         if not text or "\0" in text:
             raise ValueError(f"not a path: {text!r}")
+        if _is_normal(text) is not None:
+            return cls._new(text)
         text = os.path.abspath(text)
         if text.startswith("//"):  # POSIX leaves exactly two slashes alone
             text = text[1:]
@@ -59,20 +64,27 @@ class CLocalFileLocation(CLocation):
     @classmethod
     def _of_normal(cls, path: str) -> Self:
         """The location of a path that is absolute and normal already."""
-        found = _interned.get((cls, path))
-        if isinstance(found, cls):
-            return found
+        ref = _interned.get((cls, path))
+        found = None if ref is None else ref()
+        return found if isinstance(found, cls) else cls._new(path)
+
+    @classmethod
+    def _new(cls, path: str) -> Self:
         self = super().__new__(cls)
         self.path = path
         self._url = None
-        _interned[cls, path] = self
+        key = (cls, path)
+        _interned[key] = weakref.ref(self, partial(_forget, key))
         return self
 
     @property
     def fUrl(self) -> str:
         """The percent-encoded "file:" URL."""
         if self._url is None:
-            self._url = "file://" + quote_from_bytes(os.fsencode(self.path))
+            if _is_plain(self.path) is not None:
+                self._url = f"file://{self.path}"
+            else:
+                self._url = "file://" + quote_from_bytes(os.fsencode(self.path))
         return self._url
 
     @property
@@ -92,8 +104,20 @@ class CLocalFileLocation(CLocation):
         return type(self), (self.path,)  # a copy is the same object
 
 
-_interned: weakref.WeakValueDictionary[tuple[type[CLocalFileLocation], str], CLocalFileLocation]
-_interned = weakref.WeakValueDictionary()
+# Paths that are certainly normal, and paths in which no character must be quoted: nearly all there
+# are, and the long way takes longer than finding the file does.
+_is_normal = re.compile(r"(?:/[^/.\0][^/\0]*)+").fullmatch
+_is_plain = re.compile(r"[A-Za-z0-9_.~/-]*").fullmatch
+
+_Key = tuple[type[CLocalFileLocation], str]
+
+# As a `WeakValueDictionary`, in half the time.
+_interned: dict[_Key, weakref.ref[CLocalFileLocation]] = {}
+
+
+def _forget(key: _Key, ref: weakref.ref[CLocalFileLocation]) -> None:
+    if _interned.get(key) is ref:  # else there is a new object already
+        del _interned[key]
 
 
 def LocationFromUrl(url: str) -> CLocalFileLocation | CSshFileLocation:

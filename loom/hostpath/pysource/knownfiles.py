@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import os
 from collections.abc import Callable, Iterable, Mapping, Sequence
-from typing import Final, NamedTuple, TypeVar
+from typing import Final, TypeVar
 
 from loombase.destroyable import CDestroyable
 from loombase.inspection import CFileKind, StateOf
@@ -29,15 +29,13 @@ _kReservedTimes: Final = (0, -2_000_000_000)
 
 def SecondsOf(mtime_ns: int) -> float:
     """A modification time as the rest of the system knows it, always the same way."""
-    return (mtime_ns + 1 if mtime_ns in _kReservedTimes else mtime_ns) / 1e9
+    if mtime_ns <= 0 and mtime_ns in _kReservedTimes:
+        mtime_ns += 1
+    return mtime_ns / 1e9
 
 
-class _DiskState(NamedTuple):
-    """A file's time and size to the last digit; `mtime` is the time as it was told, in seconds."""
-
-    mtime: float
-    mtime_ns: int
-    size: int
+# A file's time as it was told, in seconds, and its time and size to the last digit.
+_DiskState = tuple[float, int, int]
 
 
 class CFollowing:
@@ -111,7 +109,7 @@ class CKnownFiles(CDestroyable):
             return 0.0
         mtime_ns = freshness.mtime_ns_of(status)
         mtime = SecondsOf(mtime_ns)
-        self._fDiskStates[loc] = _DiskState(mtime, mtime_ns, status.st_size)
+        self._fDiskStates[loc] = mtime, mtime_ns, status.st_size
         return mtime
 
     def _InspectedMTime(self, loc: CLocation) -> float:
@@ -123,7 +121,7 @@ class CKnownFiles(CDestroyable):
         if state.kind in (CFileKind.ABSENT, CFileKind.CLOSED):
             return 0.0
         mtime = SecondsOf(state.mtime_ns)
-        self._fDiskStates[loc] = _DiskState(mtime, state.mtime_ns, state.size)
+        self._fDiskStates[loc] = mtime, state.mtime_ns, state.size
         return mtime
 
     def GetScansDoneForMultipleFiles(
@@ -145,8 +143,8 @@ class CKnownFiles(CDestroyable):
             state = states.get(url)
             if state is None:
                 continue
-            if disk is not None and disk.mtime == modtime:
-                valid = freshness.is_fresh(state, disk.mtime_ns, disk.size)
+            if disk is not None and disk[0] == modtime:
+                valid = freshness.is_fresh(state, *disk[1:])
             elif abs(SecondsOf(state.mtime_ns) - modtime) < _kSameTimeSeconds:
                 valid = freshness.is_fresh(state, state.mtime_ns, state.size)
             else:
@@ -222,6 +220,11 @@ class CKnownFiles(CDestroyable):
         except OSError:
             return False
         return state.mtime_ns == freshness.mtime_ns_of(status) and state.size == status.st_size
+
+    def IsDoneFor(self, loc: CLocation, digest: bytes, scan_name: str) -> bool:
+        """Whether what a scan finds in bytes with this digest is stored."""
+        state = self._States([loc.fUrl]).get(loc.fUrl)
+        return state is not None and freshness.was_scanned(state, digest, scan_name)
 
     def GetDigest(self, loc: CLocation) -> bytes:
         """The digest of the bytes that the results of a file are of; empty for none."""
