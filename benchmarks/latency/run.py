@@ -48,6 +48,8 @@ _LINKS: Final = 20
 # The largest file that `loom` reads.
 _LARGEST: Final = 20 * 1024 * 1024
 
+_WITH_HELPER: Final = "`loom watch` and its helper"
+
 _FUNCTION: Final = "def function_{0}(first, second={0}):\n    value = first + second\n    return value\n"
 
 
@@ -149,7 +151,7 @@ def rest(start: Sequence[str], settled: Callable[[Any], bool], seconds: float) -
         assert process.stdout is not None
         if not any(settled(json.loads(line)) for line in process.stdout):
             raise RuntimeError(f"ended before it was at rest: {start}")
-        time.sleep(1.0)  # its own end of the work
+        time.sleep(3.0)  # its own end of the work, and that of its helper
         before = _counts(process.pid)
         time.sleep(seconds)
         after = _counts(process.pid)
@@ -160,16 +162,21 @@ def rest(start: Sequence[str], settled: Callable[[Any], bool], seconds: float) -
 
 
 def _counts(pid: int) -> tuple[int, float, int]:
-    """How often the threads went to sleep or were put off, their processor time, their number."""
-    switches = 0
-    tasks = os.listdir(f"/proc/{pid}/task")
-    for task in tasks:
-        for line in Path(f"/proc/{pid}/task/{task}/status").read_text().splitlines():
-            if "ctxt_switches" in line:
-                switches += int(line.split()[1])
-    fields = Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
-    ticks = int(fields[11]) + int(fields[12])
-    return switches, ticks / os.sysconf("SC_CLK_TCK"), len(tasks)
+    """How often the threads of a process and its children went to sleep or were put off, their
+    processor time, and their number."""
+    switches, cpu_seconds, threads = 0, 0.0, 0
+    processes = [pid]
+    while processes:
+        folder = Path(f"/proc/{processes.pop()}")
+        for task in (folder / "task").iterdir():
+            threads += 1
+            processes += map(int, (task / "children").read_text().split())
+            for line in (task / "status").read_text().splitlines():
+                if "ctxt_switches" in line:
+                    switches += int(line.split()[1])
+        fields = (folder / "stat").read_text().rpartition(")")[2].split()
+        cpu_seconds += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    return switches, cpu_seconds, threads
 
 
 def at_rest(seconds: float) -> dict[str, Rest]:
@@ -178,11 +185,11 @@ def at_rest(seconds: float) -> dict[str, Rest]:
         top = Path(place) / "tree"
         top.mkdir()
         make_files(top, _IDLE_FILES)
-        watch = [sys.executable, "-P", loom.__main__.__file__, "watch", "--json", "--no-imports"]
-        watch += ["--db", str(Path(place) / "info.sqlite3"), str(top)]
-        found = {
-            "`loom watch`": rest(watch, lambda event: event.get("event") == "at-rest", seconds)
-        }
+        found = {}
+        for name, option in (("`loom watch`", "--no-helper"), (_WITH_HELPER, "--helper")):
+            watch = [sys.executable, "-P", loom.__main__.__file__, "watch", "--json", option]
+            watch += ["--no-imports", "--db", str(Path(place) / f"{option}.sqlite3"), str(top)]
+            found[name] = rest(watch, lambda event: event.get("event") == "at-rest", seconds)
         if importlib.util.find_spec("watchfiles") is not None:
             found["`watchfiles.awatch`, which only watches"] = rest(
                 command("watchfiles", top), lambda _line: True, seconds
@@ -251,7 +258,8 @@ def rest_lines(found: dict[str, Rest]) -> Iterator[str]:
             f" | {each.threads} |"
         )
     yield ""
-    yield f"- `loom watch` at rest: no wake-ups: {verdict(found['`loom watch`'].wakes == 0)}."
+    for name in ("`loom watch`", _WITH_HELPER):
+        yield f"- {name} at rest: no wake-ups: {verdict(found[name].wakes == 0)}."
 
 
 _README_HEAD: Final = """\
@@ -282,8 +290,8 @@ counted among all that end from then on, and its slices from the one that comes 
 _REST: Final = """\
 ## At rest
 
-Wake-ups are the context switches of all threads of the process, from the kernel's counts, while
-nothing happens below the {files:,} files that it watches.
+Wake-ups are the context switches of all threads of the process and its children, from the kernel's
+counts, while nothing happens below the {files:,} files that it watches.
 """
 
 
