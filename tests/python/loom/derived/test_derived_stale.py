@@ -137,6 +137,7 @@ def test_files_that_import_each_other_come_to_rest(tree: Tree, watched: Watched)
     edit(tree, "a.py", "x = 1", "z = 1")
     tree.scan()
     assert watched.take("derived") == ["a.py", "b.py"]
+    assert watched.take("primary") == ["a.py"]
     tree.scan()
     assert watched.scans == []
 
