@@ -21,10 +21,11 @@ __all__ = ["why"]
 
 
 @click.command()
-@click.argument("file", type=click.Path(path_type=str))
+@click.argument("file")
 @shared_options
 def why(file: str, db_path: Path, as_json: bool, verbose: int) -> int:
-    """Say where FILE stands: scanned or failed, queued or waiting, or why it is left out.
+    """Say where FILE, a path or URL, stands: scanned or failed, queued or waiting, or why it is
+    left out.
 
     What is in the queue is told by a `loom` that runs on the database.
 
@@ -34,7 +35,7 @@ def why(file: str, db_path: Path, as_json: bool, verbose: int) -> int:
 
     set_up_logging(verbose)
     ensure_host_path()
-    answer = _answer(os.path.abspath(file), db_path)
+    answer = _answer(file, db_path)
     if as_json:
         write_json(answer)
     else:
@@ -43,28 +44,35 @@ def why(file: str, db_path: Path, as_json: bool, verbose: int) -> int:
     return Exit.OK if answer["verdict"] == "scanned" else Exit.FINDINGS
 
 
-def _answer(path: str, db_path: Path) -> dict[str, Any]:
+def _answer(file: str, db_path: Path) -> dict[str, Any]:
+    from loombase.location import LocationFromUrl
+
     from loom.leftout import obstacle
     from loom.live.client import LiveError, ask
     from loom.store import queries
 
-    url = queries.url_of(path)
+    try:
+        url = LocationFromUrl(file).fUrl if "://" in file else queries.url_of(file)
+    except ValueError as error:
+        raise click.BadParameter(str(error)) from error
+    path = queries.path_of(url)
     problem, live = "", None
     try:
         live = ask(db_path, {"ask": "why", "url": url})
     except LiveError as error:
         problem = str(error)
     following = live.get("following") if live is not None else None
-    root = _root_of(path, following)
-    found = None
-    if following is not None and root is None:
-        found = _outside(path, following["roots"])
-    elif following is None or path not in following["files"]:
-        found = obstacle(path, root)
     facts = _facts(db_path, url)
-    holds = facts is not None and _holds(path, facts)
+    found, holds = None, facts is not None  # as far as is known of a file on another machine
+    if path is not None:
+        root = _root_of(path, following)
+        if following is not None and root is None:
+            found = _outside(path, following["roots"])
+        elif following is None or path not in following["files"]:
+            found = obstacle(path, root)
+        holds = facts is not None and _holds(path, facts)
     return {
-        "path": path,
+        "path": url if path is None else path,
         "url": url,
         "verdict": _verdict(live, facts, holds, found),
         "stored": None if facts is None else _stored(facts, holds),

@@ -1,9 +1,11 @@
 """Real events. The kernel has them queued when a call that causes them returns, so nobody waits."""
 
 import errno
+import gc
 import os
 import random
 import shutil
+import tracemalloc
 
 import pytest
 from inotify_simple import INotify
@@ -321,3 +323,29 @@ def test_in_the_end_the_database_is_what_a_fresh_scan_finds(kernel, seed):
     assert kernel.session.failure is None
     assert not kernel.main_loop.idle
     assert kernel.main_loop.timers.next_due() is None
+
+
+def test_memory_stays_what_it_is_however_long_it_goes_on(kernel):
+    kernel.write("a.py", "b.py")
+    kernel.watch(derived=True)
+
+    def go_on(rounds):
+        for number in range(rounds):
+            kernel.write("a.py", text="def f(\n" if number % 3 else f"class C{number % 5}: pass\n")
+            kernel.write(f"d{number % 5}/x.py")
+            kernel.clock.now += 1.0
+            kernel.settle()
+            shutil.rmtree(kernel.path(f"d{(number + 2) % 5}"), ignore_errors=True)
+        kernel.events.clear()
+        gc.collect()
+
+    go_on(30)
+    tracemalloc.start()
+    try:
+        go_on(10)
+        before, _ = tracemalloc.get_traced_memory()
+        go_on(60)
+        after, _ = tracemalloc.get_traced_memory()
+    finally:
+        tracemalloc.stop()
+    assert after - before < 20_000  # a few hundred bytes for each round would be more
