@@ -40,6 +40,9 @@ __all__ = [
 _ENTRIES_PER_STEP: Final = 200
 
 
+_SUFFIXES: Final = tuple(kPythonSuffixes)
+
+
 class Found(NamedTuple):
     """A Python file. `named` tells that the user gave it by name."""
 
@@ -204,7 +207,9 @@ def _walk_folder(
 
 def looks_like_python(name: str) -> bool:
     """Whether a file of this name may be Python: by its suffix, or as a script without one."""
-    return os.path.splitext(name)[1] in kPythonSuffixes or "." not in name
+    if name.endswith(_SUFFIXES):
+        return not name.startswith(".") or os.path.splitext(name)[1] != ""
+    return "." not in name
 
 
 def is_left_out(

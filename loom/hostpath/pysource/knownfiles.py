@@ -52,7 +52,7 @@ class CFollowing:
 
     def Note(self, loc: CLocation, state: FileState) -> None:
         """The file holds."""
-        if state.followed == self.number != 0:
+        if state.followed and state.followed == self.number:
             self._fNoted.add(loc)
         elif isinstance(loc, CLocalFileLocation):
             self.others[loc.fUrl] = None
@@ -144,7 +144,7 @@ class CKnownFiles(CDestroyable):
             if state is None:
                 continue
             if disk is not None and disk[0] == modtime:
-                valid = freshness.is_fresh(state, *disk[1:])
+                valid = freshness.is_fresh(state, disk[1], disk[2])
             elif abs(SecondsOf(state.mtime_ns) - modtime) < _kSameTimeSeconds:
                 valid = freshness.is_fresh(state, state.mtime_ns, state.size)
             else:
@@ -165,15 +165,20 @@ class CKnownFiles(CDestroyable):
         writer = self._fWriter
         states: dict[str, FileState] = {}
         to_ask: list[str] = []
-        for url in urls:
-            record = writer.pending_file(url)
-            if record is not None:
-                states[url] = record.state()
-            elif not writer.pending_deletion(url):
-                to_ask.append(url)
+        if writer.rows_written:
+            to_ask += urls
+        else:
+            for url in urls:
+                record = writer.pending_file(url)
+                if record is not None:
+                    states[url] = record.state()
+                elif not writer.pending_deletion(url):
+                    to_ask.append(url)
         if to_ask:
             stored: dict[str, FileState] = {}
             stored = self._Ask(lambda: self._fLookup.states(to_ask), stored)
+            if writer.rows_written:
+                return stored
             for url, state in stored.items():
                 times = writer.pending_times(url)
                 states[url] = state if times is None else state._replace(**times._asdict())
