@@ -1,5 +1,7 @@
 """The location data cache and the scan queue over a fake network, in virtual time."""
 
+import time
+
 import pytest
 from fakeremote import SERVER, state_of
 from loombase.inspection import CFileKind, CFileState, GetInspector, StateOf
@@ -543,3 +545,22 @@ def test_the_end_with_scans_waiting_everywhere_is_quiet(main_loop, network, tmp_
     app.destroy()
     assert network.last.closed
     assert not caplog.records
+
+
+def test_a_scope_that_is_needed_at_once_is_scanned_when_its_text_is_there(
+    app, network, main_loop
+):
+    network.tree = {"/a.py": b"def f(): x = 1\n"}
+    loc = far("/a.py")
+    primary = app.ana_mgr.fPrimaryScanName
+    end = time.time() + 100
+    app.coordinator.TryToScanNow(loc, "f", [primary], end)  # nothing is known of the file yet
+    network.last.connect()
+    network.serve()
+    main_loop.run_idle()
+    app.coordinator.TryToScanNow(loc, "f", [primary], end)  # it would have to wait for the text
+    for _ in range(4):
+        network.serve()
+        main_loop.run_idle()
+    assert app.info_cache.GetScopeInfo(loc, "f").type_equivs["x"] == b":=1"
+    assert app.coordinator.QueuesEmpty()
