@@ -112,7 +112,7 @@ def _loom(uses: Sequence[Use], folder: Path) -> dict[str, Any]:
     task = {"uses": [use.as_row() for use in uses], "db": str(db), "deadline": _DEADLINE}
     cold = _ask("loom", folder, {**task, "rounds": 1})
     result = _ask("loom", folder, {**task, "rounds": 2})
-    late = [cold["latest"], result["latest"]]
+    asked = [cold, result]
     partial = 0
     for deadline in _SHORT_DEADLINES:
         empty = folder / f"empty-{deadline}"
@@ -122,13 +122,14 @@ def _loom(uses: Sequence[Use], folder: Path) -> dict[str, Any]:
             folder,
             {**task, "db": str(empty / "db.sqlite3"), "deadline": deadline, "rounds": 1},
         )
-        late.append(short["latest"])
+        asked.append(short)
         partial += short["partial"]
         shutil.rmtree(empty)
     return {
         "answers": result["answers"],
         "rounds": [cold["rounds"][0], *result["rounds"]],
-        "latest": max(late),
+        "latest": max(each["latest"] for each in asked),
+        "latest_busy": max(each["latest_busy"] for each in asked),
         "partial": partial,
     }
 
@@ -218,6 +219,7 @@ def _times(loom: dict[str, Any], jedi: dict[str, Any]) -> list[str]:
         )
     warm = sorted(loom["rounds"][1])[len(loom["rounds"][1]) // 2] * 1e3
     late = max(0.0, loom["latest"] * 1e3)
+    busy = max(0.0, loom["latest_busy"] * 1e3)
     deadlines = ", ".join(f"{deadline * 1e3:g}" for deadline in _SHORT_DEADLINES)
     return [
         *lines,
@@ -226,8 +228,9 @@ def _times(loom: dict[str, Any], jedi: dict[str, Any]) -> list[str]:
         f" {_told(warm <= _MOST_WARM_MS)}.",
         "",
         f"Deadlines of {deadlines} ms over an empty database: {loom['partial']:,} answers were"
-        f" partial and said so; the latest came {late:.1f} ms after its deadline. Aim: at most"
-        f" {_MOST_OVERRUN_MS:g} ms; {_told(late <= _MOST_OVERRUN_MS)}.",
+        f" partial and said so; the latest came {late:.1f} ms after its deadline, {busy:.1f} ms without"
+        f" the time that other processes took. Aim: at most {_MOST_OVERRUN_MS:g} ms;"
+        f" {_told(late <= _MOST_OVERRUN_MS)}.",
     ]
 
 

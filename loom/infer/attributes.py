@@ -130,21 +130,30 @@ def _found_in(
     of_instance: bool,
     source_first: bool,
 ) -> Iterator[_Found]:
-    """Each class of the order that has the name, in its stub or in its source."""
+    """Each class of the order that has the name, in its stub or in its source.
+
+    With `source_first`, a class whose stub alone has it comes behind those whose source does: what
+    it inherits there, its stub may tell more of.
+    """
+    only_in_stub: list[_Found] = []
     for cls in order:
         other = counterparts.other_class(ctx, cls)
         both = [cls] if other is None else [cls, other]
         if other is not None and source_first and modules.is_stub(cls.loc):
             both.reverse()
         for each in both:
+            symbols: tuple[Symbol, ...] = ()
             if of_instance:
                 found = classes.instance_attribute(ctx, (each,), name)
-                if found is not None:
-                    yield cls, found[1]
+                symbols = () if found is None else found[1]
             else:
                 symbol = classes.class_attribute(ctx, (each,), name)
-                if symbol is not None:
-                    yield cls, (symbol[1],)
+                symbols = () if symbol is None else (symbol[1],)
+            if symbols and source_first and other is not None and modules.is_stub(each.loc):
+                only_in_stub.append((cls, symbols))
+            elif symbols:
+                yield cls, symbols
+    yield from only_in_stub
 
 
 # --- what

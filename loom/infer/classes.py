@@ -74,6 +74,8 @@ def _find_base_values(ctx: CInferenceContext, cls: Class) -> tuple[Value, ...]:
     for node in call.args[:_kMostClasses]:
         values = hints.class_values(ctx, cls.loc, parent, node, cls.scope_name)
         usable = [v for v in values if isinstance(v, Class | Special)]
+        if usable == [Special("TypedDict")]:
+            usable = [cls for cls in (builtin_class(ctx, "dict"),) if cls is not None]
         if usable:
             found.append(usable[0])
     return tuple(found)

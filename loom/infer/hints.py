@@ -51,8 +51,8 @@ kSelf: Final = Special("Self")
 # Forms of the typing module that aren't classes of objects.
 kSpecialNames: Final = frozenset(
     """Annotated Any Callable ClassVar Concatenate Final Generic Literal LiteralString Never
-    NoReturn NotRequired Optional Protocol ReadOnly Required Self Type TypeAlias TypeGuard TypeIs Union
-    Unpack""".split()
+    NoReturn NotRequired Optional Protocol ReadOnly Required Self Type TypeAlias TypedDict TypeGuard
+    TypeIs Union Unpack""".split()
 )
 
 # Forms that say something of their first argument but its type.

@@ -328,6 +328,20 @@ def test_the_source_has_the_definition_and_the_stub_the_type(project):
     assert project.ask("m.py", "find().|strip").places[0].scope_name == "str"
 
 
+def test_what_only_the_stub_says_again_is_defined_in_the_base(project):
+    project.write(m="from twofold import Part\nPart().attach\nPart().extra\n")
+    project.write(
+        twofold="class Whole:\n    def attach(self): pass\nclass Part(Whole): pass\n"
+    )
+    project.write_file(
+        "twofold.pyi",
+        "class Whole:\n    def attach(self) -> None: ...\n"
+        "class Part(Whole):\n    def attach(self) -> int: ...\n    extra: int\n",
+    )
+    project.check("m.py", "Part().|attach", "twofold.py", "def |attach")
+    project.check("m.py", "Part().|extra", "twofold.pyi", "|extra: int")
+
+
 BRANCHES = """\
 def choose(flag):
     if flag == 1:
