@@ -182,6 +182,7 @@ class ScanSession(CDestroyable):
             if perf_counter() >= end:
                 return True
         locs: list[CLocation] = []
+        ask, found = self._tally.ask, self._found
         more = True
         waiting = False
         while more and perf_counter() < end:
@@ -196,12 +197,12 @@ class ScanSession(CDestroyable):
                 if isinstance(step, Found):
                     loc: CLocation = CLocalFileLocation(step.path)
                     declare = step.named
-                    self._found.add(loc.fUrl)
+                    found.add(loc.fUrl)
                 else:
                     loc, declare = step
                 if declare:
                     self.app.attribs.DeclareMimeType(loc, kPythonMimeType)
-                self._tally.ask(loc)
+                ask(loc)
                 locs.append(loc)
             elif isinstance(step, Waiting):
                 waiting = True
