@@ -65,6 +65,7 @@ def refs(
                         found.append(reference)
                     if limit is not None and len(found) >= limit:
                         break
+                found.sort(key=lambda each: (each.path, each.line, each.column))
         finally:
             connection.close()
         partial = references.partial or context.partial

@@ -9,6 +9,7 @@ is searched.
 from __future__ import annotations
 
 import os
+import re
 import sqlite3
 from collections.abc import Collection, Iterator, Sequence
 from dataclasses import dataclass
@@ -20,7 +21,7 @@ from pysource.symbolinfo import ParentScopeName
 from loom import freshness
 from loom._pyscan import SourceScanner
 from loom.derive.facts import Facts, Namer, unpack
-from loom.infer import api, modules
+from loom.infer import api, bindings, modules
 from loom.infer.define import definitions_at
 from loom.sourcetext import SourceError, SourceText, decode_source, read_source
 from loom.store import queries
@@ -29,14 +30,17 @@ from loom.store.derived import stored_record
 if TYPE_CHECKING:
     from loom.infer.context import CInferenceContext
     from loom.infer.places import Place
+    from loom.infer.values import Target
 
 __all__ = ["References", "Reference"]
 
 _kBuiltins: Final = "builtins"
 _kNoFacts: Final = Facts({}, {}, {})
 
-_NOWHERE, _NO_HOME = -1, -3
+_NOWHERE: Final = -1
+_NO_HOME: Final = -3
 
+_kBound: Final = ord("b")
 _kKinds: Final = {
     "r": "use",
     "k": "keyword",
@@ -76,19 +80,29 @@ class _Use(NamedTuple):
 
 
 class _File:
-    """A file that may hold references: its scopes, uses, lines and facts."""
+    """A file that may hold references: its scopes, lines and facts, and the uses of some names."""
 
-    def __init__(self, loc: CLocalFileLocation, data: bytes, facts: Facts | None) -> None:
+    def __init__(
+        self, loc: CLocalFileLocation, data: bytes, facts: Facts | None, names: Collection[str]
+    ) -> None:
         scanner = SourceScanner(data, uses=True)
         while not scanner.scan(1 << 20):
             pass
         self.loc = loc
         self.facts = _kNoFacts if facts is None else facts
         self.known = facts is not None
-        self.scopes = [(row[0], row[1], chr(row[2])) for row in scanner.scopes()]
-        self.uses = [_Use(s, h, t, chr(k), line, c) for s, h, t, k, line, c in scanner.uses()]
-        self._bom = 3 if data.startswith(b"\xef\xbb\xbf") else 0
-        self._lines = data[self._bom :].replace(b"\r\n", b"\n").replace(b"\r", b"\n").split(b"\n")
+        self.names = names
+        pattern = re.compile(rf"(?<!\w)(?:{'|'.join(map(re.escape, sorted(names)))})(?!\w)")
+        self.uses = [
+            _Use(scope, home, text, chr(kind), line, column)
+            for scope, home, text, kind, line, column in scanner.uses()
+            if kind != _kBound and pattern.search(text)
+        ]
+        self.scopes = (
+            [(row[0], row[1], chr(row[2])) for row in scanner.scopes()] if self.uses else []
+        )
+        bom = 3 if data.startswith(b"\xef\xbb\xbf") else 0
+        self._lines = data[bom:].splitlines() if self.uses else []
 
     def line(self, number: int) -> bytes:
         return self._lines[number - 1] if number <= len(self._lines) else b""
@@ -127,6 +141,8 @@ class References:
         self._folder = folder
         # All definitions of the last part of the name, and those that are meant, as targets.
         self._definers: set[str] = set()
+        self._attributes: dict[tuple[str, str], Collection[str] | None] = {}
+        self._imports: dict[tuple[CLocation, str], Collection[str]] = {}
         self.targets: set[str] = set()
         self._find_targets()
 
@@ -181,10 +197,33 @@ class References:
     # --- where it may be meant
 
     def __iter__(self) -> Iterator[Reference]:
-        for url, facts in self._files():
-            if self._context.OutOfTime():
-                self.partial = True
-            yield from self._in_file(url, facts)
+        """First what the stored facts tell, then what the inference does, then the candidates."""
+        unknown: list[tuple[_File, _Use, int]] = []
+        for file in self._files():
+            for use in file.uses:
+                for index, answers in self._by_facts(file, use):
+                    if answers is None:
+                        unknown.append((file, use, index))
+                        break
+                    target = self._meant(answers)
+                    if target:
+                        yield self._reference(file, use, index, target)
+                        break
+        candidates: list[tuple[_File, _Use, int]] = []
+        for file, use, index in unknown:
+            answers = self._inferred(file, use, index)
+            if answers is None:
+                candidates.append((file, use, index))
+            elif target := self._meant(answers):
+                yield self._reference(file, use, index, target)
+        for file, use, index in candidates:
+            yield self._reference(file, use, index, "")
+
+    def _is_late(self) -> bool:
+        """Whether there is no time to look at anything more."""
+        if not self.partial and self._context.OutOfTime():
+            self.partial = True
+        return self.partial
 
     def _last_names(self) -> set[str]:
         """How the name may be written where it is used: by its last part, or that of a target."""
@@ -193,51 +232,53 @@ class References:
             names.add(target.rstrip(":").rpartition(":")[2].rpartition(".")[2])
         return names - {""}
 
-    def _files(self) -> Iterator[tuple[str, Facts | None]]:
+    def _files(self) -> Iterator[_File]:
         """The files to look at: those that are known to use the name, then those not derived."""
-        words = [f"\n{name}\n".encode() for name in sorted(self._last_names())]
+        names = self._last_names()
+        words = [f"\n{name}\n".encode() for name in sorted(names)]
         condition = " OR ".join("instr(names, ?)" for _ in words)
         derived = self._connection.execute(
             "SELECT id, url, mtime_ns, size FROM used_names JOIN files ON id = file_id"
             f" WHERE scans LIKE '% derived %' AND ({condition}) ORDER BY url",
             words,
         ).fetchall()
-        for file_id, url, mtime_ns, size in derived:
-            record = stored_record(self._connection, file_id)
-            valid = record is not None and _is_unchanged(url, mtime_ns, size)
-            yield url, unpack(record[1]) if record is not None and valid else None
         others = self._connection.execute(
             "SELECT url FROM files WHERE scans != '' AND scans NOT LIKE '% derived %' ORDER BY url"
         ).fetchall()
-        for (url,) in others:
-            if self._context.OutOfTime():
-                self.partial = True
+        for file_id, url, mtime_ns, size in derived:
+            if self._is_late():
                 return
-            yield url, None
+            record = stored_record(self._connection, file_id)
+            valid = record is not None and _is_unchanged(url, mtime_ns, size)
+            yield from self._open(url, names, unpack(record[1]) if record and valid else None)
+        for (url,) in others:
+            if self._is_late():
+                return
+            yield from self._open(url, names, None)
 
-    def _in_file(self, url: str, facts: Facts | None) -> Iterator[Reference]:
+    def _open(self, url: str, names: set[str], facts: Facts | None) -> Iterator[_File]:
         path = queries.path_of(url)
         data = None if path is None else _read(path)
         if path is None or data is None:
             return
-        names = self._last_names()
-        if facts is None and not any(name.encode() in data for name in names):
+        if facts is not None:
+            aliases = {
+                name.rpartition(" ")[2]
+                for (_, name), found in facts.imports.items()
+                if not self.targets.isdisjoint(found)
+            }
+            names = names | aliases
+        elif not any(name.encode() in data for name in names):
             return
-        file = _File(CLocalFileLocation(path), data, facts)
-        for use in file.uses:
-            found = self._meant(file, use, names)
-            if found is None:
-                continue
-            part, target = found
-            yield self._reference(file, path, use, part, target)
+        file = _File(CLocalFileLocation(path), data, facts, names)
+        if file.uses:
+            yield file
 
-    def _reference(
-        self, file: _File, path: str, use: _Use, part: int, target: str
-    ) -> Reference:
+    def _reference(self, file: _File, use: _Use, index: int, target: str) -> Reference:
         line = file.line(use.line)
-        column = self._column(use, part) if use.kind == "r" else use.column
+        column = _column(use, index)
         return Reference(
-            path,
+            file.loc.path,
             use.line,
             len(line[:column].decode("utf-8", "replace")) + 1,
             _kKinds[use.kind],
@@ -246,120 +287,65 @@ class References:
             target,
         )
 
-    # --- who is meant
+    def _meant(self, answers: Collection[str]) -> str:
+        return next((answer for answer in answers if answer in self.targets), "")
 
-    def _meant(self, file: _File, use: _Use, names: set[str]) -> tuple[int, str] | None:
-        """(index of the part of the chain, target) if a use may mean the name.
-
-        The target is empty if that isn't sure; none if the use means something else.
-        """
-        match use.kind:
-            case "r":
-                return self._meant_by_chain(file, use, names)
-            case "f":
-                return self._meant_by_from(file, use, names)
-            case "i":
-                return self._meant_by_import(file, use)
-            case "k" if use.text in names:
-                return self._judge(0, self._inferred(file, use, 0))
-            case _:
-                return None
-
-    def _meant_by_chain(
-        self, file: _File, use: _Use, names: set[str]
-    ) -> tuple[int, str] | None:
-        components = use.text.lstrip(".").split(".")
-        for index, component in enumerate(components):
-            if component not in names and (index or not self._is_alias(file, use, component)):
-                continue
-            answers = self._by_facts(file, use, components[: index + 1])
-            if answers is None:
-                answers = self._inferred(file, use, index)
-            found = self._judge(index, answers)
-            if found is not None:
-                return found
-        return None
-
-    def _judge(
-        self, index: int, answers: Collection[str] | None
-    ) -> tuple[int, str] | None:
-        if answers is None:
-            return index, ""
-        return next(((index, answer) for answer in answers if answer in self.targets), None)
-
-    def _is_alias(self, file: _File, use: _Use, name: str) -> bool:
-        found = file.facts.imports.get((use.home, name), ())
-        return not self.targets.isdisjoint(found)
-
-    def _meant_by_import(self, file: _File, use: _Use) -> tuple[int, str] | None:
-        for target in self.targets:
-            if target.endswith(":"):
-                module = _absolute(use.text, self._namer.module(file.loc), file.loc)
-                if f"{module}.".startswith(f"{target[:-1]}."):
-                    return 0, target
-        return None
-
-    def _meant_by_from(
-        self, file: _File, use: _Use, names: set[str]
-    ) -> tuple[int, str] | None:
-        module, _, name = use.text.partition(" ")
-        facts = file.facts.imports
-        answers: Collection[str] = facts.get((use.scope, use.text)) or facts.get(
-            (use.scope, name), ()
-        )
-        if name not in names:  # it may be another name for the same thing
-            return self._judge(0, answers)
-        if not answers and not self._is_late():
-            targets = api.resolve_import(file.loc, module, name, self._context)
-            answers = [self._namer.target(target) for target in targets]
-        return self._judge(0, answers or None)
-
-    def _is_late(self) -> bool:
-        """Whether there is no time to ask the inference."""
-        if self._context.OutOfTime():
-            self.partial = True
-        return self.partial
-
-    def _inferred(self, file: _File, use: _Use, index: int) -> Collection[str] | None:
-        """What the inference says of a part of a use; none if it doesn't know."""
-        if self._is_late():
-            return None
-        line = file.line(use.line)
-        column = len(line[: self._column(use, index)].decode("utf-8", "replace"))
-        answer = definitions_at(file.loc, use.line, column, self._context)
-        return [self._target_of(place) for place in answer.places] or None
-
-    def _target_of(self, place: Place) -> str:
-        scope_name = place.scope_name
-        if place.kind == "attribute":
-            scope_name = ParentScopeName(scope_name)
-        return self._namer.place(place.loc, scope_name, place.name)
-
-    def _column(self, use: _Use, index: int) -> int:
-        """Where a part of a chain stands, in bytes, if the chain stands on one line."""
-        components = use.text.lstrip(".").split(".")
-        return use.column + sum(len(each.encode()) + 1 for each in components[:index])
+    # --- who is meant: by what is stored
 
     def _by_facts(
+        self, file: _File, use: _Use
+    ) -> Iterator[tuple[int, Collection[str] | None]]:
+        """For each part of a use that may be the name: what it means, none if the facts don't tell."""
+        match use.kind:
+            case "r":
+                components = use.text.lstrip(".").split(".")
+                for index, component in enumerate(components):
+                    if component in file.names:
+                        yield index, self._chain(file, use, components[: index + 1])
+            case "f":
+                module, _, name = use.text.partition(" ")
+                facts = file.facts.imports
+                found: Collection[str] | None = facts.get((use.scope, use.text)) or facts.get(
+                    (use.scope, name)
+                )
+                if found is None:
+                    found = self._imported(file.loc, module, name)
+                if found or name in self._last_names():
+                    yield 0, found or None
+            case "i":
+                module = _absolute(use.text, self._namer.module(file.loc), file.loc)
+                names = module.split(".")
+                yield 0, [".".join(names[: n + 1]) + ":" for n in range(len(names))]
+            case _:
+                if use.text in file.names:
+                    yield 0, None
+
+    def _chain(
         self, file: _File, use: _Use, components: Sequence[str]
     ) -> Collection[str] | None:
-        """What the beginning of a chain means by the stored facts; none if they don't tell."""
-        first = components[0]
         if not file.known or use.home == _NO_HOME:
             return None
-        if len(components) == 1:
+        first, *attributes = components
+        if not attributes:
             return self._root(file, use.home, first)
-        if len(components) > 2 or use.home < 0:
-            return None
-        if file.scopes[use.home][2] == "m" and first == "self":
-            around = file.class_around(use.home)
-            return None if around is None else self._in_class(file, around, components[1])
-        for target in file.facts.imports.get((use.home, first), ()):
-            if target.endswith(":"):
-                direct = f"{target}{components[1]}"
-                if direct in self._definers:
-                    return (direct,)
-        return None
+        if use.home >= 0 and file.scopes[use.home][2] in "FmM":
+            if first == "self" and len(attributes) == 1:
+                around = file.class_around(use.home)
+                return None if around is None else self._in_class(file, around, attributes[0])
+            if (use.home, first) not in file.facts.imports:
+                return None
+        targets = self._root(file, use.home, first)
+        for attribute in attributes:
+            if not targets:
+                return None
+            found: dict[str, None] = {}
+            for target in targets:
+                inside = self._attribute(target, attribute)
+                if inside is None:
+                    return None
+                found.update(dict.fromkeys(inside))
+            targets = tuple(found)
+        return targets or None
 
     def _root(self, file: _File, home: int, name: str) -> Collection[str] | None:
         known = file.facts.imports.get((home, name))
@@ -376,14 +362,72 @@ class References:
 
     def _in_class(self, file: _File, scope: int, attribute: str) -> Collection[str] | None:
         """The first class that has an attribute, in the order in which they are searched."""
-        if attribute != self._last:
-            return None
         own = self._namer.place(file.loc, file.scopes[scope][0])
         for cls in (own, *file.facts.bases.get(scope, ())):
             place = f"{cls}.{attribute}"
             if place in self._definers:
                 return (place,)
         return None
+
+    # --- who is meant: by the inference
+
+    def _attribute(self, target: str, name: str) -> Collection[str] | None:
+        """What an attribute of a target means; none if that isn't known. Each asked once."""
+        key = (target, name)
+        if key not in self._attributes:
+            if self._is_late():
+                return None
+            self._attributes[key] = self._find_attribute(target, name)
+        return self._attributes[key]
+
+    def _find_attribute(self, target: str, name: str) -> Collection[str] | None:
+        context = self._context
+        module_name, _, inside = target.rpartition(":")
+        module = modules.find_module(context, module_name, self._folder)
+        if module is None:
+            return None
+        found: Sequence[Target] = ()
+        if not inside:
+            attribute = modules.module_attribute(context, module, name)
+            found = () if attribute is None else modules.follow(context, attribute)
+        elif "." not in inside:
+            symbol = modules.module_attribute(context, module, inside)
+            if symbol is not None:
+                values = bindings.target_values(context, symbol)
+                found = api.attribute_targets(values, name, context)
+        return [self._namer.target(each) for each in found] or None
+
+    def _imported(self, loc: CLocation, module: str, name: str) -> Collection[str] | None:
+        key = (loc.GetParentDir(), f"{module} {name}")
+        if key not in self._imports:
+            if self._is_late():
+                return None
+            targets = api.resolve_import(loc, module, name, self._context)
+            self._imports[key] = [self._namer.target(target) for target in targets]
+        return self._imports[key] or None
+
+    def _inferred(self, file: _File, use: _Use, index: int) -> Collection[str] | None:
+        """What the inference says of a part of a use; none if it doesn't know."""
+        if self._is_late():
+            return None
+        column = _column(use, index)
+        characters = len(file.line(use.line)[:column].decode("utf-8", "replace"))
+        answer = definitions_at(file.loc, use.line, characters, self._context)
+        return [self._target_of(place) for place in answer.places] or None
+
+    def _target_of(self, place: Place) -> str:
+        scope_name = place.scope_name
+        if place.kind == "attribute":
+            scope_name = ParentScopeName(scope_name)
+        return self._namer.place(place.loc, scope_name, place.name)
+
+
+def _column(use: _Use, index: int) -> int:
+    """Where a part of a chain stands, in bytes, if the chain stands on one line."""
+    if use.kind != "r":
+        return use.column
+    components = use.text.lstrip(".").split(".")
+    return use.column + sum(len(each.encode()) + 1 for each in components[:index])
 
 
 def _absolute(module: str, own: str, loc: CLocation) -> str:
