@@ -1,4 +1,4 @@
-"""Why a file isn't among those that a scan finds: what stands in its way, and where that is said."""
+"""Why a file isn't among those that a scan finds: what is in its way, and where that is said."""
 
 from __future__ import annotations
 

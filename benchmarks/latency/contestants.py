@@ -2,8 +2,8 @@
 
     contestants.py loom FOLDER WORK      the scheduler on its main loop
     contestants.py derived FOLDER WORK   the same, with the second stage of each file
-    contestants.py slices FOLDER WORK    the same scanners in 50 ms slices with sleep(0) between them
-    contestants.py parse FOLDER WORK     ast.parse, file by file, with sleep(0) between them
+    contestants.py slices FOLDER WORK    the same scanners in 50 ms slices, sleep(0) between them
+    contestants.py parse FOLDER WORK     ast.parse, file by file, sleep(0) between them
     contestants.py focus FOLDER WORK     how fast what the user turns to is scanned
     contestants.py watchfiles FOLDER     another way to hear of changes, until it is killed
 

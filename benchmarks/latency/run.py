@@ -50,7 +50,11 @@ _LARGEST: Final = 20 * 1024 * 1024
 
 _WITH_HELPER: Final = "`loom watch` and its helper"
 
-_FUNCTION: Final = "def function_{0}(first, second={0}):\n    value = first + second\n    return value\n"
+_FUNCTION: Final = """\
+def function_{0}(first, second={0}):
+    value = first + second
+    return value
+"""
 
 
 @dataclass
@@ -235,8 +239,9 @@ def focus_lines(result: dict[str, Any]) -> Iterator[str]:
     slices = max(change["slices"] for change in changes)
     places = [change["place"] for change in changes]
     first = result["first"]
+    queued = min(change["queued"] for change in changes)
     yield (
-        f"- {len(changes)} changes with at least {min(c['queued'] for c in changes):,} files queued,"
+        f"- {len(changes)} changes with at least {queued:,} files queued,"
         f" to files behind {min(places):,} to {max(places):,} others: scanned as number"
         f" {positions} at the latest, in slice {slices} at the latest,"
         f" {seconds[len(seconds) // 2] * 1e3:.1f} ms later at the median and"
@@ -265,19 +270,19 @@ def rest_lines(found: dict[str, Rest]) -> Iterator[str]:
 _README_HEAD: Final = """\
 # Waiting for a scan
 
-`make bench-latency` measures; with `run.py --write` the figures below are written anew. Each way runs
-in a process of its own under `python -O`, in turn, over files that are in the page cache.
+`make bench-latency` measures; with `run.py --write` the figures below are written anew. Each way
+runs in a process of its own under `python -O`, in turn, over files that are in the page cache.
 """
 
 _DELAYS: Final = """\
 ## Other tasks on the loop
 
-A task sleeps for 10 ms again and again, and notes by how much it comes back late. Another one sends
-a byte to a third over a socket and waits until it comes back, which takes several turns of the loop.
-`loom` is its session on its main loop, with all that belongs to it: finding the files, scanning,
-writing the database. The slices run the same scanners into the same database from a coroutine that
-gives way with `sleep(0)`; their time doesn't count finding the files. The biggest Python file on the
-machine comes under {links} names; here it has {size:.1f} MB.
+A task sleeps for 10 ms again and again, and notes by how much it comes back late. Another one
+sends a byte to a third over a socket and waits until it comes back, which takes several turns of
+the loop. `loom` is its session on its main loop, with all that belongs to it: finding the files,
+scanning, writing the database. The slices run the same scanners into the same database from a
+coroutine that gives way with `sleep(0)`; their time doesn't count finding the files. The biggest
+Python file on the machine comes under {links} names; here it has {size:.1f} MB.
 """
 
 _FOCUS: Final = """\
@@ -298,7 +303,7 @@ counts, while nothing happens below the {files:,} files that it watches.
 def main() -> None:
     parser = argparse.ArgumentParser(description="Measure how long others wait for a scan.")
     parser.add_argument("--rounds", type=int, default=3, help="rounds; all of them count")
-    parser.add_argument("--tree", type=Path, help="what is scanned, by default the standard library")
+    parser.add_argument("--tree", type=Path, help="what is scanned")
     parser.add_argument("--idle-seconds", type=float, default=30.0)
     parser.add_argument("--remark", default="", help="how it was measured, for the last line")
     parser.add_argument("--write", action="store_true", help="write README.md beside this file")

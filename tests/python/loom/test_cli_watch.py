@@ -1,4 +1,4 @@
-"""`loom watch`, `loom status` and `loom why` from outside; what is waited for is a line of theirs."""
+"""`loom watch`, `status` and `why` from outside; what is waited for is a line of theirs."""
 
 import contextlib
 import json

@@ -129,7 +129,9 @@ def test_a_folder_that_cannot_be_written_is_an_ordinary_error(loop, tmp_path):
         LiveServer(loop, tmp_path / "missing" / "info.sqlite3", dict)
 
 
-@pytest.mark.parametrize("question", [b"nonsense\n", b"[]\n", b"\xff\n", b"\n", b"[" * 9999 + b"\n"])
+@pytest.mark.parametrize(
+    "question", [b"nonsense\n", b"[]\n", b"\xff\n", b"\n", b"[" * 9999 + b"\n"]
+)
 def test_a_question_that_is_none_is_told_so(loop, db_path, server, question):
     with connected(db_path) as client:
         client.sendall(question)

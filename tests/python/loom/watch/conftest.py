@@ -1,4 +1,4 @@
-"""A watched tree, step by step: events come from a list, or from the kernel, and time is virtual."""
+"""A watched tree, step by step: events come from a list or the kernel, and time is virtual."""
 
 import contextlib
 import os
