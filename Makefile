@@ -8,7 +8,7 @@ MAKEFLAGS += --no-builtin-rules --no-print-directory
 BIN := .venv/bin
 
 .DEFAULT_GOAL := help
-.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-define bench-latency bench-edit bench-queue bench-rescan bench-resolve bench-scan bench-text \
+.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-define bench-latency bench-edit bench-queue bench-remote bench-rescan bench-resolve bench-scan bench-text \
         install venv venv-dev clean
 
 help:
@@ -69,7 +69,7 @@ bench-define: venv-dev
 	@scripts/install.sh
 	@$(BIN)/python -P benchmarks/define/run.py
 
-bench-latency bench-edit bench-queue bench-rescan bench-resolve bench-scan bench-text: bench-%: venv-dev
+bench-latency bench-edit bench-queue bench-remote bench-rescan bench-resolve bench-scan bench-text: bench-%: venv-dev
 	@scripts/install.sh
 	@$(BIN)/python -P benchmarks/$*/run.py
 
