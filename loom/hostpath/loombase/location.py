@@ -47,7 +47,7 @@ class CLocalFileLocation(CLocation):
     _url: str | None
 
     def __new__(cls, path: str | bytes | os.PathLike[str] | os.PathLike[bytes]) -> Self:
-        text = os.fsdecode(path)
+        text = path if type(path) is str else os.fsdecode(path)
         ref = _interned.get((cls, text))  # only normal paths are keys
         found = None if ref is None else ref()
         if isinstance(found, cls):
@@ -70,7 +70,7 @@ class CLocalFileLocation(CLocation):
 
     @classmethod
     def _new(cls, path: str) -> Self:
-        self = super().__new__(cls)
+        self = object.__new__(cls)
         self.path = path
         self._url = None
         key = (cls, path)
