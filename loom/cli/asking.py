@@ -62,6 +62,7 @@ def asking(
             app = App(db_path, main_loop)
             try:
                 imports.set_up(app)
+                app.collect_between_slices()
                 end_time = _fastaccess.GetNowTime() + deadline
                 yield app, app.ana_mgr.fInferenceEngine.NewContext(end_time)
             finally:

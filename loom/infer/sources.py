@@ -6,7 +6,8 @@ This is for positions; types need none of it.
 from __future__ import annotations
 
 from collections import OrderedDict
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
+from itertools import accumulate
 from typing import TYPE_CHECKING, Final
 
 from loombase.location import CLocalFileLocation, CLocation
@@ -24,22 +25,42 @@ __all__ = ["SourceFile", "Sources"]
 
 # Bytes of text that are kept for the next question.
 _kKeptBytes: Final = 16 * 1024 * 1024
+# Bytes scanned, and items taken over, between two looks at the clock.
 _kStepBytes: Final = 64 * 1024
+_kItemsPerStep: Final = 5000
+
+
+_BoundNames = Mapping[tuple[int, str], Sequence[tuple[int, str]]]
 
 
 class SourceFile:
-    """The text of a file, in UTF-8, with its scopes and the lines on which names are bound."""
+    """The text of a file, in UTF-8, with its scopes and the lines on which names are bound.
 
-    def __init__(self, loc: CLocation, state: object, data: bytes, scanner: SourceScanner) -> None:
+    `bound` has the (line, kind) of each binding, in order, by index of the scope and name.
+    """
+
+    def __init__(
+        self,
+        loc: CLocation,
+        state: object,
+        data: bytes,
+        scopes: Sequence[ScopeRow],
+        bound: _BoundNames,
+    ) -> None:
         self.loc = loc
         self.state = state
         self.data = data
         self.lines: Sequence[bytes] = data.split(b"\n")
-        self.scopes: Sequence[ScopeRow] = scanner.scopes()
-        self._scope_index = {row[0]: index for index, row in enumerate(self.scopes)}
-        self._bound: dict[tuple[int, str], list[tuple[int, str]]] = {}
-        for index, name, kind, line in scanner.names():
-            self._bound.setdefault((index, name), []).append((line, chr(kind)))
+        self.scopes = scopes
+        self._scope_index = {row[0]: index for index, row in enumerate(scopes)}
+        self._bound = bound
+        self._offsets: Sequence[int] | None = None
+
+    def offset_of(self, line: int) -> int:
+        """Where a line, counted from 1, begins in the text; its end for a line behind the last."""
+        if self._offsets is None:
+            self._offsets = list(accumulate((len(line) + 1 for line in self.lines), initial=0))
+        return min(self._offsets[min(max(line, 1), len(self._offsets)) - 1], len(self.data))
 
     def line(self, number: int) -> bytes:
         """A line, counted from 1, without its end; empty if there is none."""
@@ -125,4 +146,17 @@ def _read(ctx: CInferenceContext, loc: CLocation, state: object) -> SourceFile |
     while not scanner.scan(_kStepBytes):
         if ctx.OutOfTime():
             return None
-    return SourceFile(loc, state, text.data, scanner)
+    scopes: list[ScopeRow] = []
+    while part := scanner.scopes(len(scopes), _kItemsPerStep):
+        scopes += part
+        if ctx.OutOfTime():
+            return None
+    bound: dict[tuple[int, str], list[tuple[int, str]]] = {}
+    count = 0
+    while names := scanner.names(count, _kItemsPerStep):
+        count += len(names)
+        for index, name, kind, line in names:
+            bound.setdefault((index, name), []).append((line, chr(kind)))
+        if ctx.OutOfTime():
+            return None
+    return SourceFile(loc, state, text.data, scopes, bound)

@@ -14,6 +14,8 @@ __all__ = ["Statement", "statement_at"]
 
 # Longer statements are tables; they aren't parsed.
 _kMostBytes: Final = 256 * 1024
+# How far the start of a statement is looked for, and its end: some 10 ms.
+_kMostSearched: Final = 512 * 1024
 
 _kToken: Final = re.compile(
     rb"""(?P<string>(?:\"\"\"|'''|"|'))|(?P<comment>\#[^\n]*)|(?P<open>[(\[{])|(?P<close>[)\]}])"""
@@ -77,8 +79,10 @@ class Statement:
 def statement_at(source: SourceFile, line: int) -> Statement | None:
     """The statement that holds a line; none for a blank line or a comment."""
     first = source.statement_start_before(line)
-    offset = _offset_of(source, first)
+    offset = source.offset_of(first)
     data = source.data
+    if source.offset_of(line) - offset > _kMostSearched:
+        first, offset = line, source.offset_of(line)  # as if a statement began there
     while True:
         end, lines = _end_of(data, offset)
         if first + lines > line or end >= len(data):
@@ -91,12 +95,11 @@ def statement_at(source: SourceFile, line: int) -> Statement | None:
     return _parsed(text, first, lines)
 
 
-def _offset_of(source: SourceFile, line: int) -> int:
-    return sum(map(len, source.lines[: line - 1])) + line - 1
-
-
 def _end_of(data: bytes, offset: int) -> tuple[int, int]:
-    """Where the logical line that begins at an offset ends, and how many lines it has."""
+    """Where the logical line that begins at an offset ends, and how many lines it has.
+
+    One that is too long ends at any line.
+    """
     depth = 0
     lines = 0
     position = offset
@@ -120,6 +123,8 @@ def _end_of(data: bytes, offset: int) -> tuple[int, int]:
         elif kind == "line":
             lines += 1
             if depth == 0 or _kKeyword.match(data, position) is not None:
+                return position, lines
+            if position - offset > _kMostSearched:
                 return position, lines
 
 

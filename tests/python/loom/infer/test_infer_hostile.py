@@ -125,6 +125,14 @@ def test_what_depends_on_very_much(project, kind):
     project.type("m.py", f"{question}{'.a()' * 200}")
 
 
+def test_a_table_that_is_too_big_to_be_looked_at_as_a_whole(project):
+    rows = "".join(f"    ({i}, name, 'text'),\n" for i in range(40_000))
+    project.write(m=f"name = 1\ntable = [\n{rows}]\ntail = name\n")
+    project.check("m.py", "(39999, |name", "m.py", "|name = 1")
+    project.check("m.py", "(5, |name", "m.py", "|name = 1")
+    project.check("m.py", "tail = |name", "m.py", "|name = 1")
+
+
 def test_very_many_values_of_one_name(project):
     classes = "".join(f"class C{i}:\n    def go(self): pass\n" for i in range(300))
     values = "".join(f"v = C{i}()\n" for i in range(300))
