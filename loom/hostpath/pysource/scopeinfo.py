@@ -9,6 +9,7 @@ from __future__ import annotations
 import logging
 import os
 import sqlite3
+import stat
 from collections import OrderedDict
 from collections.abc import Callable, Container, Iterable, Iterator, Sequence
 from functools import cached_property, partial
@@ -571,14 +572,13 @@ class CInfoCache(CKnownFiles):
 
 
 def _IsGone(path: str) -> bool:
-    """Whether there is certainly no such file."""
+    """Whether there is certainly no such file; a folder or pipe in its place is none."""
     try:
-        os.stat(path)
+        return not stat.S_ISREG(os.stat(path).st_mode)
     except (FileNotFoundError, NotADirectoryError):
         return True
     except OSError:
         return False
-    return False
 
 
 def _RecordBytes(info: CScopeInfo) -> int:

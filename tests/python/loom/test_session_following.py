@@ -45,6 +45,7 @@ class World:
         self.main_loop = main_loop
         self.seconds = 0
         self.names: list[str] = []  # that were looked for
+        self.on_app: Callable[[App], object] = lambda app: None
         for name, content in {
             "project/pyproject.toml": "",
             "project/main.py": "import installed.mod, later\nfrom pkg import a\n",
@@ -83,6 +84,7 @@ class World:
         app = self.app()
         scanned: list[str] = []
         app.info_cache.connect("file-stored", lambda _c, loc, _r: scanned.append(loc.path))
+        self.on_app(app)
         patterns = parse_patterns([exclude]) if exclude else None
         session = ScanSession(app, [str(path) for path in paths or (self.project,)], patterns)
         if on_end is not None:
@@ -126,6 +128,34 @@ def test_imports_of_unchanged_files_are_not_followed_again(followed: World) -> N
         assert followed.names == []
         assert (followed.counts.found, followed.counts.unchanged) == (4, 4)
         assert followed.counts.imported.found == followed.counts.imported.unchanged == imported
+
+
+def test_an_unchanged_tree_costs_one_look_a_file_and_one_query_for_26(
+    world: World, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    for number in range(100):
+        write(world.project / f"pkg/m{number}.py", f"from . import m{number // 2}\n")
+    make_old(world.folder)
+    world.scan()
+    looks: dict[object, int] = {}
+    queries: list[str] = []
+    look = os.stat
+
+    def counted(path: Any, **options: Any) -> os.stat_result:
+        looks[path] = looks.get(path, 0) + 1
+        return look(path, **options)
+
+    monkeypatch.setattr(os, "stat", counted)
+    monkeypatch.setattr(
+        world, "on_app", lambda app: app.info_cache._fConnection.set_trace_callback(queries.append)
+    )
+    assert world.scan() == set()
+    files = [count for path, count in looks.items() if str(path).endswith((".py", ".pyi"))]
+    assert set(files) == {1}
+    assert len(files) == world.counts.found + world.counts.imported.found
+    selects = [text for text in queries if text.startswith("SELECT") and "WHERE url IN" in text]
+    assert len(selects) <= len(files) // 26 + 3
+    assert not any(text.startswith(("BEGIN IMM", "UPDATE", "INSERT")) for text in queries)
 
 
 def test_a_changed_file_outside_is_found_although_nothing_leads_there(followed: World) -> None:

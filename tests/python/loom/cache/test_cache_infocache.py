@@ -178,6 +178,28 @@ def test_files_that_vanished_below_a_folder_are_forgotten(
     assert rows("SELECT count(*) FROM files") == [(10,)]
 
 
+def test_files_that_were_just_found_are_not_looked_at_for_having_vanished(
+    cache: CInfoCache, make_file: MakeFile, scan: Scan, tmp_path: Path, rows: Rows
+) -> None:
+    found, other, gone, replaced = (make_file(f"src/{name}.py") for name in "abcd")
+    waiting = make_file("src/e.py")
+    for loc in (found, other, gone, replaced):
+        scan(loc)
+    cache.WriteEverything()
+    scan(waiting)
+    for loc in (found, gone, replaced):
+        os.unlink(loc.path)
+    os.mkdir(replaced.path)
+    steps = cache.ForgetVanishedBelow(
+        CLocalFileLocation(tmp_path / "src"), found={found.fUrl, waiting.fUrl}
+    )
+    assert [loc for step in steps for loc in step] == [other]
+    cache.WriteEverything()
+    assert {url for (url,) in rows("SELECT url FROM files")} == {
+        loc.fUrl for loc in (found, other, waiting)
+    }
+
+
 # --- GetAllImports
 
 
