@@ -31,22 +31,26 @@ class Obstacle:
     rule_line: int = 0
 
 
-def obstacle(path: str, root: str | None = None) -> Obstacle | None:
+def obstacle(
+    path: str, root: str | None = None, exclude: GitIgnoreSpec | None = None
+) -> Obstacle | None:
     """The first obstacle on the way from `root` to the file at the absolute `path`, or none.
 
-    Without a root, that of the repository counts, or else the topmost folder. What the user left
-    out with `--exclude` isn't known here.
+    Without a root, that of the repository counts, or else the topmost folder. `exclude` are the
+    user's patterns.
     """
     folder = os.path.dirname(path)
     repository = _repository_of(folder)
     top = root if root is not None else repository if repository is not None else "/"
-    for found in (_on_the_way(path, top, repository), _of_file(path)):
+    for found in (_on_the_way(path, top, repository, exclude), _of_file(path)):
         if found is not None:
             return found
     return None
 
 
-def _on_the_way(path: str, top: str, repository: str | None) -> Obstacle | None:
+def _on_the_way(
+    path: str, top: str, repository: str | None, exclude: GitIgnoreSpec | None
+) -> Obstacle | None:
     below = _relative(path, top)
     if below is None:
         return None
@@ -55,6 +59,14 @@ def _on_the_way(path: str, top: str, repository: str | None) -> Obstacle | None:
     for number, part in enumerate(parts):
         place = os.path.join(place, part)
         is_folder = number < len(parts) - 1
+        if exclude is not None:
+            relative = "/".join(parts[: number + 1])
+            verdict = verdict_of(exclude, relative, is_folder)
+            if verdict is not None:
+                if verdict:
+                    rule = _deciding_pattern(exclude, relative, is_folder)
+                    return Obstacle("pattern", place, "left out by a pattern", rule, "--exclude")
+                continue  # kept, whatever else is said
         if is_folder and part in EXCLUDED_FOLDERS:
             return Obstacle("folder", place, f"folders called {part!r} are never sources")
         found = _by_pattern(place, is_folder, top, repository)
@@ -110,6 +122,12 @@ def _deciding_line(
     index = spec.check_file(relative + "/" if is_folder else relative).index
     assert index is not None
     return [number for number, line in enumerate(lines) if line][index]
+
+
+def _deciding_pattern(spec: GitIgnoreSpec, relative: str, is_folder: bool) -> str:
+    index = spec.check_file(relative + "/" if is_folder else relative).index
+    assert index is not None
+    return str(spec.patterns[index].pattern)
 
 
 def _by_content(folder: str) -> Obstacle | None:

@@ -14,6 +14,8 @@ from loom.cli.options import shared_options
 from loom.cli.output import Exit, escape, set_up_logging, styled, write, write_json
 
 if TYPE_CHECKING:
+    from pathspec import GitIgnoreSpec
+
     from loom.leftout import Obstacle
     from loom.store.queries import FileFacts
 
@@ -69,7 +71,7 @@ def _answer(file: str, db_path: Path) -> dict[str, Any]:
         if following is not None and root is None:
             found = _outside(path, following["roots"])
         elif following is None or path not in following["files"]:
-            found = obstacle(path, root)
+            found = obstacle(path, root, _exclude_of(following))
         holds = facts is not None and _holds(path, facts)
     return {
         "path": url if path is None else path,
@@ -80,6 +82,13 @@ def _answer(file: str, db_path: Path) -> dict[str, Any]:
         "problem": problem or None,
         "obstacle": None if found is None else _obstacle(found),
     }
+
+
+def _exclude_of(following: Mapping[str, Any] | None) -> GitIgnoreSpec | None:
+    from loom.ignore import parse_patterns
+
+    patterns = [] if following is None else following["exclude"]
+    return parse_patterns(patterns) if patterns else None
 
 
 def _root_of(path: str, following: Mapping[str, Any] | None) -> str | None:
@@ -176,7 +185,9 @@ def _lines(answer: Mapping[str, Any]) -> Iterator[str]:
     if found is not None:
         where = ""
         if found["rule"]:
-            where = f" {found['rule']!r} in {escape(found['rule_file'])}, line {found['rule_line']}"
+            where = f" {found['rule']!r} in {found['rule_file']}"
+            if found["rule_line"]:
+                where += f", line {found['rule_line']}"
         yield f"  {escape(found['path'])}: {escape(found['reason'])}{escape(where)}"
     elif stored is None:
         yield "  not scanned yet; nothing is known that would leave it out"

@@ -58,6 +58,11 @@ class FolderTree:
     def __contains__(self, path: str) -> bool:
         return path in self._folders
 
+    def exclude_patterns(self) -> list[str]:
+        """The user's patterns, as they were given."""
+        patterns = () if self._exclude is None else self._exclude.patterns
+        return [str(each.pattern) for each in patterns]
+
     def get(self, path: str) -> Folder | None:
         return self._folders.get(path)
 

@@ -165,6 +165,7 @@ class WatchSession(CDestroyable):
             "by": "polling" if self.follower.source is None else "inotify",
             "folders": len(tree),
             "roots": list(tree.roots),
+            "exclude": tree.exclude_patterns(),
             "files": sorted(tree.named_files),
         }
 

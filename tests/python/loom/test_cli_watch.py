@@ -271,7 +271,7 @@ def test_ctrl_c_on_a_terminal(terminal):
 
 
 def test_status_and_why_of_a_running_watch(watching, project, loom_run):
-    watcher = watching()
+    watcher = watching("--no-helper", "--exclude", "*eft.py")
     watcher.wait_for("at-rest")
     status = json.loads(loom_run("status", "--json").stdout)
     assert status["database"]["files"] == 2
@@ -286,6 +286,10 @@ def test_status_and_why_of_a_running_watch(watching, project, loom_run):
     assert answer["verdict"] == "scanned"
     assert answer["stored"]["definitions"] == 1
     assert abs(answer["stored"]["when"] - time.time()) < DEADLINE
+    (project / "left.py").write_text("")
+    left = loom_run("why", "left.py")
+    assert left.returncode == 1
+    assert "left.py: left out by a pattern '*eft.py' in --exclude" in left.stdout
     outside = loom_run("why", project.parent / "other.py")
     assert outside.returncode == 1
     assert "not in what is watched" in outside.stdout

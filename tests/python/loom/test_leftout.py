@@ -4,6 +4,7 @@ import os
 
 import pytest
 
+from loom.ignore import parse_patterns
 from loom.leftout import obstacle
 from loom.sourcetext import kMaxSourceBytes
 from loom.walk import Found, walk
@@ -80,6 +81,16 @@ def test_a_root_that_was_asked_for_by_name_is_no_obstacle(top):
     assert obstacle(path, str(top / "node_modules")) is None
 
 
+def test_patterns_of_the_user_come_first(top):
+    path = write(top, "node_modules/pkg/a.py")
+    write(top, ".gitignore", "*.py\n")
+    other = write(top, "b.py")
+    exclude = parse_patterns(["b*", "!node_modules", "!a.py"])
+    assert obstacle(path, str(top), exclude) is None
+    found = obstacle(other, str(top), exclude)
+    assert (found.rule, found.rule_file, found.path) == ("b*", "--exclude", other)
+
+
 def test_what_is_wrong_with_the_file_itself(top):
     assert obstacle(str(top / "missing.py")).kind == "missing"
     assert obstacle(write(top, "notes.txt")).kind == "not python"
@@ -102,14 +113,19 @@ def test_it_says_of_each_file_what_a_walk_does(top):
     names = ["a.py", "b.py", "x/a.py", "x/b.py", "x/y/a.py", "dist/a.py", "z/dist/__init__.py"]
     names += ["z/dist/a.py", ".tox/a.py", "v/conda-meta/a.py", "p.egg-info/a.py"]
     paths = {write(top, name) for name in names}
-    for rules, inner in (
-        ("", ""),
-        ("a.py\n", ""),
-        ("x/\n", "!b.py\n"),
-        ("*.py\n!b.py\n", "!a.py\n"),
-        ("/a.py\n!/x/\n", "y/\n"),
-    ):
-        write(top, ".gitignore", rules)
-        write(top, "x/.gitignore", inner)
-        walked = {step.path for step in walk([str(top)]) if isinstance(step, Found)}
-        assert {path for path in paths if obstacle(path, str(top)) is None} == walked
+    for exclude in (None, parse_patterns(["x/y", "!.tox", "!dist/"])):
+        for rules, inner in _RULES:
+            write(top, ".gitignore", rules)
+            write(top, "x/.gitignore", inner)
+            steps = walk([str(top)], exclude)
+            walked = {step.path for step in steps if isinstance(step, Found)}
+            assert {path for path in paths if obstacle(path, str(top), exclude) is None} == walked
+
+
+_RULES = (
+    ("", ""),
+    ("a.py\n", ""),
+    ("x/\n", "!b.py\n"),
+    ("*.py\n!b.py\n", "!a.py\n"),
+    ("/a.py\n!/x/\n", "y/\n"),
+)

@@ -226,6 +226,7 @@ def test_the_session_tells_how_it_follows(world):
         "by": "inotify",
         "folders": 2,
         "roots": [world.path("sub")],
+        "exclude": [],
         "files": [world.path("single")],
     }
     assert Path(world.events[0]["database"]) == world.db_path
