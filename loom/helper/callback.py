@@ -37,4 +37,8 @@ def new_callback_obj() -> CHelperCallbackObj:
     The scheduler connects to the class and never cuts that connection. With one class for all, the
     reports of the tenth helper would be heard ten times.
     """
-    return type("CHelperCallbackObj", (CHelperCallbackObj,), {})()
+
+    class COneHelperCallbackObj(CHelperCallbackObj):
+        pass
+
+    return COneHelperCallbackObj()

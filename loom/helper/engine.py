@@ -14,6 +14,7 @@ from loombase.destroyable import CDestroyable
 from loombase.location import CLocalFileLocation, CLocation
 from loombase.mime import kPythonMimeType
 from pysource.inferenceengine import CInferenceEngine
+from pysource.loccache import CLocCache
 from pysource.scancoordinator import CScanCoordinator, CScanItem
 from pysource.scopeinfo import CInfoCache, CScopeInfo
 from singleton import GetSingletons
@@ -68,7 +69,7 @@ class _ForwardingCache(CInfoCache):
         # Nothing of the base's: it would open a database.
         CDestroyable.__init__(self, ("needs-scan-added", "file-stored", "file-reread"))
         self._receiver = receiver
-        self.fLocCache = _NoDerivedInfo()  # type: ignore[assignment]
+        self.fLocCache = CLocCache()  # wants no derived information unless it is told to
         self._fDiskStates = {}
 
     def _NoticeOtherWriters(self) -> None:
@@ -129,16 +130,6 @@ class _ForwardingCache(CInfoCache):
 
     def _destroy_impl(self) -> None:
         """Nothing to close."""
-
-
-class _NoDerivedInfo:
-    """Secondary scans are the first process's."""
-
-    def GetBuiltinLoc(self) -> CLocation | None:
-        return None
-
-    def WantDerivedInfo(self, loc: CLocation) -> bool:
-        return False
 
 
 class _ModFileCache(CDestroyable):

@@ -16,7 +16,7 @@ from loom.__main__ import command_without_debug_checks
 from loom.helper.statuspage import Scanning, StatusPage
 from loom.helper.stream import FdIo, FdStream, Stream
 
-__all__ = ["HelperHandle", "LocalHelper", "own_command"]
+__all__ = ["EarlyHelpers", "HelperHandle", "LocalHelper", "own_command"]
 
 _log = logging.getLogger("loom.helper")
 
@@ -188,6 +188,30 @@ class LocalHelper(HelperHandle):
             self._io.remove_reader(self._log_fd)
             os.close(self._log_fd)
             self._log_fd = None
+
+
+class EarlyHelpers:
+    """Helpers that are started before the app that they will work for, which takes as long.
+
+    `close` ends those that nobody took.
+    """
+
+    def __init__(self, io: FdIo, count: int) -> None:
+        self._io = io
+        self._started: list[LocalHelper] = []
+        try:
+            for _ in range(count):
+                self._started.append(LocalHelper(io))
+        except OSError:
+            pass  # the app tries again, and says what comes of it
+
+    def close(self) -> None:
+        while self._started:
+            self._started.pop().destroy()
+
+    def take(self) -> HelperHandle:
+        """One of them, or when there are no more, a new one. Raises `OSError`."""
+        return self._started.pop() if self._started else LocalHelper(self._io)
 
 
 def _fate(code: int) -> str:

@@ -144,7 +144,7 @@ class Link:
         self._inbox[self._inbox_start] = b""
         self._inbox_start += 1
         self._inbox_bytes -= len(frame)
-        if not self.has_report:
+        if self._inbox_start == len(self._inbox):
             self._inbox.clear()
             self._inbox_start = 0
         if self._is_paused and self._inbox_bytes < _kFewWaiting:

@@ -286,7 +286,14 @@ class CHelperPool(CDestroyable):
         finally:
             self._finish(done)
         self._deal()
+        self.slice_over()
         return ready
+
+    def slice_over(self) -> None:
+        """Have done what the app does after a slice of the scheduler."""
+        on_slice_over = getattr(self._coordinator, "on_slice_over", None)
+        if on_slice_over is not None:
+            on_slice_over()
 
     def _wait_for_database(self) -> None:
         """Somebody else has it. The helpers run into their bounds and wait as well."""
@@ -416,12 +423,11 @@ class CHelperPool(CDestroyable):
     def _follow_some(self) -> bool:
         """Queue what the files of a folder or two import; once for all that came together."""
         end = _fastaccess.GetNowTime() + _kStoreSeconds
+        add_imports = getattr(self._coordinator, "_CScanCoordinator__AddImportEquivsToQueue")
         while self._to_follow:
             folder = next(iter(self._to_follow))
             equivs = self._to_follow.pop(folder)
-            self._coordinator._CScanCoordinator__AddImportEquivsToQueue(  # type: ignore[attr-defined]
-                equivs, folder, kBackgroundPriority
-            )
+            add_imports(equivs, folder, kBackgroundPriority)
             if _fastaccess.OutOfTime(end):
                 break
         else:

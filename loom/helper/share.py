@@ -58,6 +58,7 @@ class LocalShare(CDestroyable):
                 self._idle = None
                 return False
             self._go_on(end)
+        self._pool.slice_over()
         return True
 
     def _is_allowed(self) -> bool:

@@ -9,7 +9,6 @@ from __future__ import annotations
 import mmap
 import os
 import struct
-import tempfile
 from typing import Final, NamedTuple
 
 __all__ = ["Scanning", "StatusPage"]
@@ -46,6 +45,8 @@ class StatusPage:
         if hasattr(os, "memfd_create"):
             fd = os.memfd_create("loom-helper", os.MFD_CLOEXEC)
         else:
+            import tempfile  # takes as long to load as all of this room
+
             fd, path = tempfile.mkstemp(prefix="loom-helper-")
             os.unlink(path)
         os.ftruncate(fd, mmap.PAGESIZE)

@@ -13,13 +13,13 @@ from loombase.destroyable import CDestroyable
 from loom.app import App
 from loom.helper.backoff import Backoff
 from loom.helper.callback import CHelperCallbackObj, new_callback_obj
-from loom.helper.launch import HelperHandle, LocalHelper
+from loom.helper.launch import EarlyHelpers, HelperHandle, LocalHelper
 from loom.helper.link import Link
 from loom.helper.pool import CHelperPool
 from loom.helper.share import LocalShare
 from loom.mainloop.asyncio_loop import AsyncioMainLoop
 
-__all__ = ["CHelperProcessSupport", "default_helpers", "use_helpers"]
+__all__ = ["CHelperProcessSupport", "default_helpers", "may_share", "use_helpers"]
 
 _log = logging.getLogger("loom.helper")
 
@@ -143,14 +143,23 @@ def default_helpers() -> int:
     return 1 if len(os.sched_getaffinity(0)) > 1 else 0
 
 
+def may_share(count: int) -> bool:
+    """Whether a core would be idle if the first process only stored what `count` helpers find."""
+    return count < len(os.sched_getaffinity(0))
+
+
 def use_helpers(
-    app: App, count: int | None = None, share: bool = False
+    app: App,
+    count: int | None = None,
+    share: bool = False,
+    early: EarlyHelpers | None = None,
 ) -> CHelperProcessSupport | None:
     """Have `count` local helper processes scan whole files for `app`; none if `count` is 0.
 
     They end with the app, or when the result is destroyed. With `share` the first process scans a
-    part itself, which is faster; without, it is left to other things. A helper that can't be
-    started is logged, and the app scans alone.
+    part itself, which is faster with few helpers; without, it is left to other things, and to
+    storing, and no file can harm it. `early` are helpers that were started before. One that can't
+    be started is logged, and the app scans alone.
     """
     if count is None:
         count = default_helpers()
@@ -158,7 +167,8 @@ def use_helpers(
     if count <= 0 or not isinstance(main_loop, AsyncioMainLoop):
         return None
     io = main_loop.loop
-    support = CHelperProcessSupport(app.ana_mgr, lambda: LocalHelper(io), count, share)
+    launch = (lambda: LocalHelper(io)) if early is None else early.take
+    support = CHelperProcessSupport(app.ana_mgr, launch, count, share)
     app.info_cache.fWriteSeconds = _kWriteSeconds
     support.start()
     return support
