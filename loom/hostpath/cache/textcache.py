@@ -2,22 +2,28 @@
 
 from __future__ import annotations
 
-from typing import NamedTuple
+from typing import Final, NamedTuple
 
 from loombase.destroyable import CDestroyable
 from loombase.location import CLocation
 
-__all__ = ["CTextCache", "TextEdit"]
+__all__ = ["CTextCache", "TextEdit", "kNoColumn"]
+
+kNoColumn: Final = 1_000_000
 
 
 class TextEdit(NamedTuple):
     """Which lines an edit replaced: those from `first` to before `old_end` by those from `first` to
     before `new_end`. Lines count from 1. An edit inside of a line replaces that line.
+
+    `column` is the least indentation among all those lines that aren't blank, old and new, in
+    columns from 0; `kNoColumn` if there is none.
     """
 
     first: int
     old_end: int
     new_end: int
+    column: int
 
     @property
     def shift(self) -> int:
@@ -122,12 +128,30 @@ def _LinesOf(old: str, new: str, start: int, end: int, replacement: str) -> Text
     if old[start - 1 : start] == "\r":
         start -= 1  # it may end a line with what follows it, and by itself
     first = _CountLineEnds(old, 0, start) + 1
-    removed = _CountLineEnds(old, start, end)
-    added = _CountLineEnds(new, start, new_stop)
-    if _AtLineStart(old, end) and _AtLineStart(new, new_stop):
-        if _AtLineStart(old, start) or (removed and added):
-            return TextEdit(first, first + removed, first + added)  # none of the line behind
-    return TextEdit(first, first + removed + 1, first + added + 1)
+    old_end = first + _CountLineEnds(old, start, end)
+    new_end = first + _CountLineEnds(new, start, new_stop)
+    whole_lines = _AtLineStart(old, end) and _AtLineStart(new, new_stop)
+    if not whole_lines or not (_AtLineStart(old, start) or (old_end > first and new_end > first)):
+        # The line that it ends in is among them.
+        old_end, new_end = old_end + 1, new_end + 1
+        end, new_stop = _EndOfLine(old, end), _EndOfLine(new, new_stop)
+    start = max(old.rfind("\n", 0, start), old.rfind("\r", 0, start)) + 1
+    column = min(_LeastColumn(old[start:end]), _LeastColumn(new[start:new_stop]))
+    return TextEdit(first, old_end, new_end, column)
+
+
+def _EndOfLine(text: str, offset: int) -> int:
+    ends = [at for at in (text.find("\n", offset), text.find("\r", offset)) if at >= 0]
+    return min(ends, default=len(text))
+
+
+def _LeastColumn(lines: str) -> int:
+    columns = [
+        len(line.expandtabs(8)) - len(line.expandtabs(8).lstrip())
+        for line in lines.splitlines()
+        if line.strip()
+    ]
+    return min(columns, default=kNoColumn)
 
 
 def _CountLineEnds(text: str, start: int, end: int) -> int:

@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Iterable, Sequence
 from typing import Final
 
-from cache.textcache import TextEdit
+from cache.textcache import TextEdit, kNoColumn
 from loombase.destroyable import CDestroyable
 from loombase.location import CLocation
 from singleton import GetSingletons
@@ -42,6 +42,8 @@ class CPySourceAnalysis(CDestroyable):
         # Edits that moved something, with the version of the text that each led to, since the
         # version that the info cache has the lines of.
         self._fEdits: list[tuple[int, TextEdit]] = []
+        # The least indentation of lines that were edited in a scope since it was last scanned.
+        self._fLeastColumns: dict[str, int] = {}
         self._fActiveLine = -1
 
     # --- where scopes are
@@ -124,11 +126,23 @@ class CPySourceAnalysis(CDestroyable):
         """
         self.UpdateFromCache()
         touched = self._ScopesOfEdit(edit)
+        for name in touched:
+            self.NoteColumn(name, edit.column)
         if edit.shift:
             self._fEdits.append((version, edit))
             del self._fEdits[:-_kMaxEdits]
             self._fScopes = _Moved(self._fScopes, edit)
         return touched
+
+    def NoteColumn(self, scope_name: str, column: int) -> None:
+        """Lines of a scope with this indentation were edited, or taken out."""
+        self._fLeastColumns[scope_name] = min(
+            column, self._fLeastColumns.get(scope_name, kNoColumn)
+        )
+
+    def TakeLeastColumn(self, scope_name: str) -> int:
+        """The least that was noted for a scope since this was last called for it."""
+        return self._fLeastColumns.pop(scope_name, kNoColumn)
 
     def _ScopesOfEdit(self, edit: TextEdit) -> list[str]:
         if not self._fScopes:
@@ -163,7 +177,7 @@ class CPySourceAnalysis(CDestroyable):
 
 def _Moved(scopes: Iterable[_ScopeLines], edit: TextEdit) -> list[_ScopeLines]:
     """Where the scopes are after an edit. Lines that it added to a scope's last belong to it."""
-    start, old_end, new_end = edit
+    start, old_end, new_end, _ = edit
     shift = edit.shift
     moved = []
     for name, first, last in scopes:

@@ -196,7 +196,7 @@ def test_a_buffer_tells_of_changes_and_knows_whether_it_is_saved(managers, attri
     assert (buffer.IsModified(), buffer.GetText(), seen) == (
         True,
         "y",
-        [(buffer, (1, 2, 2))],
+        [(buffer, (1, 2, 2, 0))],
     )
     buffer.MarkSaved(20.0)
     assert (buffer.IsModified(), buffer._GetLastKnownModTime()) == (False, 20.0)

@@ -19,7 +19,7 @@ from typing import Final, NamedTuple
 from loom._pyscan import SourceScanner
 from loom.store.records import ScopeRow
 
-__all__ = ["ScopeSlice", "cut_out", "header_row", "path_of_scope"]
+__all__ = ["ScopeSlice", "cut_out", "header_row", "indentation", "path_of_scope"]
 
 # (name, which definition of that name it is in its scope, from 1), from the outermost scope inwards.
 ScopePath = Sequence[tuple[str, int]]
@@ -124,7 +124,7 @@ def _defines(line: bytes, name: bytes) -> bool:
 def _chain(lines: Sequence[bytes], at: int) -> list[int]:
     """The lines of the headers around the one on a line, and itself, the outermost first."""
     chain = [at]
-    column = _column(lines[at])
+    column = indentation(lines[at])
     while column > 0 and at > 0:
         deeper = b" " * column
         at -= 1
@@ -133,7 +133,7 @@ def _chain(lines: Sequence[bytes], at: int) -> list[int]:
         line = lines[at]
         if line.lstrip(b" \t\f").startswith(_kContinuations):
             continue
-        outer = _column(line)
+        outer = indentation(line)
         if outer < column:
             column = outer
             if _header.match(line):
@@ -141,7 +141,8 @@ def _chain(lines: Sequence[bytes], at: int) -> list[int]:
     return chain[::-1]
 
 
-def _column(line: bytes) -> int:
+def indentation(line: bytes) -> int:
+    """The column, from 0, in which a line begins."""
     blanks = len(line) - len(line.lstrip(b" "))
     if line[blanks : blanks + 1] not in (b"\t", b"\f"):
         return blanks
@@ -201,14 +202,14 @@ def _indentation(line: bytes) -> bytes:
 
 def _decorated(lines: Sequence[bytes], at: int, first: int) -> int:
     """The line of the first decorator of the definition on a line, not above line `first`."""
-    column = _column(lines[at])
+    column = indentation(lines[at])
     deeper = b" " * (column + 1)
     start = at
     for other in range(at - 1, first - 1, -1):
         if lines[other].startswith(deeper):
             continue
         text = lines[other].lstrip(b" \t\f")
-        if text.startswith(_kContinuations) or (indent := _column(lines[other])) > column:
+        if text.startswith(_kContinuations) or (indent := indentation(lines[other])) > column:
             continue
         if indent < column or not text.startswith(b"@"):
             break

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import logging
-from collections.abc import Callable, Generator, Iterable, Sequence
+from collections.abc import Callable, Generator, Iterable, Iterator, Sequence
 from dataclasses import dataclass
 from typing import Final
 
@@ -16,6 +16,7 @@ from pysource.symbolinfo import (
     GetInfoBytesKind,
     IsDefLineScope,
     IsDefOrClassKind,
+    IsInstanceScope,
     NonNestedSplit,
     ParentAndLeafScopeNames,
     ParentScopeName,
@@ -37,7 +38,7 @@ from loom.store.records import ScopeRow
 
 from .base import CScanner, CScanState, ScanSteps, kFinishedScanning, kScanAbandoned
 from .scantext import ScanText
-from .scopeslice import ScopeSlice, cut_out, header_row, path_of_scope
+from .scopeslice import ScopeSlice, cut_out, header_row, indentation, path_of_scope
 from .wholefile import CWholeFilePrimaryScanner, ItemsInParts, ScopesOfLines
 
 __all__ = ["CSingleScopePrimaryScanner"]
@@ -286,15 +287,27 @@ class CSingleScopePrimaryScanner(CScanner):
         stale: set[str] = set()
         for row in rows[1:]:
             incomplete = found is not None and row[0] in found.incomplete
-            if self._Store(self._Record(row[0], row[5], incomplete), always):
-                changed = True
-                # The scheduler sees to the instances of what it asked for, and to no others.
-                stale |= {f"{name}()" for name in (row[0], ParentScopeName(row[0]))}
+            stale |= self._StoreInner(row, incomplete, always)
+        changed = changed or bool(stale)
         if changed:
             self._StoreRest(rows)
-        known = {name for name in stale if _InfoCache().GetScopeInfo(self.fLocation, name)}
-        self._AskFor(known | self._TellAnalysis(found))
+        stale |= self._TellAnalysis(found)
+        cache = _InfoCache()
+        self._AskFor(
+            name
+            for name in stale
+            if not IsInstanceScope(name) or cache.GetScopeInfo(self.fLocation, name) is not None
+        )
         return changed
+
+    def _StoreInner(self, row: ScopeRow, incomplete: bool, always: bool) -> set[str]:
+        """Store a scope inside of the one that was asked for; returns the instances it may change.
+
+        The scheduler sees to the instances of what it asked for, and to no others.
+        """
+        if not self._Store(self._Record(row[0], row[5], incomplete), always):
+            return set()
+        return {f"{name}()" for name in (row[0], ParentScopeName(row[0]))}
 
     def _StoreRest(self, rows: Sequence[ScopeRow]) -> None:
         """Bring up to date what is stored inside of the scope and isn't among the rows."""
@@ -334,21 +347,37 @@ class CSingleScopePrimaryScanner(CScanner):
         stale: set[str] = set()
         if self._fAllRows:
             after = [(row[0], row[3], row[4]) for row in self._fAllRows]
-            if self._fTextName == kModuleScopeName:
-                # Own names are all that is stored of the module, and text has come to others.
-                stale = {scope[0] for scope in set(after) - set(before)} - {kModuleScopeName}
-            self._fText.TellScopes(after)
+            # Scopes that have come, grown or moved in ways that nobody knew of, with what is around.
+            moved = set(after) - set(before)
+            around = {name for scope in moved for name in _ScopesAround(scope[0])}
+            for row in self._fAllRows:
+                if row[0] in around or (row[0], row[3], row[4]) in moved:
+                    stale |= self._StoreInner(row, incomplete=False, always=False)
+            for name in {scope[0] for scope in before} - {scope[0] for scope in after}:
+                self._Store(self._Record(name, b"", absent=True), always=False)
+            analysis.TakeScopes(after, version)
         elif found is not None:
             analysis.TakeScope([(row[0], row[3], row[4]) for row in found.rows], version)
-        if found is None or self._HolderIsStale(found, before):
-            stale = {ParentScopeName(self._fTextName)}
+        least_column = analysis.TakeLeastColumn(self._fTextName)
+        if found is None or self._HolderIsStale(found, before, least_column):
+            holder = ParentScopeName(self._fTextName)
+            analysis.NoteColumn(holder, least_column)
+            stale = {holder}
         return stale
 
-    def _HolderIsStale(self, found: _Found, before: Sequence[tuple[str, int, int]]) -> bool:
-        """Whether the scope around has changed, too: by the header, or by where the scope ends."""
+    def _HolderIsStale(
+        self, found: _Found, before: Sequence[tuple[str, int, int]], least_column: int
+    ) -> bool:
+        """Whether the scope around has changed, too.
+
+        It has if the header says something else, if the scope ends elsewhere, or if lines were
+        edited that aren't indented enough to be the scope's.
+        """
         if found.holder is None:
             return False
-        name, _, _, _, last, _ = found.rows[0]
+        name, _, _, first, last, _ = found.rows[0]
+        if least_column <= indentation(self._fLines[first - 1]):
+            return True
         expected = next((scope[2] for scope in before if scope[0] == name), last)
         between = self._fLines[min(last, expected) : max(last, expected)]
         if any(line.strip() for line in between):
@@ -361,9 +390,10 @@ class CSingleScopePrimaryScanner(CScanner):
         return not header <= _HeaderParts(stored.type_equivs.get(leaf, b""), name)
 
     def _AskFor(self, scope_names: Iterable[str]) -> None:
-        cache = _InfoCache()
-        scan_name = singleton.GetSingletons().fAnalysisMgr.fPrimaryScanName
-        cache.AddNeedsScan({(self.fLocation, name, scan_name) for name in scope_names})
+        pairs = [(self.fLocation, name) for name in scope_names]
+        if pairs:
+            coordinator = singleton.GetSingletons().fAnalysisMgr.fScanCoordinator
+            coordinator.AddPairsToPrimaryQueue(pairs, first=True)
 
     def _SavePart(self) -> bool:
         if self._fUnderWay is None or self._fOfDefLine:
@@ -391,6 +421,12 @@ def _InfoCache() -> CInfoCache:
     # Looked up late: the info cache isn't there yet when this module is first imported.
     cache: CInfoCache = singleton.GetSingletons().fAnalysisMgr.fInfoCache
     return cache
+
+
+def _ScopesAround(scope_name: str) -> Iterator[str]:
+    while scope_name != kModuleScopeName:
+        scope_name = ParentScopeName(scope_name)
+        yield scope_name
 
 
 def _HeaderParts(info: bytes, scope_name: str) -> set[bytes]:

@@ -1,5 +1,7 @@
 """Sources for tests of scopes, and edits of them."""
 
+import random
+
 from cache.textcache import CTextCache
 
 kSample = '''\
@@ -68,3 +70,42 @@ def type_in(buffer: CTextCache, behind: str, text: str) -> None:
     at = buffer.GetText().index(behind) + len(behind)
     for offset, key in enumerate(text):
         buffer.Replace(at + offset, at + offset, key)
+
+
+# What careless hands put into a text.
+kPieces = (
+    "x = 1\n",
+    "\n",
+    "    ",
+    "def ",
+    "class N:\n",
+    "(",
+    ")",
+    ":",
+    "'''",
+    "# c\n",
+    "    y = 2\n",
+    "        z = 3\n",
+    "def g():\n    pass\n",
+    "    def m(self):\n        self.q = 1\n",
+    "a",
+    "@deco\n",
+    "    @staticmethod\n",
+    "if x:\n",
+    "return 1\n",
+)
+
+
+def scribble(buffer: CTextCache, rng: random.Random) -> None:
+    """Make one change that no author would: put a piece in anywhere, or take one out."""
+    text = buffer.GetText()
+    at = rng.randrange(len(text) + 1)
+    line_start = text.rfind("\n", 0, at) + 1
+    if rng.random() < 0.5:
+        at = line_start if rng.random() < 0.7 else at
+        buffer.Replace(at, at, rng.choice(kPieces))
+    elif rng.random() < 0.5:
+        line_end = text.find("\n", at) + 1 or len(text)
+        buffer.Replace(line_start, line_end, "")
+    else:
+        buffer.Replace(at, min(len(text), at + rng.choice((1, 3, 10))), "")

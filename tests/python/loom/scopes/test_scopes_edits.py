@@ -5,7 +5,7 @@ from collections.abc import Callable
 from types import SimpleNamespace
 
 import pytest
-from cache.textcache import CTextCache, TextEdit
+from cache.textcache import CTextCache, kNoColumn
 from conftest import Host, line_of
 from loombase.location import CLocalFileLocation
 from scope_samples import kSample
@@ -18,9 +18,9 @@ MakeFile = Callable[..., CLocalFileLocation]
 kText = "a\nbc\nd\n"
 
 
-def edits_of(buffer: CTextCache) -> list[TextEdit]:
-    edits: list[TextEdit] = []
-    buffer.connect("text-modified", lambda _, edit: edits.append(edit))
+def edits_of(buffer: CTextCache) -> list[tuple[int, int, int]]:
+    edits: list[tuple[int, int, int]] = []
+    buffer.connect("text-modified", lambda _, edit: edits.append(edit[:3]))
     return edits
 
 
@@ -46,7 +46,7 @@ def edits_of(buffer: CTextCache) -> list[TextEdit]:
     ],
 )
 def test_edit_tells_which_lines_it_replaced(
-    start: int, end: int, replacement: str, edit: TextEdit
+    start: int, end: int, replacement: str, edit: tuple[int, int, int]
 ) -> None:
     buffer = CTextCache(CLocalFileLocation("/a.py"), kText)
     edits = edits_of(buffer)
@@ -54,6 +54,28 @@ def test_edit_tells_which_lines_it_replaced(
     assert buffer.GetText() == kText[:start] + replacement + kText[end:]
     assert edits == [edit]
     assert (buffer.fVersion, buffer.IsModified()) == (1, True)
+
+
+@pytest.mark.parametrize(
+    ("old", "new", "column"),
+    [
+        ("  b", "  bb", 2),  # the line that it stands on
+        ("  b", " b", 1),
+        (" c\n", "", 1),
+        ("a\n", "", 0),
+        ("\td", "\tdd", 8),
+        ("\n\n", "\n", kNoColumn),
+        (" c\n", " c\n\n", kNoColumn),
+        ("  b\n", "  b\n# x\n", 0),
+    ],
+)
+def test_edit_tells_the_least_indentation_of_its_lines(old: str, new: str, column: int) -> None:
+    text = "a\n  b\n c\n\td\n\n\ne\n"
+    buffer = CTextCache(CLocalFileLocation("/a.py"), text)
+    columns: list[int] = []
+    buffer.connect("text-modified", lambda _, edit: columns.append(edit.column))
+    buffer.SetText(text.replace(old, new, 1))
+    assert columns == [column]
 
 
 def test_range_of_a_new_text_is_the_part_that_differs() -> None:

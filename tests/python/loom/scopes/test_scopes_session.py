@@ -1,6 +1,7 @@
 """Editing an open file, with everything real: which scans follow, and what is known then."""
 
 import os
+import random
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -8,7 +9,7 @@ from typing import Any
 import pytest
 from conftest import Host, Scans, kOldTime
 from loombase.location import CLocalFileLocation
-from scope_samples import kSample, replace, type_in
+from scope_samples import kSample, replace, scribble, type_in
 
 from pysource import scopescanner
 from pysource.symbolinfo import GetClassForInstanceName
@@ -235,6 +236,32 @@ def test_typing_a_function_key_by_key(host: Host, sample: CLocalFileLocation) ->
         host.run()
     assert host.names(sample, "typed") == ["one", "two", "return"]
     same_as_whole(host, sample, buffer.GetText())
+
+
+def test_random_changes_are_followed_and_saving_sets_right_what_was_not(
+    host: Host, sample: CLocalFileLocation
+) -> None:
+    """Nearly always all is known as by a scan of the whole; and no scan leads to another forever."""
+    rng = random.Random(8)
+    edits = missed = 0
+    buffer = host.open(sample)
+    for _ in range(20):
+        buffer.SetText(kSample)
+        host.run()
+        for _ in range(10):
+            scribble(buffer, rng)
+            assert host.main_loop.run_idle(100) < 100
+            edits += 1
+            try:
+                same_as_whole(host, sample, buffer.GetText())
+            except AssertionError:
+                # A bracket that is closed elsewhere now can make code of any line below.
+                missed += 1
+                buffer.MarkSaved(kOldTime)
+                Path(sample.path).write_text(buffer.GetText())
+                host.run()
+                same_as_whole(host, sample, buffer.GetText())
+    assert missed <= edits // 50
 
 
 # --- incomplete scopes
