@@ -22,7 +22,6 @@ _kDeepest: Final = 50
 _kDeepestNode: Final = 80
 
 _kNoCut: Final = 1 << 30
-_kNone: Final[frozenset[CLocation]] = frozenset()
 
 # What was answered, and the files that it was drawn from.
 _Answer = tuple[object, frozenset[CLocation]]
@@ -123,7 +122,7 @@ class CInferenceContext:
             del self._open[key]
             cut = self._cut
             self._cut = min(outer_cut, cut if cut < level else _kNoCut)
-            consulted = frozenset(self.consulted) if self.consulted else _kNone
+            consulted = self.engine.file_set(self.consulted)
             outer_consulted |= consulted
             self.consulted = outer_consulted
         if cut >= level and not self.partial and generation == self.engine.generation:

@@ -152,7 +152,7 @@ def _constructors(ctx: CInferenceContext, order: tuple[Class, ...]) -> tuple[str
 
 def _doc_from(source: SourceFile, line: int) -> str:
     """The first line of the text that stands at the first statement from a line on."""
-    last = min(len(source.lines), line + 50)
+    last = min(source.line_count, line + 50)
     while line <= last:
         text = source.line(line).strip()
         if text and not text.startswith(b"#"):

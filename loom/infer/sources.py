@@ -5,6 +5,7 @@ This is for positions; types need none of it.
 
 from __future__ import annotations
 
+from array import array
 from collections import OrderedDict
 from collections.abc import Mapping, Sequence
 from itertools import accumulate
@@ -24,7 +25,7 @@ if TYPE_CHECKING:
 __all__ = ["SourceFile", "Sources"]
 
 # Bytes of text that are kept for the next question.
-_kKeptBytes: Final = 16 * 1024 * 1024
+_kKeptBytes: Final = 8 * 1024 * 1024
 # Bytes scanned, and items taken over, between two looks at the clock.
 _kStepBytes: Final = 64 * 1024
 _kItemsPerStep: Final = 5000
@@ -50,22 +51,25 @@ class SourceFile:
         self.loc = loc
         self.state = state
         self.data = data
-        self.lines: Sequence[bytes] = data.split(b"\n")
+        # Where each line begins, and one more behind the last.
+        lengths = (len(line) + 1 for line in data.split(b"\n"))
+        self._offsets = array("L", accumulate(lengths, initial=0))
         self.scopes = scopes
         self._scope_index = {row[0]: index for index, row in enumerate(scopes)}
         self._bound = bound
-        self._offsets: Sequence[int] | None = None
+
+    @property
+    def line_count(self) -> int:
+        return len(self._offsets) - 1
 
     def offset_of(self, line: int) -> int:
         """Where a line, counted from 1, begins in the text; its end for a line behind the last."""
-        if self._offsets is None:
-            self._offsets = list(accumulate((len(line) + 1 for line in self.lines), initial=0))
         return min(self._offsets[min(max(line, 1), len(self._offsets)) - 1], len(self.data))
 
     def line(self, number: int) -> bytes:
         """A line, counted from 1, without its end; empty if there is none."""
-        if 0 < number <= len(self.lines):
-            return self.lines[number - 1].rstrip(b"\r")
+        if 0 < number <= self.line_count:
+            return self.data[self._offsets[number - 1] : self._offsets[number] - 1].rstrip(b"\r")
         return b""
 
     def scope_row(self, name: str) -> ScopeRow | None:

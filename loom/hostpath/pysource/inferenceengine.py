@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Hashable
+from collections.abc import Hashable, Set
 from typing import TYPE_CHECKING, Any, Final
 
 import singleton
@@ -19,7 +19,7 @@ if TYPE_CHECKING:
 __all__ = ["CInferenceContext", "CInferenceEngine"]
 
 # Answers that are kept: some 300 bytes each.
-_kMostAnswers: Final = 200_000
+_kMostAnswers: Final = 100_000
 
 
 class CInferenceEngine(CDestroyable):
@@ -38,6 +38,7 @@ class CInferenceEngine(CDestroyable):
         # With the files that each was drawn from.
         self.memo: dict[Hashable, tuple[object, frozenset[CLocation]]] = {}
         self.generation = 0
+        self._fFileSets: dict[frozenset[CLocation], frozenset[CLocation]] = {}
         self._fWatchedFactory: Any = None
 
     def NewContext(self, end_time: float, may_scan: bool = True) -> CInferenceContext:
@@ -65,7 +66,13 @@ class CInferenceEngine(CDestroyable):
     def forget_answers(self) -> None:
         """Drop all answers: a file has changed, or modules may be found elsewhere."""
         self.memo.clear()
+        self._fFileSets.clear()
         self.generation += 1
+
+    def file_set(self, locs: Set[CLocation]) -> frozenset[CLocation]:
+        """A set of files to be kept with an answer: many are drawn from the same ones."""
+        found = frozenset(locs)
+        return self._fFileSets.setdefault(found, found)
 
     def _WatchFactory(self) -> None:
         """Follow the factory of the analysis manager, which may come after this object."""
