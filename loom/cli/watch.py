@@ -178,15 +178,18 @@ class _Watch:
         view = make_view(session, session.stop, as_json, not verbose, has_keys)
         stack.callback(view.destroy)
 
+        # One that is ignored already stays so: nohup means it.
+        caught = [each for each in _EXIT_CODES if signal.getsignal(each) != signal.SIG_IGN]
+
         def stop(number: signal.Signals) -> None:
             self._signal = number
-            for each in _EXIT_CODES:
+            for each in caught:
                 loop.remove_signal_handler(each)  # a second one ends us at once
             if number == signal.SIGHUP:
                 view.hang_up()
             session.stop()
 
-        for number in _EXIT_CODES:
+        for number in caught:
             loop.add_signal_handler(number, stop, number)
         loop.add_signal_handler(signal.SIGUSR1, session.toggle_pause)
 

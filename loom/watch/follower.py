@@ -350,11 +350,10 @@ class Follower(CDestroyable):
         return HasPythonShebang(path)
 
     def _forget_file(self, loc: CLocalFileLocation) -> None:
-        cache = self._app.info_cache
-        was_known = cache.IsKnown(loc)
-        cache.ForgetFile(loc)
         self._app.coordinator.RemoveLocationsFromQueue([loc])
-        if was_known:
+        # What isn't known isn't worth a write: it may be our own database that was written.
+        if self._app.info_cache.IsKnown(loc):
+            self._app.info_cache.ForgetFile(loc)
             self.emit("forgotten", self, loc.path)
 
     # --- folders

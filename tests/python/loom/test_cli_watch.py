@@ -143,6 +143,14 @@ def test_a_signal_ends_it_cleanly(watching, project, number, code, loom_run):
     assert "changed" in loom_run("find", "changed").stdout
 
 
+def test_nohup_is_obeyed(watching, project):
+    watcher = watching(preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+    watcher.wait_for("at-rest")
+    watcher.process.send_signal(signal.SIGHUP)
+    (project / "a.py").write_text("changed = 1\n")
+    watcher.wait_for("scanned", path=str(project / "a.py"))
+
+
 def test_a_reader_that_has_had_enough_ends_it(watching, project):
     watcher = watching(stderr=subprocess.PIPE)
     watcher.wait_for("at-rest")

@@ -129,6 +129,16 @@ def test_a_name_that_is_not_python_wakes_nobody(world):
     assert world.main_loop.timers.next_due() is None
 
 
+def test_what_is_not_known_is_not_written_down(world):
+    """A database without a suffix in the watched folder would otherwise never come to rest."""
+    world.watch()
+    world.write("database", text="SQLite format 3")
+    world.happen((Change.WRITTEN, "database"), (Change.GONE, "other"))
+    world.main_loop.advance(1.0)
+    world.main_loop.step()
+    assert not world.app.info_cache.HasUnwritten()
+
+
 def test_a_script_without_suffix_is_python_by_its_first_line(world):
     world.watch()
     world.write("tool", text="#!/usr/bin/env python3\nx = 1\n")
@@ -232,6 +242,30 @@ def test_a_scan_that_nobody_goes_on_with_does_not_leave_old_results(world):
     world.settle()
     assert world.app.info_cache.GetScopeInfo(world.loc("a.py"), "renewed") is not None
     assert world.app.info_cache.GetScopeInfo(world.loc("a.py"), "function_1") is None
+
+
+def test_a_file_that_changes_while_it_is_with_the_helper_is_looked_at_when_its_result_comes(
+    world, monkeypatch
+):
+    world.write("a.py")
+    world.watch()
+    loc, with_helper = world.loc("a.py"), set()
+    monkeypatch.setattr(
+        type(world.app.coordinator),
+        "_fLocsQueuedInHelper",
+        property(lambda _coordinator: with_helper),
+        raising=False,
+    )
+    with_helper.add(loc)
+    world.write("a.py", text=NEW)
+    world.happen((Change.WRITTEN, "a.py"))
+    world.main_loop.advance(1.0)
+    world.main_loop.run_idle()
+    assert world.take("scanned") == []
+    with_helper.clear()
+    world.app.info_cache.emit("file-reread", world.app.info_cache, loc)
+    world.settle()
+    assert world.take("scanned") == ["a.py"]
 
 
 # --- many at a time, and which come first

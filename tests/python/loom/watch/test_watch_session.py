@@ -165,7 +165,9 @@ def test_a_locked_database_makes_changes_wait(world, monkeypatch):
 
 @pytest.mark.parametrize("failure", [StoreError("of no use"), RuntimeError("a fault")])
 def test_a_failure_that_nothing_mends_ends_the_session(world, monkeypatch, failure):
+    world.write("a.py")
     world.watch()
+    os.unlink(world.path("a.py"))
     ended = []
     world.session.connect("finished", ended.append)
 
