@@ -36,8 +36,8 @@ _log = logging.getLogger("loom.helper")
 _kWholeFile: Final = "*"
 
 # Seconds that one idle call stores results, and seconds in which its writing has to be over.
-_kStoreSeconds: Final = 0.006
-_kWriteSeconds: Final = 0.014
+_kStoreSeconds: Final = 0.005
+_kWriteSeconds: Final = 0.012
 
 # Bytes of results that wait to be written, above which no more are stored.
 _kMostUnwritten: Final = 24 * 1024 * 1024

@@ -23,8 +23,8 @@ from loom.mainloop.base import LOW_IDLE_PRIORITY
 __all__ = ["LocalShare"]
 
 # Seconds of one idle call, and those in which its writing has to be over.
-_kSliceSeconds: Final = 0.008
-_kWriteSeconds: Final = 0.014
+_kSliceSeconds: Final = 0.006
+_kWriteSeconds: Final = 0.012
 
 # Behind the storing of results, which frees the helpers, and behind the search for files.
 _kPriority: Final = LOW_IDLE_PRIORITY + 10
