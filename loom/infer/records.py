@@ -93,6 +93,7 @@ class Records:
                 self._engine.forget_answers()
             elif len(self._files) >= _kMostFiles:
                 self._files.clear()
+                self._engine.forget_answers()  # nobody could tell whether they still hold
             facts = self._files[loc] = FileFacts(loc, state, unsaved)
         return facts
 
@@ -118,6 +119,9 @@ class Records:
             return None
         cache = self._engine.info_cache
         if facts.unsaved:
+            known = facts.scopes.get(name)
+            if known is not None:
+                return known.info
             # What the cache has may be of the text before the last change.
             self._scan(ctx, facts, name, name)
             return cache.GetScopeInfo(facts.loc, name)

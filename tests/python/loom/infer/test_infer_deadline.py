@@ -5,7 +5,7 @@ from cache.textcache import CTextCache
 from singleton import GetSingletons
 
 from loom.app import App
-from loom.infer import api
+from loom.infer import api, records
 from loom.infer.define import definitions_at
 
 CHAIN = {
@@ -134,6 +134,15 @@ def test_a_changed_file_gives_another_answer(project, scans):
     project.check("a.py", "thing.|go", "c.py", "def |go")
     project.write_file("b.py", "thing = missing()\n")
     assert project.ask("a.py", "thing.|go").places == ()
+
+
+def test_more_files_than_are_kept_in_hand(project, monkeypatch):
+    monkeypatch.setattr(records, "_kMostFiles", 3)
+    project.write_all(CHAIN)
+    project.check(*GO)
+    project.write_file("c.py", "class Other:\n    def go(self): 'other'\nthing = Other()\n")
+    project.check("a.py", "thing.|go", "c.py", "def |go")
+    project.check("a.py", "thing.|go", "c.py", "def |go")
 
 
 def test_a_file_that_goes_and_comes_back(project):
