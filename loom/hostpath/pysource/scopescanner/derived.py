@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import logging
+import weakref
 from collections.abc import Callable, Collection, Generator, Iterable, Sequence
 from itertools import islice
 from typing import TYPE_CHECKING, Final
@@ -69,6 +70,7 @@ class CWholeFileSecondaryScanner(CScanner):
         self._fEndTime = 0.0
         self._fContext: CInferenceContext | None = None
         self._fAsked: set[_Triple] = set()
+        self._fMissing: set[CLocation] = set()  # not scanned when they were looked at
         super().__init__(loc, log)
 
     def Scan(self, end_time: float) -> CScanState:
@@ -167,6 +169,7 @@ class CWholeFileSecondaryScanner(CScanner):
             if not self._AskFor(needed - self._fAsked):
                 consulted.discard(self.fLocation)
                 return deriver.keys | {key_of_file(loc.fUrl) for loc in consulted}
+            self._fMissing.clear()
             yield kWaitingForData  # for those scans, which come before this one
 
     def _AskFor(self, needed: set[_Triple]) -> bool:
@@ -188,6 +191,7 @@ class CWholeFileSecondaryScanner(CScanner):
         if self._fContext is None or self._fContext.fEndTime != self._fEndTime:
             engine = singleton.GetSingletons().fAnalysisMgr.fInferenceEngine
             self._fContext = engine.NewContext(self._fEndTime, may_scan=False)
+            self._fContext.missing = self._fMissing
         return self._fContext
 
 
@@ -258,14 +262,21 @@ class _SharedNamer:
     """The namer of all scans, until files may have got other names."""
 
     def __init__(self) -> None:
-        self._fKnownFor: tuple[object, int] | None = None
+        self._fFactory: weakref.ref[object] | None = None
+        self._fGeneration = 0
         self._fNamer: Namer | None = None
 
     def Get(self) -> Namer:
         manager = singleton.GetSingletons().fAnalysisMgr
-        now = (manager, manager.fInferenceEngine.generation)
-        if self._fNamer is None or self._fKnownFor != now:
-            self._fKnownFor = now
+        factory = self._fFactory() if self._fFactory is not None else None
+        generation = manager.fInferenceEngine.generation
+        if (
+            self._fNamer is None
+            or factory is not manager.fAnalysisFactory
+            or generation != self._fGeneration
+        ):
+            self._fFactory = weakref.ref(manager.fAnalysisFactory)
+            self._fGeneration = generation
             self._fNamer = Namer(manager.fAnalysisFactory)
         return self._fNamer
 
