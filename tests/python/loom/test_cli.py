@@ -100,7 +100,7 @@ def test_version(loom_run):
 def test_help_names_the_commands_and_exit_codes(loom_run):
     result = loom_run("--help")
     assert result.returncode == 0
-    for word in ("scan", "symbols", "find", "130 interrupted"):
+    for word in ("scan", "watch", "status", "why", "symbols", "find", "130 interrupted"):
         assert word in result.stdout
 
 
