@@ -8,7 +8,7 @@ MAKEFLAGS += --no-builtin-rules --no-print-directory
 BIN := .venv/bin
 
 .DEFAULT_GOAL := help
-.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-define bench-helper bench-latency bench-edit bench-queue bench-remote bench-rescan bench-resolve bench-scan bench-text \
+.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-define bench-derived bench-helper bench-latency bench-edit bench-queue bench-remote bench-rescan bench-resolve bench-scan bench-text \
         install venv venv-dev clean
 
 help:
@@ -21,6 +21,7 @@ help:
 	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers,"
 	@echo "                   bench-latency how long others wait for a scan; bench-edit what an edit costs,"
 	@echo "                   bench-resolve how names become files; bench-define what names mean, beside jedi,"
+	@echo "                   bench-derived what the second stage costs,"
 	@echo "                   bench-helper scans in processes of their own"
 	@echo "make fuzz          look for inputs that break what walks text (needs clang++)"
 	@echo "make clean         remove .venv and build"
@@ -70,7 +71,7 @@ bench-define: venv-dev
 	@scripts/install.sh
 	@$(BIN)/python -P benchmarks/define/run.py
 
-bench-helper bench-latency bench-edit bench-queue bench-remote bench-rescan bench-resolve bench-scan bench-text: bench-%: venv-dev
+bench-derived bench-helper bench-latency bench-edit bench-queue bench-remote bench-rescan bench-resolve bench-scan bench-text: bench-%: venv-dev
 	@scripts/install.sh
 	@$(BIN)/python -P benchmarks/$*/run.py
 
