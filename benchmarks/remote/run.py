@@ -2,8 +2,8 @@
 
     run.py [--tree FOLDER] [--delay MILLISECONDS]... [--rounds N]
 
-The server is an sshd of our own on the loopback interface; a delay is added to each way by a proxy in a
-process of its own. Prints a table; the best round counts.
+The server is an sshd of our own on the loopback interface; a delay is added to each way by a proxy
+in a process of its own. Prints a table; the best round counts.
 """
 
 import argparse

@@ -127,7 +127,9 @@ class SshTransport:
     async def _connect_and_wait(self) -> ConnectionFailure:
         """Connect, and return why there is no connection any more."""
         # A tenth of a second, the first time.
-        ssh: Any = await self._loop.run_in_executor(None, importlib.import_module, "asyncssh")
+        await self._loop.run_in_executor(None, importlib.import_module, "asyncssh")
+        import asyncssh
+
         options = self._options
         wanted: dict[str, Any] = {}
         if options.config is not None:
@@ -141,25 +143,26 @@ class SshTransport:
         if self._name.port:
             wanted["port"] = self._name.port
         host = unquote(self._name.host.strip("[]"))
-        settled = await ssh.SSHClientConnectionOptions.construct(host=host, **wanted)
+        settled = await asyncssh.SSHClientConnectionOptions.construct(host=host, **wanted)
         wanted["known_hosts"] = await self._loop.run_in_executor(
             None, _read_known_hosts, settled.known_hosts
         )
         lost: asyncio.Future[Exception | None] = self._loop.create_future()
 
-        class Owner(ssh.SSHClient):  # type: ignore[misc]
+        class Owner(asyncssh.SSHClient):
             def connection_lost(self, exc: Exception | None) -> None:
                 if not lost.done():
                     lost.set_result(exc)
 
-        self._connection = await ssh.connect(
+        self._connection = await asyncssh.connect(
             host, client_factory=Owner, password_auth=False, kbdint_auth=False, **wanted
         )
         self._sftp = await self._connection.start_sftp_client(path_encoding=None)
         self._client.connected(self)
         closed = asyncio.ensure_future(self._sftp.wait_closed())
+        either: set[asyncio.Future[Any]] = {lost, closed}
         try:
-            await asyncio.wait({lost, closed}, return_when=asyncio.FIRST_COMPLETED)
+            await asyncio.wait(either, return_when=asyncio.FIRST_COMPLETED)
         finally:
             closed.cancel()
         error = lost.result() if lost.done() else None

@@ -391,7 +391,8 @@ def test_a_server_given_up_keeps_what_was_known_and_wakes_its_scanners(
     network.tree["/a.py"] = b"new = 100\n"
     app.ana_mgr.fLocationDataCache.Clear()
     failed = []
-    app.ana_mgr.fLocationDataCache.connect("inspect-failed", lambda cache, locs: failed.extend(locs))
+    data_cache = app.ana_mgr.fLocationDataCache
+    data_cache.connect("inspect-failed", lambda cache, locs: failed.extend(locs))
     scan(app, loc)
     network.serve()
     main_loop.run_idle()  # waits to be read
