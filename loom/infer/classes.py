@@ -256,9 +256,11 @@ def _function_scopes(
     ctx: CInferenceContext, cls: Class, scope_name: str, depth: int
 ) -> Iterator[str]:
     record = ctx.engine.records.scope(ctx, cls.loc, scope_name)
-    if record is None or depth > 4 or cls.loc.fUrl.endswith(".pyi"):
+    if record is None or depth > 4 or modules.is_stub(cls.loc):
         return
     for name, info in record.names.items():
+        if ctx.OutOfTime():
+            return
         # Told by the bytes: most names of a scope are no functions.
         if b":m" in info or b":M" in info or b":F" in info:
             for part in record.parts(name):

@@ -12,8 +12,8 @@ if TYPE_CHECKING:
 
 __all__ = ["Statement", "statement_at"]
 
-# Longer statements are tables; they aren't parsed.
-_kMostBytes: Final = 256 * 1024
+# Longer statements are tables; they aren't parsed, which would take more than some 10 ms.
+_kMostBytes: Final = 32 * 1024
 # How far the start of a statement is looked for, and its end: some 10 ms.
 _kMostSearched: Final = 512 * 1024
 
