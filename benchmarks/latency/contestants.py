@@ -4,6 +4,7 @@
     contestants.py derived FOLDER WORK   the same, with the second stage of each file
     contestants.py slices FOLDER WORK    the same scanners in 50 ms slices, sleep(0) between them
     contestants.py parse FOLDER WORK     ast.parse, file by file, sleep(0) between them
+    contestants.py nothing FOLDER WORK   nobody scans: what the machine itself adds
     contestants.py focus FOLDER WORK     how fast what the user turns to is scanned
     contestants.py watchfiles FOLDER     another way to hear of changes, until it is killed
 
@@ -34,6 +35,8 @@ from loom.walk import Found, walk
 
 _TIMER_SECONDS: Final = 0.010
 _SLICE_SECONDS: Final = 0.050
+
+_NOTHING_SECONDS: Final = 3.0
 
 # The focus changes while at least so many files are queued.
 _QUEUED_FILES: Final = 10_000
@@ -196,6 +199,18 @@ def parse(folder: str, work: Path) -> dict[str, Any]:
     return asyncio.run(_in_turns(one_file, work))
 
 
+def nothing(folder: str, work: Path) -> dict[str, Any]:
+    """How late the probes are by themselves."""
+    probes = Probes()
+
+    async def run() -> None:
+        async with probes.running(work):
+            await asyncio.sleep(_NOTHING_SECONDS)
+
+    asyncio.run(run())
+    return {"seconds": _NOTHING_SECONDS, "timer": probes.timer, "talk": probes.talk}
+
+
 def focus(folder: str, work: Path) -> dict[str, Any]:
     """Positions and seconds from a change of the active document to the end of its scan."""
     from cache.textcache import CTextCache
@@ -290,7 +305,7 @@ def main() -> None:
     if name == "watchfiles":
         watchfiles_(folder)
         return
-    contestants = (loom, derived, slices, parse, focus)
+    contestants = (loom, derived, slices, parse, nothing, focus)
     contestant = {each.__name__: each for each in contestants}[name]
     print(json.dumps(contestant(folder, Path(rest[0]))))
 
