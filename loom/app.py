@@ -31,11 +31,16 @@ _kFirstIdlePriority: Final = 0
 class App(CDestroyable):
     """The stand-alone host over one database, on one main loop. One at a time in a process.
 
-    Raises `loom.store.errors.StoreError` if the database can't be used. `destroy` saves what isn't
+    `coordinator_class` makes the scheduler. Raises `loom.store.errors.StoreError` if the database can't be used. `destroy` saves what isn't
     written yet; the main loop stays its maker's.
     """
 
-    def __init__(self, db_path: Path, main_loop: MainLoop) -> None:
+    def __init__(
+        self,
+        db_path: Path,
+        main_loop: MainLoop,
+        coordinator_class: type[FollowingCoordinator] = FollowingCoordinator,
+    ) -> None:
         super().__init__()
         table = GetSingletons()
         if table.fAnalysisMgr is not None:
@@ -50,7 +55,7 @@ class App(CDestroyable):
             table.fCacheMgr = CCacheMgr(self.attribs)
             table.fSavableMgr = CSavableMgr()
             table.fGuiMgr = CGuiMgr()
-            self.ana_mgr = CAnalysisMgr(db_path, FollowingCoordinator)
+            self.ana_mgr = CAnalysisMgr(db_path, coordinator_class)
         except BaseException:
             self._clear_table()
             raise

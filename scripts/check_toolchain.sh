@@ -43,6 +43,8 @@ for option in "$@"; do
     --toolkits)
       pkg-config --exists gobject-introspection-1.0 cairo 2>/dev/null ||
         fail "PyGObject can't be built; apt-get install pkg-config libgirepository1.0-dev libcairo2-dev"
+      command -v chromium >/dev/null 2>&1 || command -v google-chrome >/dev/null 2>&1 ||
+        fail "no browser for the test of the report page; apt-get install chromium"
       ;;
     *) fail "unknown option $option" ;;
   esac

@@ -22,10 +22,12 @@ from loom.cli.options import (
 from loom.cli.output import Exit, set_up_logging, warn
 from loom.cli.remote import PathOrUrl, RemoteSettings, local_paths, remote_options
 from loom.cli.running import dump_option, observable
+from loom.cli.tracing import Tracing, tracing_options
 
 if TYPE_CHECKING:
     from pathspec import GitIgnoreSpec
 
+    from loom.cli.report import ScanReport
     from loom.mainloop.asyncio_loop import AsyncioMainLoop
     from loom.scansession import ScanSession
 
@@ -41,6 +43,7 @@ __all__ = ["scan"]
 @derived_option
 @helper_options
 @remote_options
+@tracing_options
 @shared_options
 def scan(
     paths: Sequence[str],
@@ -53,6 +56,7 @@ def scan(
     helper: bool | None,
     jobs: int | None,
     remote: RemoteSettings,
+    tracing: Tracing,
     db_path: Path,
     as_json: bool,
     verbose: int,
@@ -74,7 +78,7 @@ def scan(
     patterns = parse_exclude(exclude)
     paths = list(paths) or ["."]
     with Imports(local_paths(paths), python, no_imports) as imports:
-        command = _Scan(paths, patterns, imports, remote, db_path, as_json, verbose)
+        command = _Scan(paths, patterns, imports, remote, tracing, db_path, as_json, verbose)
         return command.run(exit_zero, derived, dump_path, jobs or int(bool(helper)))
 
 
@@ -87,6 +91,7 @@ class _Scan:
         exclude: GitIgnoreSpec | None,
         imports: Imports,
         remote: RemoteSettings,
+        tracing: Tracing,
         db_path: Path,
         as_json: bool,
         verbose: int,
@@ -95,33 +100,44 @@ class _Scan:
         self._exclude = exclude
         self._imports = imports
         self._remote = remote
+        self._tracing = tracing
         self._db_path = db_path
         self._as_json = as_json
         self._verbose = verbose
         self._signal: signal.Signals | None = None
 
     def run(self, exit_zero: bool, derived: bool, dump_path: str, helpers: int) -> int:
-        from loom.app import App
-        from loom.cli.progress import make_display
-        from loom.cli.report import ScanReport
         from loom.mainloop.asyncio_loop import AsyncioMainLoop
-        from loom.scansession import ScanSession
 
         main_loop = AsyncioMainLoop()
+        early = None
+        if helpers:  # they start while all the rest is loaded
+            from loom.helper.launch import EarlyHelpers
+
+            early = EarlyHelpers(main_loop.loop, helpers)
+        from loom.app import App
+        from loom.cli.progress import make_display
+        from loom.scansession import ScanSession
+
         try:
-            app = App(self._db_path, main_loop)
+            app = App(self._db_path, main_loop, self._tracing.coordinator_class())
             try:
                 if self._verbose > 1:
                     app.coordinator.fLog.fOutputFile = sys.stderr
-                if helpers:
-                    from loom.helper.support import use_helpers
+                if early is not None:
+                    from loom.helper.support import may_share, use_helpers
 
-                    use_helpers(app, helpers, share=True)
+                    use_helpers(app, helpers, may_share(helpers), early)
                 self._imports.set_up(app)
                 self._remote.set_up(app, self._paths)
                 session = ScanSession(app, self._paths, self._exclude, derived=derived)
                 session.connect("finished", lambda _session: main_loop.loop.stop())
                 with (
+                    self._tracing.around(
+                        app,
+                        local_paths(self._paths),
+                        lambda: self._report(session).as_json(),
+                    ),
                     make_display(session, live=not self._verbose),
                     observable("scan", app, session, main_loop, dump_path),
                 ):
@@ -133,14 +149,20 @@ class _Scan:
             finally:
                 app.destroy()  # saves
         finally:
+            if early is not None:
+                early.close()
             main_loop.close()
         if session.failure is not None:
             raise session.failure
-        report = ScanReport(session, self._db_path, self._signal is not None)
-        report.write(self._as_json)
+        self._report(session).write(self._as_json)
         if self._signal is not None:
             return Exit.TERMINATED if self._signal == signal.SIGTERM else Exit.INTERRUPTED
         return Exit.FINDINGS if session.counts.errors and not exit_zero else Exit.OK
+
+    def _report(self, session: ScanSession) -> ScanReport:
+        from loom.cli.report import ScanReport
+
+        return ScanReport(session, self._db_path, self._signal is not None)
 
     def _catch_signals(self, main_loop: AsyncioMainLoop, session: ScanSession) -> None:
         """End the session at the first signal; a second one isn't caught any more."""

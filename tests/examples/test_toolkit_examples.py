@@ -1,7 +1,11 @@
-"""The examples on Qt and GLib, each as its reader would start it. Needs both toolkits."""
+"""The examples on Qt and GLib, each as its reader would start it, and the report in a browser.
+
+Needs both toolkits and Chromium.
+"""
 
 import os
 import re
+import shutil
 import subprocess
 import sys
 from pathlib import Path
@@ -54,3 +58,28 @@ def test_glib_host_counts_comments_in_files_of_its_own(project):
     *files, last = example("glib_host.py", str(project)).splitlines()
     assert files == [f"{project}/m{n:02}.py: 30 of 92 lines" for n in range(20)]
     assert re.fullmatch(r"20 files, and \d+ beats of the program meanwhile", last)
+
+
+def test_the_page_of_a_run_draws_itself_in_a_browser(project, tmp_path):
+    page = tmp_path / "report.html"
+    scan = [sys.executable, "-m", "loom", "scan", str(project), "--db", str(tmp_path / "d.sqlite3")]
+    subprocess.run(
+        [*scan, "--report", str(page)],
+        env={**os.environ, "PYTHONPATH": str(kPackages)},
+        check=True,
+        capture_output=True,
+    )
+    browser = shutil.which("chromium") or shutil.which("google-chrome")
+    assert browser is not None, "Chromium is needed: apt-get install chromium"
+    drawn = subprocess.run(
+        [browser, "--headless", "--no-sandbox", "--disable-gpu", "--dump-dom", page.as_uri()],
+        capture_output=True,
+        text=True,
+        timeout=120,
+        check=True,
+    ).stdout
+    assert 'data-drawn="yes"' in drawn  # the last line of the script was reached
+    assert "20 scanned, 0 unchanged, 0 failed" in drawn
+    for chart in ("timeline", "lengths", "depths"):
+        shapes = re.search(rf'<svg id="{chart}"[^>]*>(.*?)</svg>', drawn, re.DOTALL)
+        assert shapes is not None and re.search("<(rect|polyline) ", shapes[1]), chart
