@@ -185,14 +185,7 @@ class ScanSession(CDestroyable):
         ask, found = self._tally.ask, self._found
         more = True
         waiting = False
-        while more and perf_counter() < end:
-            try:
-                step = next(self._walk)
-            except StopIteration:
-                more = False
-                break
-            if step is None:
-                continue
+        for step in self._walk:
             if isinstance(step, (Found, FoundRemote)):
                 if isinstance(step, Found):
                     loc: CLocation = CLocalFileLocation(step.path)
@@ -211,6 +204,10 @@ class ScanSession(CDestroyable):
             elif isinstance(step, Problem):
                 self._unwalkable.add(step.path)
                 self.counts.errors.append(self._error(step.path, step.reason))
+            if perf_counter() >= end:
+                break
+        else:
+            more = False
         if locs:
             self.app.coordinator.ask_for(locs)
         if not more:

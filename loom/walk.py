@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import stat
 from collections.abc import Generator, Sequence, Set
+from operator import attrgetter
 from typing import Final, NamedTuple
 
 from loombase.location import CSshFileLocation
@@ -191,10 +192,11 @@ def _walk_folder(
                     subfolders.append(entry.path)
             elif looks_like_python(entry.name):
                 files.append(entry)
-        for entry in sorted(files, key=lambda entry: entry.name):
+        ruled = rules is not None or exclude is not None
+        for entry in sorted(files, key=attrgetter("name")):
             if (
                 entry.path not in named_files
-                and not is_left_out(entry.path, root, rules, exclude, is_folder=False)
+                and not (ruled and is_left_out(entry.path, root, rules, exclude, is_folder=False))
                 and _is_file(entry)
                 and ("." in entry.name or HasPythonShebang(entry.path))
             ):
