@@ -26,6 +26,9 @@ from typing import Any
 sys.path.append(str(Path(__file__).resolve().parents[2]))
 
 
+# The others find what files define, and no more.
+_PRIMARY_ONLY = ("--no-imports", "--no-derived")
+
 def parse(files: Sequence[str], folder: Path) -> dict[str, Any]:
     """`ast.parse`, file by file. The tree is thrown away."""
     warnings.simplefilter("ignore")
@@ -105,7 +108,7 @@ def loom(files: Sequence[str], folder: Path) -> dict[str, Any]:
     lengths, cpu_lengths = array("d"), array("d")
     setattr(IdleQueue, "run_one", _measured(IdleQueue.run_one, lengths, cpu_lengths))
     with contextlib.redirect_stdout(output):
-        code = run(["scan", "--no-imports", "--json", "--db", str(database), *arguments])
+        code = run(["scan", *_PRIMARY_ONLY, "--json", "--db", str(database), *arguments])
     seconds = perf_counter() - start
     if code not in (0, 1):
         raise SystemExit(f"loom scan ended with {code}")

@@ -240,7 +240,7 @@ _README_HEAD: Final = """\
 
 `make bench-scan` measures; with `run.py --write` the figures below are written anew.
 
-`loom scan` is timed as a whole: imports, finding the files, scanning them in slices of 50 ms, all
+`loom scan` (without imports and the derived stage) is timed as a whole: imports, finding the files, scanning them in slices of 50 ms, all
 rows and the index of names, closing the database. The others are timed without their imports, and
 get the list of files. The bare loop runs the same scanners into the same database, file after file,
 with nothing in between. Each runs in a process of its own, in turn, under `python -O`, over files
