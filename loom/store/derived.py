@@ -199,7 +199,9 @@ class DerivedStore:
             f" WHERE key IN ({marks}) AND scans LIKE '% {_kDerived} %' ORDER BY url",
             keys,
         )
-        found.update(dict.fromkeys(url for (url,) in rows if url not in self._stale))
+        # A file that was itself scanned anew since isn't derived any more anyway.
+        done = self._stale | self._exports.keys()
+        found.update(dict.fromkeys(url for (url,) in rows if url not in done))
         return list(found)
 
     # --- writing, within a transaction of the writer
