@@ -116,6 +116,14 @@ class FolderTree:
             and not is_left_out(path, parent.root, parent.rules, self._exclude, is_folder=True)
         )
 
+    def may_take_file(self, folder_path: str, name: str) -> bool:
+        """Whether `takes_file` is worth asking: a quick answer, which doesn't know the rules."""
+        folder = self._folders.get(folder_path)
+        return folder is not None and (
+            (folder.kept and looks_like_python(name))
+            or os.path.join(folder_path, name) in self.named_files
+        )
+
     def takes_file(self, path: str) -> bool:
         """Whether a file at `path` is to be looked at, as far as its name tells."""
         if path in self.named_files:

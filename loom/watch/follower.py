@@ -1,8 +1,9 @@
 """From events to work: which files are to be looked at again, which folders to be walked again.
 
-Events are only noted when they come. A moment later, when a burst is over, idle calls of some
-milliseconds each look at what is noted: at the file system as it is by then, so that the order of
-events, and how many there were, matters little.
+Events are only noted when they come, without a look at the rules, for there may be thousands. A
+moment later, when a burst is over, idle calls of some milliseconds each look at what is noted: at
+the file system as it is by then, so that the order of events, and how many there were, matters
+little.
 """
 
 from __future__ import annotations
@@ -177,9 +178,9 @@ class Follower(CDestroyable):
             if event.change is Change.GONE:
                 if path in self.tree:
                     self._gone.add(path)
-            elif self.tree.takes_folder(path):
+            elif event.folder in self.tree:
                 self._walks.add(path)
-        elif self.tree.takes_file(path):
+        elif self.tree.may_take_file(event.folder, event.name):
             self._files[path] = None
         self._walks.update(self._lost_roots.found_by(event))
         folder = self.tree.get(event.folder)

@@ -36,8 +36,8 @@ _kChanges: Final = (
 )
 _kSelfGone: Final = flags.DELETE_SELF | flags.MOVE_SELF | flags.UNMOUNT
 
-# Bytes taken at a time: some two thousand events, a few milliseconds' work.
-_kReadBytes: Final = 64 * 1024
+# Bytes taken at a time: some five hundred events, a few milliseconds' work.
+_kReadBytes: Final = 16 * 1024
 
 
 class InotifySource:
