@@ -29,9 +29,6 @@ kDerivedVersion: Final = 1
 
 _kDerived: Final = "derived"
 
-# Dependants asked for in one query.
-_kPerQuery: Final = 200
-
 
 def _key(text: str) -> int:
     return int.from_bytes(blake2b(text.encode(), digest_size=8).digest(), "big", signed=True)
