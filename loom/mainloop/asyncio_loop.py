@@ -21,8 +21,10 @@ __all__ = ["AsyncioMainLoop", "IdleSelector"]
 
 _Ready = list[tuple[selectors.SelectorKey, int]]
 
-# How long tasks that were cancelled may take to end.
-_END_SECONDS: Final = 1.0
+# How long tasks that were cancelled may take to end, and how often they are cancelled: cleaning up,
+# one may wait for another that has ended already.
+_END_SECONDS: Final = 0.2
+_END_TIMES: Final = 5
 
 
 class IdleSelector(selectors.BaseSelector):
@@ -85,9 +87,7 @@ class AsyncioMainLoop(MainLoop):
             self._armed.cancel()
             self._armed = None
         if tasks := asyncio.all_tasks(self.loop):
-            for task in tasks:
-                task.cancel()
-            self.loop.run_until_complete(_wait_for_end(tasks))
+            self.loop.run_until_complete(_end(tasks))
         self.loop.close()
 
     def now(self) -> float:
@@ -112,6 +112,11 @@ class AsyncioMainLoop(MainLoop):
             self._changed()
 
 
-async def _wait_for_end(tasks: set[asyncio.Task[Any]]) -> None:
-    await asyncio.wait(tasks, timeout=_END_SECONDS)
+async def _end(tasks: set[asyncio.Task[Any]]) -> None:
+    for _ in range(_END_TIMES):
+        for task in tasks:
+            task.cancel()
+        _, tasks = await asyncio.wait(tasks, timeout=_END_SECONDS)
+        if not tasks:
+            break
     await asyncio.sleep(0)  # for the connections that they have let go of

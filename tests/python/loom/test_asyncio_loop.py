@@ -254,3 +254,26 @@ def test_closing_with_registrations_left(selector):
     timer_id = main_loop.timeout_add(1000, pytest.fail)
     main_loop.close()
     main_loop.timeout_remove(timer_id)
+
+
+def test_the_end_cancels_what_runs_and_runs_nothing_else():
+    main_loop = AsyncioMainLoop()
+    ended = []
+
+    async def stubborn():
+        try:
+            await asyncio.Event().wait()
+        finally:
+            ended.append("first")
+            try:
+                await asyncio.Event().wait()  # for somebody who has ended already
+            finally:
+                ended.append("second")
+
+    main_loop.loop.create_task(stubborn())
+    main_loop.loop.run_until_complete(asyncio.sleep(0))
+    main_loop.idle_add(lambda: ended.append("idle"))
+    main_loop.timeout_add(1, lambda: ended.append("timer"))
+    main_loop.close()
+    assert ended == ["first", "second"]
+    main_loop.close()
