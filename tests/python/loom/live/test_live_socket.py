@@ -290,6 +290,26 @@ def test_why_of_a_file_that_is_not_queued(answers, tmp_path):
     assert answer["scanning"] is False
 
 
+def test_why_tells_what_a_file_waits_for(app, answers, locs):
+    queue = app.coordinator._fScanQueue
+    item = queue.First()
+    queue.StartWaitingForData(item)
+    assert answers({"ask": "why", "url": item.loc.fUrl})["waiting_for"] == "data"
+    other = queue.First()
+    queue.RemoveAllForLocations([other.loc])
+    queue._AddItemsWaitingForInspect(other.loc, [other])
+    assert answers({"ask": "why", "url": other.loc.fUrl})["waiting_for"] == "inspection"
+    assert answers({"ask": "status"})["waiting"] == 2
+    assert answers({"ask": "why", "url": locs[2].fUrl})["waiting_for"] is None
+
+
+def test_why_tells_that_a_file_is_scanned_just_now(app, answers, locs, monkeypatch):
+    monkeypatch.setattr(app.coordinator, "ActiveLocation", lambda: locs[0])
+    assert answers({"ask": "why", "url": locs[0].fUrl})["scanning"] is True
+    assert answers({"ask": "why", "url": locs[1].fUrl})["scanning"] is False
+    assert answers({"ask": "status"})["scanning"] == locs[0].path
+
+
 def test_the_dump_is_the_schedulers_own(app, answers, locs):
     dump = answers({"ask": "dump"})["dump"]
     assert dump == dump_queue(app)
