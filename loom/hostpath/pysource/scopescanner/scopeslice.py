@@ -16,10 +16,9 @@ import re
 from collections.abc import Mapping, Sequence
 from typing import Final, NamedTuple
 
-from loom._pyscan import SourceScanner
-from loom.store.records import ScopeRow
+from .headers import blanks_before, header_row, indentation
 
-__all__ = ["ScopeSlice", "cut_out", "header_row", "indentation", "path_of_scope"]
+__all__ = ["ScopeSlice", "cut_out", "path_of_scope"]
 
 # (name, which definition of that name it is in its scope, from 1), from the outermost scope inwards.
 ScopePath = Sequence[tuple[str, int]]
@@ -29,12 +28,9 @@ _header = re.compile(
     rb"[ \t\f]*(?:async[ \t]+)?(def|class)[ \t]+([A-Za-z_\x80-\xff][\w\x80-\xff]*)"
 )
 
-_kTabSize: Final = 8
 # Lines that continue a statement, or hold nothing, tell nothing by their indentation.
 _kContinuations: Final = (b"#", b")", b"]", b"}", b"\r", b"\n", b'"""', b"'''")
 
-# The longest header that is followed line by line.
-_kMaxHeaderLines: Final = 200
 
 
 class ScopeSlice(NamedTuple):
@@ -141,24 +137,6 @@ def _chain(lines: Sequence[bytes], at: int) -> list[int]:
     return chain[::-1]
 
 
-def indentation(line: bytes) -> int:
-    """The column, from 0, in which a line begins."""
-    blanks = len(line) - len(line.lstrip(b" "))
-    if line[blanks : blanks + 1] not in (b"\t", b"\f"):
-        return blanks
-    column = 0
-    for byte in line:
-        if byte == 0x20:
-            column += 1
-        elif byte == 0x09:
-            column = (column // _kTabSize + 1) * _kTabSize
-        elif byte == 0x0C:
-            column = 0
-        else:
-            break
-    return column
-
-
 def _names(lines: Sequence[bytes], chain: Sequence[int]) -> list[bytes]:
     return [match[2] for at in chain if (match := _header.match(lines[at]))]
 
@@ -171,7 +149,7 @@ def _assemble(
     scopes = 1  # the module
     for depth, (at, name) in enumerate(zip(chain, _names(lines, chain), strict=True)):
         start = _decorated(lines, at, next_line)
-        indent = _indentation(lines[at])
+        indent = blanks_before(lines[at])
         # So that it counts as the definition of its name that it is.
         before = [b"%bdef %b(): 0\n" % (indent, name)] * len(earlier[depth])
         if indent and depth == 0:
@@ -196,10 +174,6 @@ def _assemble(
     return None
 
 
-def _indentation(line: bytes) -> bytes:
-    return line[: len(line) - len(line.lstrip(b" \t\f"))]
-
-
 def _decorated(lines: Sequence[bytes], at: int, first: int) -> int:
     """The line of the first decorator of the definition on a line, not above line `first`."""
     column = indentation(lines[at])
@@ -215,16 +189,3 @@ def _decorated(lines: Sequence[bytes], at: int, first: int) -> int:
             break
         start = other
     return start
-
-
-def header_row(lines: Sequence[bytes], at: int) -> ScopeRow | None:
-    """What the header on a line defines in its scope, as if the text began on that line.
-
-    None if something is wrong with it.
-    """
-    text = b"".join(lines[at : at + _kMaxHeaderLines])
-    source = SourceScanner(text[len(_indentation(text)) :])
-    while not source.scan(1):
-        if rows := source.scopes(1, 1):
-            return rows[0] if rows[0][3] == 1 and not source.errors() else None
-    return None

@@ -13,32 +13,26 @@ from pysource.logicalline import CLogicalDef, kClassDef, kFunctionDef
 from pysource.scopeinfo import CInfoCache, CScopeInfo, CScopeInfoKey, SecondsOf
 from pysource.symbolinfo import (
     GetClassForInstanceName,
-    GetInfoBytesKind,
+    GetInstanceNameForClass,
     IsDefLineScope,
-    IsDefOrClassKind,
     IsInstanceScope,
-    NonNestedSplit,
     ParentAndLeafScopeNames,
     ParentScopeName,
     RemoveAllScopeNameSubscripts,
     SplitScopeNameFromSuffixes,
-    UnpackDefInfoStr,
-    kArgPrefix,
     kClassKind,
-    kDecoratorPrefix,
     kModuleScopeName,
-    kTypeHintPrefix,
-    kTypeParameterPrefix,
     kWildcardScope,
 )
 
-from loom._pyscan import SourceScanner, pack_info, unpack_info
+from loom._pyscan import SourceScanner, unpack_info
 from loom.sourcetext import SourceError, SourceText, decode_source
 from loom.store.records import ScopeRow
 
 from .base import CScanner, CScanState, ScanSteps, kFinishedScanning, kScanAbandoned
+from .headers import def_line_info, header_parts, header_row, indentation
 from .scantext import ScanText
-from .scopeslice import ScopeSlice, cut_out, header_row, indentation, path_of_scope
+from .scopeslice import ScopeSlice, cut_out, path_of_scope
 from .wholefile import CWholeFilePrimaryScanner, ItemsInParts, ScopesOfLines
 
 __all__ = ["CSingleScopePrimaryScanner"]
@@ -51,8 +45,6 @@ _kWholeStepBytes: Final = 64 * 1024
 
 # In bigger texts even taking lines apart takes too long for one step.
 _kMaxSliceBytes: Final = 2 * 1024 * 1024
-
-_kDefLineParts: Final = (kArgPrefix, kTypeHintPrefix, kTypeParameterPrefix)
 
 
 @dataclass(slots=True)
@@ -307,7 +299,8 @@ class CSingleScopePrimaryScanner(CScanner):
         """
         if not self._Store(self._Record(row[0], row[5], incomplete), always):
             return set()
-        return {f"{name}()" for name in (row[0], ParentScopeName(row[0]))}
+        instances = map(GetInstanceNameForClass, (row[0], ParentScopeName(row[0])))
+        return {name for name in instances if name is not None}
 
     def _StoreRest(self, rows: Sequence[ScopeRow]) -> None:
         """Bring up to date what is stored inside of the scope and isn't among the rows."""
@@ -320,7 +313,7 @@ class CSingleScopePrimaryScanner(CScanner):
             if not name.startswith(within) or name in by_name:
                 continue
             if IsDefLineScope(name) and ParentScopeName(name) in by_name:
-                packed = _DefLineInfo(by_name[ParentScopeName(name)], self._fLines)
+                packed = def_line_info(by_name[ParentScopeName(name)], self._fLines)
                 self._Store(self._Record(name, packed), always=False)
             elif GetClassForInstanceName(name) not in by_name:
                 self._Store(self._Record(name, b"", absent=True), always=False)
@@ -362,7 +355,7 @@ class CSingleScopePrimaryScanner(CScanner):
         if found is None or self._HolderIsStale(found, before, least_column):
             holder = ParentScopeName(self._fTextName)
             analysis.NoteColumn(holder, least_column)
-            stale = {holder}
+            stale.add(holder)
         return stale
 
     def _HolderIsStale(
@@ -386,8 +379,8 @@ class CSingleScopePrimaryScanner(CScanner):
         if stored is None:
             return False  # nothing that could be stale
         leaf = SplitScopeNameFromSuffixes(ParentAndLeafScopeNames(name)[1])[0]
-        header = _HeaderParts(unpack_info(found.holder[5]).get(leaf, b""), name)
-        return not header <= _HeaderParts(stored.type_equivs.get(leaf, b""), name)
+        header = header_parts(unpack_info(found.holder[5]).get(leaf, b""), name)
+        return not header <= header_parts(stored.type_equivs.get(leaf, b""), name)
 
     def _AskFor(self, scope_names: Iterable[str]) -> None:
         pairs = [(self.fLocation, name) for name in scope_names]
@@ -429,35 +422,6 @@ def _ScopesAround(scope_name: str) -> Iterator[str]:
         yield scope_name
 
 
-def _HeaderParts(info: bytes, scope_name: str) -> set[bytes]:
-    """What a header says of its scope, without the line that it stands on: kind, bases, decorators.
-    """
-    parts: set[bytes] = set()
-    of_scope = False
-    for part in NonNestedSplit(info, ";"):
-        if IsDefOrClassKind(GetInfoBytesKind(part)):
-            definition = UnpackDefInfoStr(part)
-            of_scope = definition.scope_name == scope_name
-            if of_scope:
-                parts.add(f"{definition.kind} {definition.bases}".encode())
-        elif of_scope and part.startswith(kDecoratorPrefix):
-            parts.add(part)
-    return parts
-
-
 def _OnlyDefLine(found: _Found, lines: Sequence[bytes]) -> _Found:
     row = found.rows[0]
-    return _Found([(*row[:5], _DefLineInfo(row, lines))], found.holder, found.incomplete)
-
-
-def _DefLineInfo(row: ScopeRow, lines: Sequence[bytes]) -> bytes:
-    """The names that stand in the header of a scope, packed; none if the header is half-typed."""
-    header = header_row(lines, row[3] - 1)
-    own: dict[str, bytes] = {}
-    for bound, info in unpack_info(header[5]).items() if header is not None else ():
-        parts = NonNestedSplit(info, ";")
-        if bound == "return" or parts[0].startswith((kArgPrefix, kTypeParameterPrefix)):
-            of_header = [part for part in parts if part.startswith(_kDefLineParts)]
-            if of_header:
-                own[bound] = b";".join(of_header)
-    return pack_info(own)
+    return _Found([(*row[:5], def_line_info(row, lines))], found.holder, found.incomplete)

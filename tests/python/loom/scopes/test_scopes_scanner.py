@@ -135,6 +135,22 @@ def test_def_line(host: Host, make_file: MakeFile) -> None:
     ).packed  # type: ignore[union-attr]
 
 
+def test_def_line_follows_scans_of_its_scope_in_an_edited_buffer(
+    host: Host, sample: CLocalFileLocation
+) -> None:
+    host.scan_now(sample, "first.<def>")
+    assert host.names(sample, "first.<def>") == ["a", "b"]
+    buffer = host.open(sample)
+    buffer.SetText(kSample.replace("a, b=1", "a, c=1"))
+    host.scan_now(sample, "first.<def>")
+    buffer.SetText(kSample.replace("a, b=1", "a, d=1"))
+    host.run()
+    assert host.names(sample, "first.<def>") == ["a", "d"]
+    buffer.SetText(kSample.replace("def first", "def second"))
+    host.run()
+    assert host.names(sample, "first.<def>") is None
+
+
 def test_specialized_scope_has_what_the_plain_one_has(
     host: Host, sample: CLocalFileLocation
 ) -> None:

@@ -10,7 +10,8 @@ from scope_samples import kSample
 
 from loom._pyscan import SourceScanner
 from loom.store.records import ScopeRow
-from pysource.scopescanner.scopeslice import ScopeSlice, cut_out, header_row, path_of_scope
+from pysource.scopescanner.headers import header_row
+from pysource.scopescanner.scopeslice import ScopeSlice, cut_out, path_of_scope
 
 
 def rows_of(data: bytes) -> list[ScopeRow]:
@@ -309,3 +310,6 @@ def test_header_as_a_scope_of_its_own() -> None:
     header = header_row(lines, 1)
     assert header is not None and (header[0], header[3], header[4]) == ("f", 1, 2)
     assert header_row(lines, 0) is None
+    assert header_row([b"def f(a): pass"], 0) is not None
+    for half_typed in (b"def f(a", b"def f(a)", b"class (:\n", b""):
+        assert header_row([half_typed], 0) is None
