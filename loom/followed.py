@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Hashable, Iterable
+from collections.abc import Callable, Hashable, Iterable
 from typing import Final
 
 from loombase.location import CLocation
@@ -32,9 +32,14 @@ class FollowingCoordinator(MeasuredCoordinator):
         super().__init__(idle_priority, ana_mgr)
         self._holders = 0
         self._held: dict[_Pair, None] = {}
+        # Takes files that are scanned elsewhere, and returns the others.
+        self.scan_elsewhere: Callable[[list[CLocation]], list[CLocation]] | None = None
 
     def ask_for(self, locs: Iterable[CLocation], priority: int = kBackgroundPriority) -> None:
         """Queue whole files that the user wants scanned."""
+        locs = list(locs)
+        if self.scan_elsewhere is not None:
+            locs = self.scan_elsewhere(locs)
         pairs = [(loc, _kWholeFile) for loc in locs]
         for pair in pairs:
             self._held.pop(pair, None)

@@ -14,6 +14,7 @@ from loom.cli.output import warn
 if TYPE_CHECKING:
     from loom.app import App
     from loom.remote.files import RemoteFiles
+    from loom.remote.options import RemoteOptions
     from loom.remote.server import RemoteServer
 
 __all__ = ["PathOrUrl", "RemoteSettings", "is_url", "local_paths", "remote_options"]
@@ -60,17 +61,25 @@ class RemoteSettings(NamedTuple):
 
     def set_up(self, app: App, paths: Sequence[str]) -> None:
         """Tell the app how servers are reached, if any path is on one."""
-        if not any(map(is_url, paths)):
-            return
+        if any(map(is_url, paths)):
+            self.watch(app.ana_mgr.fLocationDataCache.SetUpRemote(self._options()))
+
+    def set_up_helpers(self, app: App, paths: Sequence[str], remote_loom: str) -> None:
+        """Have remote files scanned on their servers, by the program of this name there."""
+        if any(map(is_url, paths)):
+            from loom.helper.ssh import use_remote_helpers
+
+            use_remote_helpers(app, self._options(), f"{remote_loom} helper")
+
+    def _options(self) -> RemoteOptions:
         from loom.remote.options import RemoteOptions, RemotePatience
 
-        options = RemoteOptions(
+        return RemoteOptions(
             self.ssh_config,
             self.ssh_identity,
             self.ssh_known_hosts,
             RemotePatience(give_up=self.ssh_timeout),
         )
-        self.watch(app.ana_mgr.fLocationDataCache.SetUpRemote(options))
 
     def watch(self, files: RemoteFiles) -> None:
         """Tell the user when a server has to be waited for, and when it is back."""

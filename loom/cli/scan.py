@@ -42,6 +42,13 @@ __all__ = ["scan"]
 @import_options
 @derived_option
 @helper_options
+@click.option(
+    "--remote-loom",
+    default="loom",
+    show_default=True,
+    metavar="COMMAND",
+    help="With --helper, what starts loom on an SSH server, to scan the files there.",
+)
 @remote_options
 @tracing_options
 @shared_options
@@ -55,6 +62,7 @@ def scan(
     derived: bool,
     helper: bool | None,
     jobs: int | None,
+    remote_loom: str,
     remote: RemoteSettings,
     tracing: Tracing,
     db_path: Path,
@@ -79,7 +87,7 @@ def scan(
     paths = list(paths) or ["."]
     with Imports(local_paths(paths), python, no_imports) as imports:
         command = _Scan(paths, patterns, imports, remote, tracing, db_path, as_json, verbose)
-        return command.run(exit_zero, derived, dump_path, jobs or int(bool(helper)))
+        return command.run(exit_zero, derived, dump_path, jobs or int(bool(helper)), remote_loom)
 
 
 class _Scan:
@@ -106,7 +114,9 @@ class _Scan:
         self._verbose = verbose
         self._signal: signal.Signals | None = None
 
-    def run(self, exit_zero: bool, derived: bool, dump_path: str, helpers: int) -> int:
+    def run(
+        self, exit_zero: bool, derived: bool, dump_path: str, helpers: int, remote_loom: str
+    ) -> int:
         from loom.mainloop.asyncio_loop import AsyncioMainLoop
 
         main_loop = AsyncioMainLoop()
@@ -130,6 +140,8 @@ class _Scan:
                     use_helpers(app, helpers, may_share(helpers), early)
                 self._imports.set_up(app)
                 self._remote.set_up(app, self._paths)
+                if helpers:
+                    self._remote.set_up_helpers(app, self._paths, remote_loom)
                 session = ScanSession(app, self._paths, self._exclude, derived=derived)
                 session.connect("finished", lambda _session: main_loop.loop.stop())
                 with (

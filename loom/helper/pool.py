@@ -15,7 +15,7 @@ from typing import Final, Protocol
 
 from guiutils import lgtk
 from loombase.destroyable import CDestroyable
-from loombase.location import CLocalFileLocation, CLocation
+from loombase.location import CLocalFileLocation, CLocation, CSshFileLocation
 from loombase.mime import kPythonMimeType
 from pysource import _fastaccess
 from pysource.scancoordinator import CScanCoordinator, kBackgroundPriority
@@ -141,6 +141,11 @@ class CHelperPool(CDestroyable):
 
     # --- questions
 
+    @property
+    def locs(self) -> list[CLocation]:
+        """The files that aren't done."""
+        return list(self._tasks)
+
     def __len__(self) -> int:
         """Files that aren't done."""
         return len(self._tasks)
@@ -249,7 +254,7 @@ class CHelperPool(CDestroyable):
         jobs: list[messages.Job] = []
         for task in tasks:
             loc = task.loc
-            assert isinstance(loc, CLocalFileLocation)
+            assert isinstance(loc, CLocalFileLocation | CSshFileLocation)
             task.size = _size_of(loc)
             task.again = False
             jobs.append(
@@ -315,12 +320,15 @@ class CHelperPool(CDestroyable):
             task = link.take_back(report.number)
             if task is None:
                 return []
+            times = report.times
+            if not isinstance(task.loc, CLocalFileLocation):
+                times = times._replace(mtime_ns=_whole_seconds(times.mtime_ns))
             if not self._cache.RefreshFile(
-                task.loc, self._engine.fPrimaryScanName, report.digest, report.times
+                task.loc, self._engine.fPrimaryScanName, report.digest, times
             ):
                 task.again = True  # what was known has changed meanwhile
-            elif report.times.settled:
-                self._done[task.loc] = report.times.mtime_ns, report.times.size
+            elif times.settled:
+                self._done[task.loc] = times.mtime_ns, times.size
             self._follow_stored([task.loc])
             return [task]
         if isinstance(report, messages.Left):
@@ -332,11 +340,11 @@ class CHelperPool(CDestroyable):
 
     def _take_result(self, task: Task, report: messages.Result) -> list[Task]:
         loc, record = task.loc, report.record
-        if not self._coordinator._CanSendToHelperProcess(loc, _kWholeFile):
+        if GetSingletons().fCacheMgr.DoesCacheBufferExist(loc, True):
             task.again = True  # it was opened meanwhile, and its buffer is what counts
             return [task]
-        if record.url != loc.fUrl:
-            record = replace(record, url=loc.fUrl)
+        if record.url != loc.fUrl:  # it has another name on its own machine
+            record = replace(record, url=loc.fUrl, mtime_ns=_whole_seconds(record.mtime_ns))
         self._cache.AddFile(loc, record)
         if report.incomplete:
             self._coordinator._fIncompleteScansByLoc[loc].update(report.incomplete)
@@ -493,7 +501,14 @@ class CHelperPool(CDestroyable):
             link.check_health()
 
 
-def _size_of(loc: CLocalFileLocation) -> int:
+def _whole_seconds(mtime_ns: int) -> int:
+    """A time as a server tells it that is asked for the file: it counts in seconds."""
+    return mtime_ns // 1_000_000_000 * 1_000_000_000
+
+
+def _size_of(loc: CLocation) -> int:
+    if not isinstance(loc, CLocalFileLocation):
+        return 0  # that would be a question to a server
     try:
         return os.stat(loc.path).st_size
     except OSError:

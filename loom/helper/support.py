@@ -58,10 +58,17 @@ class CHelperProcessSupport(CDestroyable):
 
     def start(self) -> None:
         """Start the helpers. Their work can be queued at once."""
-        self._ana_mgr._fHelperProcessSupport = self
+        self._register()
         for _ in range(self._missing):
             self._start_one()
         self._note_count()
+
+    def _register(self) -> None:
+        self._ana_mgr._fHelperProcessSupport = self
+
+    def _unregister(self) -> None:
+        self._ana_mgr.fHelperProcessProxy = None
+        self._ana_mgr._fHelperProcessSupport = None
 
     def _start_one(self) -> None:
         try:
@@ -77,10 +84,19 @@ class CHelperProcessSupport(CDestroyable):
             self._note_gone,
         )
         self.pool.add_link(link)
-        if self._ana_mgr.fHelperProcessProxy is None:
-            self.fHelperCallbackObj = self.pool.fCallbackObj = new_callback_obj()
-            self._ana_mgr.SetHelperProxy(self.pool)
+        if self.pool.fCallbackObj is None:
+            self._come()
         self._watch()
+
+    def _come(self) -> None:
+        """The first helper is there: the scheduler is to send work."""
+        self.fHelperCallbackObj = self.pool.fCallbackObj = new_callback_obj()
+        self._ana_mgr.SetHelperProxy(self.pool)
+
+    def _take_back(self) -> None:
+        """The last helper has gone for good: the scheduler is to do all by itself."""
+        self.pool.give_back()
+        self._ana_mgr.SetHelperProxy(None)
 
     def _note_gone(self, link: Link, fate: str) -> None:
         self.pool.remove_link(link, fate)
@@ -88,15 +104,19 @@ class CHelperProcessSupport(CDestroyable):
         if link.refusal:
             _log.warning("%s can't be used: %s", link.handle.name, link.refusal)
         else:
-            if link.has_progressed:
-                self._backoff.note_progress()
-            delay = self._backoff.next_delay()
+            delay = self._delay_after(link)
             if delay is not None:
                 self._to_come += 1
                 lgtk.timeout_add_while_alive(delay * 1000, self._start_again, self)
             else:
                 _log.warning("a helper process isn't started any more: none of them did anything")
         self._note_count()
+
+    def _delay_after(self, link: Link) -> float | None:
+        """Seconds until a helper is started in place of one that has gone, or none for never."""
+        if link.has_progressed:
+            self._backoff.note_progress()
+        return self._backoff.next_delay()
 
     def _start_again(self) -> bool:
         self._to_come -= 1
@@ -110,9 +130,8 @@ class CHelperProcessSupport(CDestroyable):
         if self.pool.links or self._to_come or self.is_given_up:
             return
         self.is_given_up = True
-        if self._ana_mgr.fHelperProcessProxy is not None:
-            self.pool.give_back()
-            self._ana_mgr.SetHelperProxy(None)
+        if self.pool.fCallbackObj is not None:
+            self._take_back()
         self.emit("given-up", self)
 
     # --- looking after them
@@ -129,8 +148,7 @@ class CHelperProcessSupport(CDestroyable):
         return self._watches
 
     def _destroy_impl(self) -> None:
-        self._ana_mgr.fHelperProcessProxy = None
-        self._ana_mgr._fHelperProcessSupport = None
+        self._unregister()
         if self._share is not None:
             self._share.destroy()
         for link in list(self.pool.links):

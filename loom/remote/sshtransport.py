@@ -13,6 +13,7 @@ import importlib
 import os
 import socket
 import stat
+from collections.abc import Callable
 from typing import TYPE_CHECKING, Any, Final, cast
 from urllib.parse import unquote
 
@@ -38,7 +39,7 @@ from loom.remote.transport import ConnectionFailure, TransportClient, TransportM
 if TYPE_CHECKING:
     import asyncssh
 
-__all__ = ["SshTransport", "ssh_transport_maker"]
+__all__ = ["SshTransport", "open_connection", "ssh_transport_maker"]
 
 # Bytes asked for at once; more comes in pieces, each of which shows that the server is there.
 _READ_BYTES: Final = 256 * 1024
@@ -63,6 +64,41 @@ def ssh_transport_maker(options: RemoteOptions) -> TransportMaker:
         return SshTransport(name, client, options, loop)
 
     return make
+
+
+async def open_connection(
+    name: CServerName, options: RemoteOptions, on_lost: Callable[[Exception | None], object]
+) -> asyncssh.SSHClientConnection:
+    """Connect to a server. `on_lost` is called when the connection has ended, also in vain."""
+    loop = asyncio.get_running_loop()
+    # A tenth of a second, the first time.
+    await loop.run_in_executor(None, importlib.import_module, "asyncssh")
+    import asyncssh
+
+    wanted: dict[str, Any] = {}
+    if options.config is not None:
+        wanted["config"] = [str(options.config)]
+    if options.identity is not None:
+        wanted["client_keys"] = [str(options.identity)]
+    if options.known_hosts is not None:
+        wanted["known_hosts"] = str(options.known_hosts)
+    if name.user:
+        wanted["username"] = name.user
+    if name.port:
+        wanted["port"] = name.port
+    host = unquote(name.host.strip("[]"))
+    settled = await asyncssh.SSHClientConnectionOptions.construct(host=host, **wanted)
+    wanted["known_hosts"] = await loop.run_in_executor(
+        None, _read_known_hosts, settled.known_hosts
+    )
+
+    class Owner(asyncssh.SSHClient):
+        def connection_lost(self, exc: Exception | None) -> None:
+            on_lost(exc)
+
+    return await asyncssh.connect(
+        host, client_factory=Owner, password_auth=False, kbdint_auth=False, **wanted
+    )
 
 
 class SshTransport:
@@ -126,37 +162,13 @@ class SshTransport:
 
     async def _connect_and_wait(self) -> ConnectionFailure:
         """Connect, and return why there is no connection any more."""
-        # A tenth of a second, the first time.
-        await self._loop.run_in_executor(None, importlib.import_module, "asyncssh")
-        import asyncssh
-
-        options = self._options
-        wanted: dict[str, Any] = {}
-        if options.config is not None:
-            wanted["config"] = [str(options.config)]
-        if options.identity is not None:
-            wanted["client_keys"] = [str(options.identity)]
-        if options.known_hosts is not None:
-            wanted["known_hosts"] = str(options.known_hosts)
-        if self._name.user:
-            wanted["username"] = self._name.user
-        if self._name.port:
-            wanted["port"] = self._name.port
-        host = unquote(self._name.host.strip("[]"))
-        settled = await asyncssh.SSHClientConnectionOptions.construct(host=host, **wanted)
-        wanted["known_hosts"] = await self._loop.run_in_executor(
-            None, _read_known_hosts, settled.known_hosts
-        )
         lost: asyncio.Future[Exception | None] = self._loop.create_future()
 
-        class Owner(asyncssh.SSHClient):
-            def connection_lost(self, exc: Exception | None) -> None:
-                if not lost.done():
-                    lost.set_result(exc)
+        def note_lost(error: Exception | None) -> None:
+            if not lost.done():
+                lost.set_result(error)
 
-        self._connection = await asyncssh.connect(
-            host, client_factory=Owner, password_auth=False, kbdint_auth=False, **wanted
-        )
+        self._connection = await open_connection(self._name, self._options, note_lost)
         self._sftp = await self._connection.start_sftp_client(path_encoding=None)
         self._client.connected(self)
         closed = asyncio.ensure_future(self._sftp.wait_closed())
