@@ -1,9 +1,7 @@
 """A whole host over a tree of small files, and what its derived stage found."""
 
-import os
-import sqlite3
 import sys
-from collections.abc import Callable, Iterator, Mapping
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
