@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from dataclasses import dataclass, field, replace
 
 from pathspec import GitIgnoreSpec
@@ -11,7 +11,7 @@ from pathspec import GitIgnoreSpec
 from loom.ignore import IgnoreRules
 from loom.walk import is_left_out, looks_like_python
 
-__all__ = ["Folder", "FolderTree"]
+__all__ = ["Folder", "FolderTree", "outermost"]
 
 
 @dataclass(slots=True)
@@ -130,3 +130,12 @@ class FolderTree:
             return True
         folder = self._folders.get(os.path.dirname(path))
         return folder is not None and folder.takes_file(path, self._exclude)
+
+
+def outermost(folders: Iterable[str]) -> Iterator[str]:
+    """The folders that aren't below another one, in order of names."""
+    outer: str | None = None
+    for folder in sorted(folders, key=lambda path: path.split("/")):
+        if outer is None or not folder.startswith(outer.rstrip("/") + "/"):
+            outer = folder
+            yield folder

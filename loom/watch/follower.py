@@ -1,9 +1,8 @@
 """From events to work: which files are to be looked at again, which folders to be walked again.
 
-Events are only noted when they come, without a look at the rules, for there may be thousands. A
-moment later, when a burst is over, idle calls of some milliseconds each look at what is noted: at
-the file system as it is by then, so that the order of events, and how many there were, matters
-little.
+Events are only noted when they come. A moment later, when a burst is over, idle calls of some
+milliseconds each look at what is noted: at the file system as it is by then, so that the order of
+events, and how many there were, matters little.
 """
 
 from __future__ import annotations
@@ -22,13 +21,14 @@ from loombase.mime import kPythonMimeType
 from pathspec import GitIgnoreSpec
 
 from loom.app import App
-from loom.ignore import rules_above, tells_about_folder
+from loom.ignore import rules_above
 from loom.mainloop.base import LOW_IDLE_PRIORITY
 from loom.store.errors import StoreLockedError
 from loom.walk import Entered, Entering, Found, Problem, Step, walk, walk_below
-from loom.watch.events import Change, Event, EventSource, NoMoreWatchesError
-from loom.watch.folders import Folder, FolderTree
+from loom.watch.events import Change, EventSource, NoMoreWatchesError
+from loom.watch.folders import Folder, FolderTree, outermost
 from loom.watch.lostroots import LostRoots
+from loom.watch.notes import Notes
 from pysource.scancoordinator import CScanItem, kBackgroundPriority, kInteractivePriority
 from pysource.utils import HasPythonShebang
 
@@ -48,9 +48,6 @@ _kFilesPerBatch: Final = 200
 
 # So many changed files at a time are somebody's work and come first; more are a check-out.
 _kMostUrgent: Final = 25
-
-# More noted files than this, and the trees are walked again instead.
-_kMostNoted: Final = 50_000
 
 # Seconds until the next try when another process holds the database.
 _kRetrySeconds: Final = 1.0
@@ -84,16 +81,14 @@ class Follower(CDestroyable):
         self._app = app
         self._exclude = exclude
         self._lost_roots = LostRoots()
-        # What is noted. A file that is noted twice is looked at once.
-        self._files: dict[str, None] = {}
-        self._gone: set[str] = set()
-        self._walks: set[str] = set()
+        self._notes = Notes(tree, self._lost_roots)
         # Folders as they were followed until a moment ago, for a walk that comes to their place.
         self._dropped: dict[str, Folder] = {}
         # Files that changed after a scan that is under way had begun.
         self._again: set[CLocation] = set()
         self._found: list[CLocation] = []
         self._found_priority = int(kBackgroundPriority)
+        self._walked: list[CLocation] = []
         self._steps: Iterator[None] | None = None  # of the work that is under way
         self._first_walk_over = False
         self._paused = False
@@ -151,42 +146,16 @@ class Follower(CDestroyable):
         if self.source is None:
             return
         for event in list(self.source.read()):
-            self._note(event)
-        if len(self._files) > _kMostNoted:
-            self._files.clear()
-            self._walk_everything()
-        if self._files or self._gone or self._walks:
+            self._notes.add(event)
+            if event.change is Change.LOST:
+                self.emit("events-lost", self)
+        if self._notes:
             self._wait_for_quiet()
 
     def walk_everything(self) -> None:
-        """Walk all trees again: for polling, and when events were lost."""
-        self._walk_everything()
+        """Walk all trees again."""
+        self._notes.add_everything()
         self._wake()
-
-    def _walk_everything(self) -> None:
-        self._walks.update(self.tree.roots)
-        self._files.update(dict.fromkeys(self.tree.named_files))
-
-    def _note(self, event: Event) -> None:
-        path = event.path
-        if event.change is Change.LOST:
-            self.emit("events-lost", self)
-            self._walk_everything()
-        elif event.change is Change.FOLDER_GONE:
-            self._gone.add(path)
-        elif event.is_folder:
-            if event.change is Change.GONE:
-                if path in self.tree:
-                    self._gone.add(path)
-            elif event.folder in self.tree:
-                self._walks.add(path)
-        elif self.tree.may_take_file(event.folder, event.name):
-            self._files[path] = None
-        self._walks.update(self._lost_roots.found_by(event))
-        folder = self.tree.get(event.folder)
-        if folder is not None and folder.walked:
-            if tells_about_folder(os.path.basename(folder.path), event.name):
-                self._walks.add(folder.path)
 
     def _wait_for_quiet(self) -> None:
         self._last_event = lgtk.GetMainLoop().now()
@@ -215,7 +184,7 @@ class Follower(CDestroyable):
     def _look_again_at(self, loc: CLocation | None) -> None:
         if loc in self._again and isinstance(loc, CLocalFileLocation):
             self._again.discard(loc)
-            self._files[loc.path] = None
+            self._notes.files[loc.path] = None
             self._wake()
 
     # --- working
@@ -224,7 +193,7 @@ class Follower(CDestroyable):
         """Whether something is noted that wasn't looked at yet. For when no scan is under way."""
         for loc in list(self._again):  # their scans were taken away by somebody
             self._look_again_at(loc)
-        return bool(self._files or self._gone or self._walks or self._steps)
+        return bool(self._notes or self._steps)
 
     def pause(self) -> None:
         """Only note what happens, until `resume`."""
@@ -244,8 +213,9 @@ class Follower(CDestroyable):
             )
 
     def _has_work(self) -> bool:
-        walks = self._walks and self._first_walk_over
-        return bool(self._files or self._gone or walks or self._steps)
+        notes = self._notes
+        walks = notes.walks and self._first_walk_over
+        return bool(notes.files or notes.gone or walks or self._steps)
 
     def _work(self) -> bool:
         end = perf_counter() + _kWorkSeconds
@@ -254,7 +224,7 @@ class Follower(CDestroyable):
         except StoreLockedError as error:
             _log.warning("changes wait: %s", error)
             self._steps = None
-            self._walk_everything()
+            self._notes.add_everything()
             lgtk.timeout_add_while_alive(_kRetrySeconds * 1000, self._retry, self)
             more = False
         except Exception as error:
@@ -286,27 +256,44 @@ class Follower(CDestroyable):
         self._dropped.clear()
 
     def _next_steps(self) -> Iterator[None] | None:
-        if self._gone:
-            gone, self._gone = self._gone, set()
-            return self._drop_folders(gone)
-        if self._walks and self._first_walk_over:
-            walks, self._walks = self._walks, set()
-            return self._walk_folders(walks)
-        if self._files:
-            files, self._files = self._files, {}
-            return self._look_at_files(files)
+        notes = self._notes
+        if notes.gone:
+            return self._drop_folders(notes.take_gone())
+        if notes.walks and self._first_walk_over:
+            return self._walk_folders(notes.take_walks())
+        if notes.files:
+            return self._look_at_files(notes.take_files())
         return None
 
     def _hand_over(self) -> None:
         if self._found:
             found, self._found = self._found, []
             self.emit("files-changed", self, found, self._found_priority)
+        if self._walked:
+            walked, self._walked = self._walked, []
+            changed = self._without_unchanged(walked)
+            if changed:
+                self.emit("files-changed", self, changed, int(kBackgroundPriority))
 
     def _add_found(self, loc: CLocation, priority: int) -> None:
         if priority != self._found_priority or len(self._found) >= _kFilesPerBatch:
             self._hand_over()
             self._found_priority = priority
         self._found.append(loc)
+
+    def _without_unchanged(self, locs: Iterable[CLocation]) -> list[CLocation]:
+        """Those that aren't as they were scanned. Most files that a walk finds again are."""
+        cache, ana_mgr = self._app.info_cache, self._app.ana_mgr
+        times = {loc: cache.GetDiskMTime(loc) for loc in locs}
+        done = cache.GetScansDoneForMultipleFiles(times)
+
+        def is_unchanged(loc: CLocation) -> bool:
+            scans = done.get(loc, "")
+            return ana_mgr.fPrimaryScanName in scans and (
+                ana_mgr.fDerivedScanName in scans or not cache.fLocCache.WantDerivedInfo(loc)
+            )
+
+        return [loc for loc in times if not is_unchanged(loc)]
 
     # --- files
 
@@ -360,7 +347,7 @@ class Follower(CDestroyable):
     # --- folders
 
     def _drop_folders(self, gone: Iterable[str]) -> Iterator[None]:
-        for path in _outermost(gone):
+        for path in outermost(gone):
             folder = self.tree.get(path)
             if folder is None:
                 continue
@@ -370,7 +357,7 @@ class Follower(CDestroyable):
                     self.source.unwatch(each)
                 yield
             if os.path.isdir(path) and (path == folder.root or self.tree.takes_folder(path)):
-                self._walks.add(path)  # another one stands in its place by now
+                self._notes.walks.add(path)  # another one stands in its place by now
             elif path == folder.root:
                 self._wait_for_root(path)
             self.emit("forgotten", self, path)
@@ -381,7 +368,7 @@ class Follower(CDestroyable):
         if self.source is not None:
             self._stop_waiting(root)
             if self._lost_roots.lose(root, self._watch):
-                self._walks.add(root)  # it came back meanwhile
+                self._notes.walks.add(root)  # it came back meanwhile
 
     def _stop_waiting(self, root: str) -> None:
         if root in self._lost_roots:
@@ -390,7 +377,7 @@ class Follower(CDestroyable):
                 self.source.unwatch(ancestor)
 
     def _walk_folders(self, folders: Iterable[str]) -> Iterator[None]:
-        for path in _outermost(folders):
+        for path in outermost(folders):
             if path in self._lost_roots:
                 if not os.path.isdir(path):
                     self._wait_for_root(path)  # only a folder on the way to it is back
@@ -403,7 +390,7 @@ class Follower(CDestroyable):
         folder = self.tree.get(path)
         parent = self.tree.get(os.path.dirname(path))
         named = [file for file in self.tree.named_files if os.path.dirname(file) == path]
-        self._files.update(dict.fromkeys(named))
+        self._notes.files.update(dict.fromkeys(named))
         if path in self.tree.roots:
             root, rules = path, rules_above(path)
         elif named and (folder is None or not folder.walked):
@@ -437,9 +424,11 @@ class Follower(CDestroyable):
     def _look_at_found(self, path: str) -> None:
         loc = CLocalFileLocation(path)
         if self._app.coordinator.WholeFileScanBegun(loc):
-            self._files[path] = None
-        else:
-            self._add_found(loc, int(kBackgroundPriority))
+            self._notes.files[path] = None
+            return
+        self._walked.append(loc)
+        if len(self._walked) >= _kFilesPerBatch:
+            self._hand_over()
 
     def _forget_left_out(
         self, path: str, before: dict[str, Folder], found: Collection[str]
@@ -470,12 +459,3 @@ class Follower(CDestroyable):
         if self.source is not None:
             self.source.close()
             self.source = None
-
-
-def _outermost(folders: Iterable[str]) -> Iterator[str]:
-    """The folders that aren't below another one, in order of names."""
-    outer: str | None = None
-    for folder in sorted(folders, key=lambda path: path.split("/")):
-        if outer is None or not folder.startswith(outer.rstrip("/") + "/"):
-            outer = folder
-            yield folder

@@ -214,7 +214,7 @@ def test_a_file_that_changes_while_it_is_scanned_is_scanned_again(world):
     world.write("a.py", text=NEW)
     world.happen((Change.WRITTEN, "a.py"))
     world.main_loop.advance(0.1)
-    world.step_until(lambda: not world.session.follower._files)
+    world.step_until(lambda: not world.session.follower._notes.files)
     assert world.app.coordinator.WholeFileScanBegun(world.loc("a.py"))  # with what it has read
     world.settle()
     world.clock.per_look = 0.0
@@ -337,9 +337,9 @@ def test_a_change_during_the_first_scan_is_not_lost(world):
 
 
 def test_very_many_noted_files_become_a_walk(world, monkeypatch):
-    from loom.watch import follower
+    from loom.watch import notes
 
-    monkeypatch.setattr(follower, "_kMostNoted", 3)
+    monkeypatch.setattr(notes, "_kMostFiles", 3)
     world.watch()
     world.write("a.py", "b.py", "c.py", "d.py", "unheard.py")
     world.happen(*[(Change.APPEARED, f"{name}.py") for name in "abcd"])
@@ -412,5 +412,5 @@ def test_memory_does_not_grow_with_the_number_of_changes(world):
     assert len(world.app.coordinator.slices) == 0
     counts = world.session.scan.counts
     assert (counts.found, counts.errors) == (0, [])
-    assert not world.session.follower._files
+    assert not world.session.follower._notes
     assert not world.session.follower._again
