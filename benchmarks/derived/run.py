@@ -157,10 +157,10 @@ _README_HEAD: Final = """\
 
 `make bench-derived` measures; with `run.py --write` the figures below are written anew.
 
-The seconds are those that `loom scan` reports itself, from finding the first file to having written the
-last row, over files that are in the page cache, under `python -O`. The speed of the derived stage is the
-files' size by the time that it adds. `loom refs` is timed as a process, with its default deadline of one
-second.
+The seconds are those that `loom scan` reports itself, from finding the first file to having written
+the last row, over files that are in the page cache, under `python -O`. The speed of the derived
+stage is the size of the files by the time that it adds. `loom refs` is timed as a process, with its
+default deadline of one second.
 
 """
 

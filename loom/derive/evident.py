@@ -1,8 +1,8 @@
 """What the text of an expression evidently is worth, told without following calls.
 
-A call is told by what is called: `module:f()` is an instance if that is a class, else what the function
-returns, which the facts of its own file tell. So no answer depends on what stands inside of functions,
-and each takes a few look-ups.
+A call is told by what is called: `module:f()` is an instance if that is a class, else what the
+function returns, which the facts of its own file tell. So no answer depends on what stands inside
+of functions, and each takes a few look-ups.
 """
 
 from __future__ import annotations
@@ -69,8 +69,6 @@ def assigned(
         yield "builtins:float()" if number[1] else "builtins:int()"
         return
     node = parse_expression(text) if len(text) <= _kLongestParsed else None
-    while isinstance(node, ast.Await):
-        return  # what a coroutine gives isn't what the call gives
     if isinstance(node, ast.Call):
         called = _text_of(node.func)
         if called:

@@ -2,15 +2,17 @@
 
 The packed form has one fact a line, with fields separated by tabs, in UTF-8:
 
-    i TAB scope index TAB name TAB targets     where an imported name comes from; for one that has another
-                                               name here, "module name" as well
-    b TAB scope index TAB targets              the classes in which a class's attributes are looked for
-    t TAB scope index TAB name TAB targets     what a name is worth, or as "return" a function's result
+    i TAB scope index TAB name TAB targets   where an imported name comes from
+    b TAB scope index TAB targets            in which classes a class's attributes are looked for
+    t TAB scope index TAB name TAB targets   what a name is worth
 
-Targets are separated by blanks. A target is named by its module and its scope, `module:scope.name`, and
-by the module alone as `module:`; an instance of a class has `()` behind it. The module is the name that
-it is imported by, or the URL of a file that can't be imported. Scope index -1 stands for names that star
-imports bring.
+A name that is imported under another one has a second fact, in which the name is "module name". The
+name "return" stands for the result of a function. Scope index -1 stands for names that star imports
+bring.
+
+Targets are separated by blanks. A target is named by its module and its scope, `module:scope.name`,
+and by the module alone as `module:`; an instance of a class has `()` behind it. The module is the
+name that it is imported by, or the URL of a file that can't be imported.
 """
 
 from __future__ import annotations
@@ -80,7 +82,11 @@ class Namer:
         """The module that a file is."""
         name = self._known.get(loc)
         if name is None:
-            name = self._known[loc] = self._modules.GetModuleName(loc) or loc.fUrl
+            name = self._modules.GetModuleName(loc)
+            # A file may be called anything; a target has no blanks.
+            if name is None or not name.replace(".", "_").isidentifier():
+                name = loc.fUrl
+            self._known[loc] = name
         return name
 
     def place(self, loc: CLocation, scope_name: str, name: str = "") -> str:

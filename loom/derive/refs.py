@@ -1,9 +1,9 @@
-"""Who refers to a name: exact where the derived results or the inference tell, else by the name alone.
+"""Who refers to a name: exact where derived results or the inference tell, else by the name alone.
 
 The derived results say which files use a name at all. Where in such a file it stands is found by a
-look at the file; who it is that is meant there, by the facts that are stored, then by the inference as
-long as there is time. What stays open is a candidate. Of a file without valid derived results, the text
-is searched.
+look at the file; who is meant there, by the facts that are stored, then by the inference as long as
+there is time. What stays open is a candidate. Of a file without valid derived results, the text is
+searched.
 """
 
 from __future__ import annotations
@@ -295,7 +295,7 @@ class References:
     def _by_facts(
         self, file: _File, use: _Use
     ) -> Iterator[tuple[int, Collection[str] | None]]:
-        """For each part of a use that may be the name: what it means, none if the facts don't tell."""
+        """For each part of a use that may be the name, what it means; none if it isn't known."""
         match use.kind:
             case "r":
                 components = use.text.lstrip(".").split(".")

@@ -78,13 +78,6 @@ class CPySourceAnalysis(CDestroyable):
         known += self._MovedSince(scopes, version)
         self._SetScopes(sorted(known, key=lambda scope: (scope[1], len(scope[0]))))
 
-    def ForgetScope(self, name: str) -> None:
-        """A scan found no scope of that name."""
-        within = f"{name}."
-        self._SetScopes(
-            [s for s in self._fScopes if s[0] != name and not s[0].startswith(within)]
-        )
-
     def GetScopeLines(self) -> list[_ScopeLines]:
         """(scope name, first line, last line) of the scopes in the present text."""
         self.UpdateFromCache()
@@ -154,8 +147,10 @@ class CPySourceAnalysis(CDestroyable):
             if first > edit.first:
                 break
             # Lines inserted in front of a scope's first line, or behind its last, are outside.
-            if edit.first <= last and edit.old_end <= last + 1 and not (
-                inserts and edit.first == first
+            if (
+                edit.first <= last
+                and edit.old_end <= last + 1
+                and not (inserts and edit.first == first)
             ):
                 found = scope
         name, first, _ = found

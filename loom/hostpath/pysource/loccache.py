@@ -15,8 +15,8 @@ __all__ = ["CLocCache"]
 class CLocCache:
     """What is known of locations as such.
 
-    Derived information is wanted for the local Python files at and below the paths that the user asked
-    for, and for no others: nobody asks who the standard library refers to.
+    Derived information is wanted for the local Python files at and below the paths that the user
+    asked for, and for no others: nobody asks who the standard library refers to.
     """
 
     def __init__(self) -> None:

@@ -46,8 +46,8 @@ _kStepBytes: Final = 64 * 1024
 _kGroupsPerStep: Final = 4000
 
 # How often a question is asked that the end of a slice cut off, and how often the whole scan begins
-# again because files changed meanwhile. What has been found out for it is kept from try to try; what
-# takes longer than all of them stays open.
+# again because files changed meanwhile. What was found out for a question is kept from try to try;
+# what takes longer than all of them stays open.
 _kMostTries: Final = 20
 _kMostRounds: Final = 3
 
@@ -56,8 +56,8 @@ class CWholeFileSecondaryScanner(CScanner):
     """Derives from the results of primary scans what a file's names mean, and stores it.
 
     Files that it lacks the primary results of are asked for once, by "needs-scan-added" of the info
-    cache; what is missing after that stays open. Abandoned if the file isn't as its own primary scan
-    saw it: that one has to come first, and brings this one along.
+    cache; what is missing after that stays open. Abandoned if the file isn't as its own primary
+    scan saw it: that one has to come first, and brings this one along.
     """
 
     def __init__(
@@ -149,7 +149,7 @@ class CWholeFileSecondaryScanner(CScanner):
         )
 
     def _AskAll(self, deriver: Deriver) -> Generator[CScanState | None, None, set[int]]:
-        """Ask all questions, and once more if files had to be scanned for them; returns the keys."""
+        """Ask all questions, once more if files had to be scanned for them; returns the keys."""
         while True:
             consulted: set[CLocation] = set()
             needed: set[_Triple] = set()
@@ -237,8 +237,8 @@ def _InfoCache() -> CInfoCache:
 class _OwnAnswers:
     """What the inference holds of the file that is scanned, for as long as that takes.
 
-    Its scopes are at hand, and needn't be asked for one by one; and answers about it are of no use to
-    other scans, which would only push out those that are.
+    Its scopes are at hand, and needn't be asked for one by one; and answers about it are of no use
+    to other scans, and would only push out those that are.
     """
 
     def __init__(self, loc: CLocation, rows: Sequence[ScopeRow]) -> None:

@@ -32,7 +32,6 @@ _header = re.compile(
 _kContinuations: Final = (b"#", b")", b"]", b"}", b"\r", b"\n", b'"""', b"'''")
 
 
-
 class ScopeSlice(NamedTuple):
     """`text`, in which the scope has the index `scope` and begins on line `lineno`, from 1.
 
@@ -56,9 +55,7 @@ def path_of_scope(scope_name: str) -> ScopePath | None:
     return path
 
 
-def cut_out(
-    lines: Sequence[bytes], path: ScopePath, known: Mapping[str, int]
-) -> ScopeSlice | None:
+def cut_out(lines: Sequence[bytes], path: ScopePath, known: Mapping[str, int]) -> ScopeSlice | None:
     """The slice of a text, given in lines, for a scope.
 
     `known` has the line, from 1, of the header of each scope that was found when the text was last

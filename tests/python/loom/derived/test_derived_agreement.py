@@ -8,7 +8,9 @@ import pytest
 from derived_samples import Tree
 from loombase.location import CLocalFileLocation
 
-MODULES = ["argparse", "http.server", "logging.handlers", "socketserver", "unittest.mock", "zipfile"]
+MODULES = (
+    "argparse http.server logging.handlers socketserver unittest.mock zipfile"
+).split()
 
 # What stubs put in, and classes of C that have other names there.
 _ABSTRACT = ("typing:", "collections.abc:", "builtins:", "abc:", "_typeshed:")
