@@ -172,9 +172,7 @@ def test_failure_at_any_level_leaves_nothing_in_hand(world, monkeypatch, failing
         ("b", "destroy", "abc", "bc"),
     ],
 )
-def test_scan_that_goes_on_after_a_failure_inside(
-    world, monkeypatch, failing, moment, begun, left
-):
+def test_scan_that_goes_on_after_a_failure_inside(world, monkeypatch, failing, moment, begun, left):
     nest = Nest(world, monkeypatch, failing, moment, caught=True)
     assert nest.ask("ac") is True
     assert nest.begun == list(begun)

@@ -117,9 +117,7 @@ def scans(monkeypatch: pytest.MonkeyPatch) -> Scans:
 class Host:
     """Short ways to drive a host."""
 
-    def __init__(
-        self, app: App, main_loop: SteppedMainLoop, clock: Clock, folder: Path
-    ) -> None:
+    def __init__(self, app: App, main_loop: SteppedMainLoop, clock: Clock, folder: Path) -> None:
         self.app = app
         self.main_loop = main_loop
         self.clock = clock

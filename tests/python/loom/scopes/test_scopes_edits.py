@@ -270,7 +270,7 @@ def test_modified_is_told_when_scopes_are_others_than_were_known(sample: Open) -
     assert seen == []
     sample.analysis.TakeScopes(scopes[:-1], sample.buffer.fVersion)
     assert seen == [sample.analysis]
-    sample.analysis.ForgetScope("Shape")
+    sample.analysis.TakeScope([("Shape", 14, 40)], sample.buffer.fVersion)
     assert seen == [sample.analysis] * 2
     assert "Shape.Corner" not in [scope[0] for scope in sample.analysis.GetScopeLines()]
 

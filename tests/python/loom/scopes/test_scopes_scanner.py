@@ -130,9 +130,10 @@ def test_def_line(host: Host, make_file: MakeFile) -> None:
     assert scanner.fInfo is None
     host.scan_now(loc, "C.f")
     host.scan_file(loc)
-    assert host.scan_now(loc, "C.f.<def>")[0].fInfo.packed == host.cache.GetScopeInfo(
-        loc, "C.f.<def>"
-    ).packed  # type: ignore[union-attr]
+    assert (
+        host.scan_now(loc, "C.f.<def>")[0].fInfo.packed
+        == host.cache.GetScopeInfo(loc, "C.f.<def>").packed
+    )  # type: ignore[union-attr]
 
 
 def test_def_line_follows_scans_of_its_scope_in_an_edited_buffer(
@@ -254,9 +255,7 @@ def test_scope_that_cannot_be_told_from_others_takes_a_scan_of_the_whole(
     assert list(scanner.fInfo.type_equivs) == ["early"]
 
 
-def test_stored_scopes_go_to_the_database(
-    host: Host, make_file: MakeFile, tmp_path: Any
-) -> None:
+def test_stored_scopes_go_to_the_database(host: Host, make_file: MakeFile, tmp_path: Any) -> None:
     loc = make_file("a.py", kSample)
     host.scan_now(loc, "Shape")
     host.cache.WriteEverything()
@@ -266,9 +265,7 @@ def test_stored_scopes_go_to_the_database(
     assert host.names(loc, "first") is None
 
 
-def test_save_always_stores_what_is_known_already(
-    host: Host, sample: CLocalFileLocation
-) -> None:
+def test_save_always_stores_what_is_known_already(host: Host, sample: CLocalFileLocation) -> None:
     scanner, changed = host.scan_now(sample, "first")
     assert not changed
     assert scanner.SaveToInfoCache(True) is False

@@ -41,9 +41,7 @@ def rows_of_slice(piece: ScopeSlice) -> tuple[list[ScopeRow], int]:
 
 def within(rows: Sequence[ScopeRow], name: str) -> list[tuple[object, ...]]:
     """The rows of a scope and those inside, without what depends on the other scopes."""
-    return [
-        (row[0], *row[2:]) for row in rows if row[0] == name or row[0].startswith(f"{name}.")
-    ]
+    return [(row[0], *row[2:]) for row in rows if row[0] == name or row[0].startswith(f"{name}.")]
 
 
 def assert_agreement(
