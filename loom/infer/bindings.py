@@ -52,6 +52,20 @@ _kTypingFiles: Final = frozenset(
     ("typing.pyi", "typing_extensions.pyi", "typing.py", "typing_extensions.py")
 )
 
+# What the typing module has under a name of its own.
+_kAliases: Final = {
+    "ChainMap": ("collections", "ChainMap"),
+    "Counter": ("collections", "Counter"),
+    "DefaultDict": ("collections", "defaultdict"),
+    "Deque": ("collections", "deque"),
+    "Dict": ("builtins", "dict"),
+    "FrozenSet": ("builtins", "frozenset"),
+    "List": ("builtins", "list"),
+    "OrderedDict": ("collections", "OrderedDict"),
+    "Set": ("builtins", "set"),
+    "Tuple": ("builtins", "tuple"),
+}
+
 # Decorators that leave a function what it is, as far as calls are concerned; others may replace it.
 _kKeeping: Final = frozenset(
     """abstractmethod asynccontextmanager cache cached_property classmethod contextmanager
@@ -75,9 +89,9 @@ def symbol_values(ctx: CInferenceContext, symbol: Symbol) -> Values:
 
 
 def _symbol_values(ctx: CInferenceContext, symbol: Symbol) -> Values:
-    special = _special_form(symbol)
-    if special is not None:
-        return (special,)
+    special = _special_form(ctx, symbol)
+    if special:
+        return special
     hinted = _hinted(ctx, symbol)
     if hinted:
         return hinted
@@ -95,6 +109,8 @@ def _symbol_values(ctx: CInferenceContext, symbol: Symbol) -> Values:
         else:
             found.append(_part_values(ctx, symbol, part))
     values = union(found)
+    if not symbol.scope_name and not any(v != Special("None") for v in values):
+        values = union((values, _bound_by_functions(ctx, symbol)))
     if not any(v != Special("None") for v in values):
         # What the source leaves open, its stub may tell.
         if not modules.is_stub(symbol.loc) and not followed:
@@ -103,17 +119,36 @@ def _symbol_values(ctx: CInferenceContext, symbol: Symbol) -> Values:
     return values
 
 
-def _special_form(symbol: Symbol) -> Special | None:
+def _bound_by_functions(ctx: CInferenceContext, symbol: Symbol) -> Values:
+    """What functions that declare a name of the module global assign to it."""
+    found: list[Values] = []
+    for scope_name in names.scopes_declaring(ctx, symbol.loc, symbol.name):
+        record = ctx.engine.records.scope(ctx, symbol.loc, scope_name)
+        parts = record.parts(symbol.name) if record is not None else ()
+        inner = Symbol(symbol.loc, scope_name, symbol.name, parts)
+        found += [
+            _part_values(ctx, inner, part) for part in parts if not isinstance(part, OuterPart)
+        ]
+    return union(found)
+
+
+def _special_form(ctx: CInferenceContext, symbol: Symbol) -> Values:
+    """What the typing module defines without a class; nothing for any other name."""
     if symbol.scope_name or symbol.loc.fUrl.rpartition("/")[2] not in _kTypingFiles:
-        return None
+        return ()
     if any(isinstance(part, ImportPart) for part in symbol.parts):
-        return None
+        return ()
+    alias = _kAliases.get(symbol.name)
+    if alias is not None:
+        module = modules.find_module(ctx, alias[0], None)
+        found = None if module is None else modules.module_attribute(ctx, module, alias[1])
+        return () if found is None else target_values(ctx, found)
     if symbol.name in hints.kSpecialNames:
-        return Special(symbol.name)
+        return (Special(symbol.name),)
     for part in symbol.parts:
         if isinstance(part, HintPart) and part.text == "_SpecialForm":
-            return Special(symbol.name)
-    return None
+            return (Special(symbol.name),)
+    return ()
 
 
 def _hinted(ctx: CInferenceContext, symbol: Symbol) -> Values:

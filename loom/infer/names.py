@@ -14,9 +14,9 @@ from loom.infer.values import Symbol, Target
 if TYPE_CHECKING:
     from loom.infer.context import CInferenceContext
 
-__all__ = ["enclosing_class", "lookup"]
+__all__ = ["enclosing_class", "lookup", "scopes_declaring"]
 
-# Names that every module has without binding them, by where their type is told.
+# Names that every module has without binding them.
 _kModuleNames = frozenset(
     ("__name__", "__file__", "__doc__", "__package__", "__spec__", "__loader__", "__path__")
 )
@@ -61,10 +61,36 @@ def _lookup(ctx: CInferenceContext, loc: CLocation, scope_name: str, name: str) 
     if found is not None:
         return found
     module = modules.builtins(ctx)
-    if module is None or loc in module.locs or name in _kModuleNames:
+    if module is None or loc in module.locs:
         return None
+    if name in _kModuleNames:
+        return _module_attribute(ctx, name)
     found = modules.module_attribute(ctx, module, name)
-    return found if isinstance(found, Symbol) else None
+    if isinstance(found, Symbol):
+        return found
+    for declaring in scopes_declaring(ctx, loc, name):
+        record = records.scope(ctx, loc, declaring)
+        if record is not None:
+            return Symbol(loc, declaring, name, record.parts(name))
+    return None
+
+
+def _module_attribute(ctx: CInferenceContext, name: str) -> Target | None:
+    """An attribute of every module, as the class of modules has it."""
+    module = modules.find_module(ctx, "types", None)
+    if module is None or not module.locs:
+        return None
+    record = ctx.engine.records.scope(ctx, module.locs[0], "ModuleType")
+    parts = record.parts(name) if record is not None else ()
+    return Symbol(module.locs[0], "ModuleType", name, parts) if parts else None
+
+
+def scopes_declaring(ctx: CInferenceContext, loc: CLocation, name: str) -> tuple[str, ...]:
+    """The functions of a file that declare a name global. Their text is read for it."""
+    if modules.is_stub(loc):
+        return ()
+    source = ctx.engine.sources.get(ctx, loc)
+    return () if source is None else source.scopes_declaring(name)
 
 
 def _outer(parts: tuple[Part, ...]) -> OuterPart | None:

@@ -193,6 +193,8 @@ def parse_expression(text: str) -> ast.expr | None:
     """The syntax tree of an expression; none for what isn't one, or was shortened."""
     if not text or text == _kShortened:
         return None
+    if text == "{...}":  # nearly always a dictionary
+        text = "{}"
     try:
         return ast.parse(text, mode="eval").body
     except (SyntaxError, ValueError, RecursionError, MemoryError):

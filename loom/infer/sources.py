@@ -57,6 +57,16 @@ class SourceFile:
         self.scopes = scopes
         self._scope_index = {row[0]: index for index, row in enumerate(scopes)}
         self._bound = bound
+        self._declaring: dict[str, list[str]] | None = None
+
+    def scopes_declaring(self, name: str) -> tuple[str, ...]:
+        """The functions that declare a name global."""
+        if self._declaring is None:
+            self._declaring = {}
+            for (index, bound), sites in self._bound.items():
+                if any(kind == "o" for _, kind in sites):
+                    self._declaring.setdefault(bound, []).append(self.scopes[index][0])
+        return tuple(self._declaring.get(name, ()))
 
     @property
     def line_count(self) -> int:

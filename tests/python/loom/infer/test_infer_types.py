@@ -167,6 +167,33 @@ def test_types_in_a_function(project, name, expected):
     assert project.type("m.py", name, "caller") == expected
 
 
+def test_names_of_the_typing_module(project):
+    project.write(
+        m="from typing import *\nimport typing as t\n"
+        "def f() -> List[int]: ...\ndef g() -> t.Tuple[int, t.Dict[str, bytes]]: ...\n"
+        "def h() -> DefaultDict[str, t.Deque[int]]: ...\ndef i() -> t.Type[int]: ...\n"
+        "class D(t.TypedDict):\n    key: int\n"
+    )
+    assert project.type("m.py", "f()[0]") == "int"
+    assert project.type("m.py", "g()[1]['x']") == "bytes"
+    assert project.type("m.py", "h()['x'][0]") == "int"
+    assert project.type("m.py", "i()") == "type[int]"
+    assert project.type("m.py", "i()()") == "int"
+    assert project.type("m.py", "D().get") == "function"
+    assert project.type("m.py", "__name__") == "str"
+
+
+def test_what_functions_assign_to_a_name_of_the_module(project):
+    project.write(
+        m="_db = None\ndef init():\n    global _db, only_here\n    _db = Database()\n"
+        "    only_here = {'a': 1}\nclass Database:\n    def find(self): return 1\n"
+        "def use(): return _db.find(), only_here\n"
+    )
+    assert project.type("m.py", "use()") == "tuple[int, dict[str, int]]"
+    project.check("m.py", "_db.|find", "m.py", "def |find")
+    project.check("m.py", "(), |only_here", "m.py", "    |only_here = {")
+
+
 def test_awaiting(project):
     project.write(m=KINDS)
     assert project.type("m.py", "got", "waiting") == "Thing"
