@@ -82,8 +82,11 @@ class SshServer:
         """Start it and wait until it listens. Raises `RuntimeError` with what it said if not."""
         if os.geteuid() == 0:
             os.makedirs("/run/sshd", mode=0o755, exist_ok=True)  # where it locks itself in
+        # So that it doesn't outlive tests that are killed.
+        setpriv = shutil.which("setpriv")
+        start = [setpriv, "--pdeathsig", "KILL"] if setpriv else []
         self._process = subprocess.Popen(
-            [self._program, "-D", "-e", "-f", str(self._folder / "sshd_config")],
+            [*start, self._program, "-D", "-e", "-f", str(self._folder / "sshd_config")],
             stdin=subprocess.DEVNULL,
             stderr=subprocess.PIPE,
             text=True,
