@@ -75,11 +75,13 @@ class ScanCounts(FileCounts):
     """The files that were asked for, and apart from them those that came with them, `imported`.
 
     `queued` files of both kinds are still to be looked at. `all_found` tells that no more will be
-    asked for; imported ones may come on as long as anything is queued.
+    asked for; imported ones may come on as long as anything is queued. `to_derive` files of those
+    that are done still wait for their derived stage.
     """
 
     imported: FileCounts = field(default_factory=FileCounts)
     queued: int = 0
+    to_derive: int = 0
     all_found: bool = False
 
     @property

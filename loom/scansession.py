@@ -158,8 +158,12 @@ class ScanSession(CDestroyable):
         """Bring `counts.queued` up to date with the queue."""
         coordinator = self.app.coordinator
         status = coordinator.GetStatus()
-        primary = self.app.ana_mgr.fPrimaryScanName
-        queued = sum(q.file_count for q in status.queue_status_list if q.scan_name == primary)
+        manager = self.app.ana_mgr
+        counts = dict.fromkeys((manager.fPrimaryScanName, manager.fDerivedScanName), 0)
+        for queue in status.queue_status_list:
+            if queue.scan_name in counts:
+                counts[queue.scan_name] += queue.file_count
+        queued, self.counts.to_derive = counts.values()
         self.counts.queued = (
             queued
             + status.waiting_count

@@ -15,6 +15,7 @@ from loom.scansession import ScanSession
 if TYPE_CHECKING:
     from rich.progress import Progress
 
+    from loom.scancounts import ScanCounts
     from pysource.scancoordinator import CScanStatus
 
 __all__ = ["make_display"]
@@ -67,7 +68,8 @@ class _Lines(_Display):
         counts = self._session.counts
         found = f"{counts.total}" if counts.all_found else f"{counts.total} found so far"
         waiting = f", {status.waiting_count} waiting" if status.waiting_count else ""
-        print(f"loom: {counts.done} of {found} files done{waiting}", file=sys.stderr)
+        derive = f", {counts.to_derive} to derive" if counts.to_derive else ""
+        print(f"loom: {counts.done} of {found} files done{derive}{waiting}", file=sys.stderr)
 
 
 class _Bar(_Display):
@@ -114,19 +116,27 @@ class _Bar(_Display):
         waiting = self._session.app.coordinator.GetStatus().waiting_count
         counts = self._session.counts
         detail = f"{counts.definitions:,} definitions"
+        if counts.to_derive:
+            detail += f", {counts.to_derive:,} to derive"
         if waiting:
             detail += f", {waiting} waiting"
         if counts.errors:
             detail += f", {len(counts.errors)} with errors"
         self._progress.update(
             self._task,
-            description="scanning" if counts.all_found else "finding and scanning",
+            description=_description(counts),
             total=counts.total,
             completed=counts.done,
             detail=detail,
         )
         self._progress.refresh()
         return True
+
+
+def _description(counts: ScanCounts) -> str:
+    if not counts.all_found:
+        return "finding and scanning"
+    return "deriving" if counts.to_derive and counts.done == counts.total else "scanning"
 
 
 def make_display(session: ScanSession, live: bool) -> _Display:

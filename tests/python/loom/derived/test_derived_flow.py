@@ -296,3 +296,24 @@ def test_a_failure_of_ours_ends_its_own_scan_only(
     assert tree.scans("main.py") == ["primary"]
     assert tree.scans("pkg/b.py") == ["primary", "derived"]
     assert "a fault" in caplog.text
+
+
+# --- what is shown
+
+
+def test_the_session_tells_how_many_files_are_still_to_be_derived(tree: Tree) -> None:
+    from loom.cli.progress import _description
+    from loom.scansession import ScanSession
+
+    tree.write(kPackage)
+    tree.clock.per_look = 0.01
+    session = ScanSession(tree.app, [str(tree.top)], derived=True)
+    session.start()
+    seen = []
+    while tree.main_loop.step():
+        session.update_queued()
+        seen.append((session.counts.to_derive, _description(session.counts)))
+    session.destroy()
+    assert max(count for count, _ in seen) == len(kPackage)
+    assert seen[-1] == (0, "scanning")
+    assert (2, "deriving") in seen
