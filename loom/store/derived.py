@@ -210,6 +210,28 @@ class DerivedStore:
                 return False
         return True
 
+    def write_stale(self, out_of_time: Callable[[], bool]) -> bool:
+        """Write which results are stale; true when all of that is written.
+
+        To be called before the files are written that made them so: after a kill in between, they
+        would pass for fresh. The other way round a result is derived anew in vain.
+        """
+        for url in self._stale:
+            self._connection.execute(
+                f"UPDATE files SET scans = replace(scans, ' {_kDerived} ', ' ') WHERE url = ?",
+                (url,),
+            )
+            self._written_stale.append(url)
+            if out_of_time():
+                return False
+        return True
+
+    def write_exports(self, file_id: int, exports: bytes) -> None:
+        """Write what others see of a file. Belongs to the transaction that completes the file."""
+        self._connection.execute(
+            "INSERT OR REPLACE INTO exports VALUES(?, ?)", (file_id, exports)
+        )
+
     def _steps(self) -> Iterator[None]:
         execute = self._connection.execute
         for url, exports in self._exports.items():
@@ -218,13 +240,6 @@ class DerivedStore:
                 (exports, url),
             )
             self._written_exports.append((url, exports))
-            yield
-        for url in self._stale:
-            execute(
-                f"UPDATE files SET scans = replace(scans, ' {_kDerived} ', ' ') WHERE url = ?",
-                (url,),
-            )
-            self._written_stale.append(url)
             yield
         if self._pending:
             execute("INSERT OR REPLACE INTO derived_version VALUES(0, ?)", (kDerivedVersion,))

@@ -183,7 +183,8 @@ class Writer:
         try:
             with transaction(self._connection, wait_seconds):
                 if (
-                    self._write_files(written, out_of_time)
+                    self.derived.write_stale(out_of_time)
+                    and self._write_files(written, out_of_time)
                     and self._write_times(times, out_of_time)
                     and self._write_scopes(scopes, out_of_time)
                     and self.derived.write(out_of_time)
@@ -331,11 +332,13 @@ class Writer:
             execute("INSERT INTO definitions VALUES(?, ?)", (file_id, record.definitions))
         if whole:
             self._insert_scopes(file_id, 0, record.scopes)
+            self.derived.write_exports(file_id, record.exports)
             return
         for start in range(0, len(record.scopes), _kScopesPerCheck):
             self._insert_scopes(file_id, start, record.scopes[start : start + _kScopesPerCheck])
             yield
         execute("UPDATE files SET scans = ? WHERE id = ?", (record.scans, file_id))
+        self.derived.write_exports(file_id, record.exports)
 
     def _delete_file(self, url: str) -> None:
         row = self._connection.execute(

@@ -123,7 +123,7 @@ def make_tree(top: Path, changed: int = 0) -> None:
         if number == 7:
             path.write_text("def broken(:\n    pass\n")
         elif number == 8:
-            path.write_bytes(b"\0")
+            path.write_bytes(b"name = '\xe4'\n")
         else:
             functions = 120 if number == 9 else number % 7 * 6
             version = 2 if number < changed else 1
