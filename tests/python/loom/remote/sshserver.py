@@ -16,6 +16,14 @@ import asyncssh
 # A last resort: what is waited for here comes within a second.
 _DEADLINE_SECONDS = 60
 
+# Runs a command until its own input ends, so that a server doesn't outlive tests that are killed.
+_WHILE_INPUT_IS_OPEN = """
+exec 3<&0
+"$@" 3<&- & it=$!
+{ read -r _ <&3; kill -KILL $it; } 2>/dev/null &
+wait $it
+"""
+
 _CONFIG = """\
 ListenAddress 127.0.0.1
 Port {port}
@@ -82,12 +90,9 @@ class SshServer:
         """Start it and wait until it listens. Raises `RuntimeError` with what it said if not."""
         if os.geteuid() == 0:
             os.makedirs("/run/sshd", mode=0o755, exist_ok=True)  # where it locks itself in
-        # So that it doesn't outlive tests that are killed.
-        setpriv = shutil.which("setpriv")
-        start = [setpriv, "--pdeathsig", "KILL"] if setpriv else []
         self._process = subprocess.Popen(
-            [*start, self._program, "-D", "-e", "-f", str(self._folder / "sshd_config")],
-            stdin=subprocess.DEVNULL,
+            ["sh", "-c", _WHILE_INPUT_IS_OPEN, "sh", self._program, "-D", "-e", "-f", str(self._folder / "sshd_config")],
+            stdin=subprocess.PIPE,
             stderr=subprocess.PIPE,
             text=True,
         )
@@ -113,7 +118,7 @@ class SshServer:
     def sessions(self) -> list[int]:
         """The processes that serve connections."""
         assert self._process is not None
-        return _children(self._process.pid)
+        return [pid for child in _children(self._process.pid) for pid in _children(child)]
 
     def signal_sessions(self, number: signal.Signals) -> None:
         """Send a signal to all processes that serve connections."""
@@ -130,7 +135,8 @@ class SshServer:
         if process is None:
             return
         self.signal_sessions(signal.SIGKILL)
-        process.kill()
+        assert process.stdin is not None
+        process.stdin.close()
         process.wait(_DEADLINE_SECONDS)
         assert self._listener is not None
         self._listener.join(_DEADLINE_SECONDS)
