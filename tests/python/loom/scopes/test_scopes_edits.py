@@ -6,8 +6,8 @@ from types import SimpleNamespace
 
 import pytest
 from cache.textcache import CTextCache, kNoColumn
-from conftest import Host, line_of
 from loombase.location import CLocalFileLocation
+from scope_host import Host, line_of
 from scope_samples import kSample
 
 from loom._pyscan import SourceScanner

@@ -5,8 +5,8 @@ from collections.abc import Callable, Generator
 from typing import Any
 
 import pytest
-from conftest import Host
 from loombase.location import CLocalFileLocation
+from scope_host import Host
 from scope_samples import kSample, replace
 
 from pysource import scopescanner

@@ -5,8 +5,8 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
-from conftest import Host, Scans, line_of
 from loombase.location import CLocalFileLocation
+from scope_host import Host, Scans, line_of
 from scope_samples import kSample
 
 from pysource import scopescanner

@@ -7,13 +7,13 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-from conftest import Host, Scans, kOldTime
 from loombase.location import CLocalFileLocation
+from scope_host import Host, Scans, kOldTime
 from scope_samples import kSample, replace, scribble, type_in
 
 from pysource import scopescanner
-from pysource.symbolinfo import GetClassForInstanceName
 from pysource.scopescanner import kFinishedScanning, kTimedOut
+from pysource.symbolinfo import GetClassForInstanceName
 
 MakeFile = Callable[..., CLocalFileLocation]
 
