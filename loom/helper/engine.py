@@ -189,10 +189,10 @@ class _Coordinator(CScanCoordinator):
 
     def _DoSingleScan(self, scan_item: CScanItem, end_time: float) -> bool:
         self._receiver.scan_starts(scan_item.loc, monotonic())
-        try:
-            return super()._DoSingleScan(scan_item, end_time)
-        finally:
-            self._receiver.scan_rests(monotonic())
+        more = super()._DoSingleScan(scan_item, end_time)
+        # Not after a failure: it ends the process, and this file is the one that did it.
+        self._receiver.scan_rests(monotonic())
+        return more
 
     def _CB_DoIdleAnalysis(self) -> bool | None:
         try:
