@@ -16,7 +16,7 @@ run_unit_tests build/release || failed=1
 # tests over the fake host run by themselves.
 run_suites() {
   suites_failed=0
-  for suite in core host loops isolated issues; do
+  for suite in core host loops isolated docs issues; do
     case $suite in
       core) paths=tests/python/core ;;
       host) paths="tests/python --ignore=tests/python/core" ;;
