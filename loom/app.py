@@ -18,8 +18,11 @@ from loom.services.managers import CCacheMgr, CFileAttribMgr, CPrefMgr, CSavable
 
 __all__ = ["App"]
 
-# Objects made since the last garbage collection from which on the next one is worth it.
-_kYoungObjects: Final = 20_000
+# So many more objects than before, or so many slices, and a garbage collection is worth it. Slices
+# count, because old objects that go, from a cache that is full, are set off against new ones. How
+# often it is done costs nothing: each object that stays is walked once.
+_kYoungObjects: Final = 5_000
+_kSlicesPerCollection: Final = 4
 
 # So many collections of young objects go with one of all objects.
 _kYoungPerFull: Final = 1_000
@@ -47,6 +50,7 @@ class App(CDestroyable):
             raise RuntimeError("another host runs in this process already")
         self.main_loop = main_loop
         self._collections = 0
+        self._slices = 0
         self._collect_idle: int | None = None
         lgtk.SetMainLoop(main_loop)
         try:
@@ -80,13 +84,16 @@ class App(CDestroyable):
         self.coordinator.on_slice_over = self._look_for_garbage
 
     def _look_for_garbage(self) -> None:
-        if self._collect_idle is None and gc.get_count()[0] > _kYoungObjects:
+        self._slices += 1
+        is_due = gc.get_count()[0] > _kYoungObjects or self._slices >= _kSlicesPerCollection
+        if is_due and self._collect_idle is None:
             self._collect_idle = lgtk.idle_add_while_alive(
                 self._collect, self, priority=_kFirstIdlePriority
             )
 
     def _collect(self) -> None:
         self._collect_idle = None
+        self._slices = 0
         self._collections += 1
         # What outlives its slice mostly stays: a second look at the young is no use.
         gc.collect(1 if self._collections % _kYoungPerFull else 2)

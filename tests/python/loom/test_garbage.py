@@ -52,6 +52,10 @@ def test_little_garbage_is_left_for_later(app, main_loop, monkeypatch):
     app.collect_between_slices()
     collections = []
     monkeypatch.setattr(gc, "collect", lambda *args: collections.append(args))
-    app.coordinator._CB_DoIdleAnalysis()
-    main_loop.run_idle()
+    for _ in range(3):
+        app.coordinator._CB_DoIdleAnalysis()
+        main_loop.run_idle()
     assert collections == []
+    app.coordinator._CB_DoIdleAnalysis()  # but not for ever
+    main_loop.run_idle()
+    assert collections == [(1,)]
