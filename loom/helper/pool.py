@@ -11,25 +11,24 @@ import logging
 import os
 from collections.abc import Callable, Iterable
 from dataclasses import replace
-from typing import Final, Protocol
+from typing import Final
 
 from guiutils import lgtk
 from loombase.destroyable import CDestroyable
 from loombase.location import CLocalFileLocation, CLocation, CSshFileLocation
 from loombase.mime import kPythonMimeType
 from pysource import _fastaccess
-from pysource.scancoordinator import CScanCoordinator, kBackgroundPriority
-from pysource.scopeinfo import CInfoCache
+from pysource.scancoordinator import kBackgroundPriority
 from singleton import GetSingletons
 
 from loom.helper import messages, setaside
 from loom.helper.backlog import Backlog, Task, allowance, kMostBytes
 from loom.helper.callback import CHelperCallbackObj
+from loom.helper.followup import Engine, FollowUp
 from loom.helper.link import Link
 from loom.mainloop.base import LOW_IDLE_PRIORITY
-from loom.store.records import FileRecord, FileState
 
-__all__ = ["CHelperPool", "Engine"]
+__all__ = ["CHelperPool"]
 
 _log = logging.getLogger("loom.helper")
 
@@ -46,17 +45,6 @@ _kRetryMilliseconds: Final = 100
 # Before the search for files, which feeds the helpers, and before the scheduler's own slices.
 _kStorePriority: Final = LOW_IDLE_PRIORITY - 20
 _kDealPriority: Final = LOW_IDLE_PRIORITY - 10
-
-# Behind the search for files: what was asked for comes before what it imports.
-_kFollowPriority: Final = LOW_IDLE_PRIORITY + 5
-
-
-class Engine(Protocol):
-    """What the pool uses of the analysis manager."""
-
-    fPrimaryScanName: str
-    fInfoCache: CInfoCache
-    fScanCoordinator: CScanCoordinator
 
 
 class CHelperPool(CDestroyable):
@@ -77,15 +65,13 @@ class CHelperPool(CDestroyable):
         self._tasks: dict[CLocation, Task] = {}
         self.local_task: Task | None = None  # what the first process scans itself
         self._last_number = 0
-        # What is done, with the time and size that it had, for files whose time can be trusted.
-        self._done: dict[CLocation, tuple[int, int]] = {}
-        # By folder, the imports to be followed, and those that were since the pool was empty. Most
-        # files of a folder import the same modules.
-        self._to_follow: dict[CLocation, set[bytes]] = {}
-        self._followed: dict[CLocation, set[bytes]] = {}
+        self.follow_up = FollowUp(engine, self._note_if_empty)
         self._settled: set[Callable[[], bool]] = set()  # idle calls that will come
         self._waits_for_database = False
         self._was_filled = False
+
+    def _destroy_impl(self) -> None:
+        self.follow_up.destroy()
 
     # --- what the scheduler calls
 
@@ -104,7 +90,7 @@ class CHelperPool(CDestroyable):
         for loc, _scope_name in pairs:
             task = self._tasks.get(loc)
             if task is None:
-                if not first and self._is_as_done(loc):
+                if not first and self.follow_up.is_as_done(loc):
                     unchanged.append(loc)
                     continue
                 self._last_number += 1
@@ -130,9 +116,7 @@ class CHelperPool(CDestroyable):
         self.backlog = Backlog()
         self.local_task = None
         self._tasks.clear()
-        self._done.clear()
-        self._to_follow.clear()
-        self._followed.clear()
+        self.follow_up.clear()
         self._was_filled = False
         for link in self.links:
             if link.is_ready and not link.is_lost:
@@ -155,17 +139,6 @@ class CHelperPool(CDestroyable):
 
     def _is_out(self, task: Task) -> bool:
         return task is self.local_task or any(task.number in link.tasks for link in self.links)
-
-    def _is_as_done(self, loc: CLocation) -> bool:
-        """Whether the file is as it was when its scan was done. Importers ask again and again."""
-        done = self._done.get(loc)
-        if done is None or not isinstance(loc, CLocalFileLocation):
-            return False
-        try:
-            status = os.stat(loc.path)
-        except OSError:
-            return False
-        return (status.st_mtime_ns, status.st_size) == done
 
     # --- helpers come and go
 
@@ -327,9 +300,7 @@ class CHelperPool(CDestroyable):
                 task.loc, self._engine.fPrimaryScanName, report.digest, times
             ):
                 task.again = True  # what was known has changed meanwhile
-            elif times.settled:
-                self._done[task.loc] = times.mtime_ns, times.size
-            self._follow_stored([task.loc])
+            self.follow_up.reread(task.loc, times)
             return [task]
         if isinstance(report, messages.Left):
             return self._take_left(link, report)
@@ -348,29 +319,8 @@ class CHelperPool(CDestroyable):
         self._cache.AddFile(loc, record)
         if report.incomplete:
             self._coordinator._fIncompleteScansByLoc[loc].update(report.incomplete)
-        self.note_stored(loc, record)
+        self.follow_up.stored(loc, record)
         return [task]
-
-    def note_stored(self, loc: CLocation, record: FileRecord) -> None:
-        """A file's result was stored: follow it up as the scheduler would."""
-        self._cache.FinishedWithScans(loc, _kWholeFile, self._engine.fPrimaryScanName)
-        if record.settled:
-            self._done[loc] = record.mtime_ns, record.size
-        if record.error is not None and record.error_lineno == 0:
-            return  # nothing was scanned
-        if record.imports:
-            self._follow(loc, record.imports)
-        self._queue_secondary(loc)
-
-    def note_scanned(self, loc: CLocation, finished: bool) -> None:
-        """A scan of the first process has stored its result, or why there is none."""
-        self._cache.FinishedWithScans(loc, _kWholeFile, self._engine.fPrimaryScanName)
-        state = self._cache.StatesOf([loc]).get(loc)
-        if state is not None and state.settled:
-            self._done[loc] = state.mtime_ns, state.size
-        if finished:
-            self._follow_stored([loc])
-            self._queue_secondary(loc)
 
     def _take_left(self, link: Link, report: messages.Left) -> list[Task]:
         tasks: list[Task] = []
@@ -384,63 +334,13 @@ class CHelperPool(CDestroyable):
             task = link.take_back(number)
             if task is not None:
                 tasks.append(task)
-                self.note_gone(task.loc)
+                self.follow_up.gone(task.loc)
         for number in report.other:
             task = link.take_back(number)
             if task is not None:
                 tasks.append(task)
-        self.note_unchanged(up_to_date)
+        self.follow_up.unchanged(up_to_date)
         return tasks
-
-    def note_gone(self, loc: CLocation) -> None:
-        """There is no such file. Listeners of the scheduler hear it as from its own check."""
-        self._cache.ForgetFile(loc)
-        self._coordinator.emit("modtimes-updated", {loc: 0.0})
-
-    def note_unchanged(self, locs: list[CLocation]) -> None:
-        """The results of these files still hold: go on from them as a check of the scheduler."""
-        if not locs:
-            return
-        for loc, state in self._cache.StatesOf(locs).items():
-            self._done[loc] = state.mtime_ns, state.size
-            if self._lacks_secondary(state):
-                self._queue_secondary(loc)
-        self._follow_stored(locs)
-
-    def _lacks_secondary(self, state: FileState) -> bool:
-        return self._coordinator.fAnaMgr.fDerivedScanName not in state.scans
-
-    def _queue_secondary(self, loc: CLocation) -> None:
-        # The scheduler drops it if nobody wants it.
-        self._coordinator.AddPairsToSecondaryQueue([(loc, _kWholeFile)], True, kBackgroundPriority)
-
-    def _follow_stored(self, locs: list[CLocation]) -> None:
-        for loc, _, imports in self._cache.GetAllImports(locs):
-            self._follow(loc, imports)
-
-    def _follow(self, loc: CLocation, imports: bytes) -> None:
-        if not self._coordinator._fAnalyzeFoundImports:
-            return
-        folder = loc.GetParentDir()
-        new = {*imports.split(b";")} - self._followed.setdefault(folder, set())
-        if new:
-            self._followed[folder] |= new
-            self._to_follow.setdefault(folder, set()).update(new)
-            self._soon(self._follow_some, _kFollowPriority)
-
-    def _follow_some(self) -> bool:
-        """Queue what the files of a folder or two import; once for all that came together."""
-        end = _fastaccess.GetNowTime() + _kStoreSeconds
-        add_imports = getattr(self._coordinator, "_CScanCoordinator__AddImportEquivsToQueue")
-        while self._to_follow:
-            folder = next(iter(self._to_follow))
-            equivs = self._to_follow.pop(folder)
-            add_imports(equivs, folder, kBackgroundPriority)
-            if _fastaccess.OutOfTime(end):
-                break
-        else:
-            self._note_if_empty()
-        return bool(self._to_follow)
 
     # --- the end of a file
 
@@ -454,7 +354,7 @@ class CHelperPool(CDestroyable):
         for task in tasks:
             if self._tasks.get(task.loc) is not task:
                 continue  # flushed
-            if task.again and not self._is_as_done(task.loc):
+            if task.again and not self.follow_up.is_as_done(task.loc):
                 again.append(task)
                 continue
             del self._tasks[task.loc]
@@ -475,8 +375,8 @@ class CHelperPool(CDestroyable):
             self.fCallbackObj.locs_removed(locs)
 
     def _note_if_empty(self) -> None:
-        if not self._tasks and not self._to_follow:
-            self._followed.clear()
+        if not self._tasks and not self.follow_up.is_busy:
+            self.follow_up.rest()
             # A slice with nothing to do: it tells that scanning has ended, and has all written.
             self._coordinator._ScheduleIdle()
 

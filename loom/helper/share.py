@@ -17,7 +17,8 @@ from pysource import _fastaccess, scopescanner
 from pysource.utils import IsPythonSource
 
 from loom.helper.backlog import Task
-from loom.helper.pool import CHelperPool, Engine
+from loom.helper.followup import Engine
+from loom.helper.pool import CHelperPool
 from loom.mainloop.base import LOW_IDLE_PRIORITY
 
 __all__ = ["LocalShare"]
@@ -93,10 +94,10 @@ class LocalShare(CDestroyable):
                 return True
             modtime = self._cache.GetDiskMTime(loc)
             if modtime == 0:
-                self._pool.note_gone(loc)
+                self._pool.follow_up.gone(loc)
                 return True
             if scan_name in self._cache.GetScansDoneForMultipleFiles({loc: modtime}).get(loc, ""):
-                self._pool.note_unchanged([loc])
+                self._pool.follow_up.unchanged([loc])
                 return True
             self._scanner = scopescanner.CWholeFilePrimaryScanner(
                 loc,
@@ -109,7 +110,7 @@ class LocalShare(CDestroyable):
             return False
         if not self._coordinator._fIncompleteScansByLoc[loc]:
             del self._coordinator._fIncompleteScansByLoc[loc]
-        self._pool.note_scanned(loc, state is scopescanner.kFinishedScanning)
+        self._pool.follow_up.scanned(loc, state is scopescanner.kFinishedScanning)
         return True
 
     def _drop_scanner(self) -> None:
