@@ -55,6 +55,7 @@ class CAnalysisMgr(CDestroyable):
         self.fInferenceEngine = CInferenceEngine(self.fInfoCache)
         self.fScanCoordinator = coordinator_class(LOW_IDLE_PRIORITY, self)
         self.fScanCoordinator._fScanQueue.SetScansToOrder(_kScansToOrder)
+        self.fScanCoordinator.connect_while_alive("end", self.fInfoCache.ForgetAskedScans, self)
         self.fInfoCache.connect_while_alive("derived-stale", self._CB_DerivedStale, self)
         self.fInfoCache.connect_while_alive("file-stored", self._CB_FileStored, self)
 

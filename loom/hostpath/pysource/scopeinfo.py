@@ -402,6 +402,12 @@ class CInfoCache(CKnownFiles):
         """A scan is over, whatever came of it, and may be asked for again."""
         self._fAskedScans.discard((loc, scope_name, scan_name))
 
+    def ForgetAskedScans(self) -> None:
+        """Everything may be asked for again: the scheduler drops a scan without a word if the same
+        one was over a moment ago, so at its end there may be some that never finished.
+        """
+        self._fAskedScans.clear()
+
     # --- writing
 
     def NoteSliceEnd(self, end_time: float) -> None:

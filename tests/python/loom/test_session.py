@@ -372,3 +372,15 @@ def test_slice_lengths():
     assert SliceLengths.of(array("d", [2.0])) == SliceLengths(1, 2.0, 2.0, 2.0, 2.0)
     hundred = SliceLengths.of(array("d", range(101)))
     assert (hundred.median, hundred.p99, hundred.longest) == (50.0, 99.0, 100.0)
+
+
+def test_a_scan_that_the_scheduler_dropped_may_be_asked_for_again(app, main_loop, top):
+    """It drops a scan that was over less than five seconds ago, without a word to anybody."""
+    asked = []
+    app.info_cache.connect("needs-scan-added", lambda cache, triples, priority: asked.append(triples))
+    triple = (CLocalFileLocation(top / "a.py"), "in_a", "primary")
+    for count in (1, 2, 3):
+        app.info_cache.AddNeedsScan([triple])
+        app.info_cache.AddNeedsScan([triple])
+        assert asked == [{triple}] * count
+        main_loop.run_idle()
