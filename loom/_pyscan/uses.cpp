@@ -26,8 +26,10 @@ void UseCollector::Bind(std::string_view name, ScopeIndex scope, unsigned char k
   const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(name.data()) -
                                 reinterpret_cast<std::uintptr_t>(source_.data());
   if (offset >= source_.size() || name.find('.') != name.npos) return;
-  bound_.push_back(
-      {static_cast<std::uint32_t>(offset), static_cast<std::uint32_t>(name.size()), scope, kind});
+  bound_.push_back({static_cast<std::uint32_t>(offset), scope});
+  if (kind == pysource::kTypeParameterKind && type_parameters_.size() < kMaxLineNames) {
+    type_parameters_.push_back({name, scope});
+  }
 }
 
 void UseCollector::Import(UseKind kind, std::string_view text, std::uint32_t begin,
@@ -213,7 +215,7 @@ std::uint32_t UseCollector::TakeName(const TokenList& tokens, std::uint32_t i, S
   const bool attribute = before == Tok::kDot;
   if (!attribute) {
     if (IsLambdaParameter(tokens, i) || behind == Tok::kWalrus) {
-      if (!lambdas_.empty() && lambda_names_.size() < kMaxLambdaNames) {
+      if (!lambdas_.empty() && lambda_names_.size() < kMaxLineNames) {
         lambda_names_.push_back(text);
       }
       return i;
@@ -247,11 +249,8 @@ std::uint32_t UseCollector::TakeName(const TokenList& tokens, std::uint32_t i, S
   }
   if (!attribute) {
     // A type parameter can be used in the very header that declares it, outside of its scope.
-    for (const Bound& bound : bound_) {
-      if (bound.kind == pysource::kTypeParameterKind && bound.size == text.size() &&
-          source_.substr(bound.begin, bound.size) == text) {
-        scope = bound.scope;
-      }
+    for (const TypeParameter& parameter : type_parameters_) {
+      if (parameter.name == text) scope = parameter.scope;
     }
   }
   const std::uint32_t root = attribute ? 0 : static_cast<std::uint32_t>(text.size());
@@ -280,6 +279,7 @@ void UseCollector::Flush() {
   }
   found_.clear();
   bound_.clear();
+  type_parameters_.clear();
   passed_.clear();
   changes_.clear();
   line_locals_.clear();

@@ -65,7 +65,9 @@ class UseCollector {
   void Import(UseKind kind, std::string_view text, std::uint32_t begin, std::uint32_t line,
               ScopeIndex scope);
   // A name that means something of its own up to the end of the line.
-  void LocalOfLine(std::string_view name) { line_locals_.push_back(name); }
+  void LocalOfLine(std::string_view name) {
+    if (line_locals_.size() < kMaxLineNames) line_locals_.push_back(name);
+  }
   // What stands behind the offset belongs to the scope.
   void ChangeScope(std::uint32_t offset, ScopeIndex scope) { changes_.push_back({offset, scope}); }
 
@@ -80,10 +82,10 @@ class UseCollector {
   const std::vector<UseGroup>& groups() const { return groups_; }
 
  private:
-  // Deeper comprehensions in each other, and more parameters of lambdas around a name, are taken
-  // for what they aren't: names of the scope. It keeps the time linear.
+  // Deeper comprehensions in each other, more parameters of lambdas around a name, and more type
+  // parameters of a header are taken for names of the scope around. It keeps the time linear.
   static constexpr std::uint32_t kMaxLevels = 24;
-  static constexpr std::size_t kMaxLambdaNames = 64;
+  static constexpr std::size_t kMaxLineNames = 64;
 
   struct Range {
     std::uint32_t begin;
@@ -91,9 +93,11 @@ class UseCollector {
   };
   struct Bound {
     std::uint32_t begin;
-    std::uint32_t size;
     ScopeIndex scope;
-    unsigned char kind;
+  };
+  struct TypeParameter {
+    std::string_view name;
+    ScopeIndex scope;
   };
   struct Change {
     std::uint32_t offset;
@@ -154,6 +158,7 @@ class UseCollector {
 
   // Of the line in hand.
   std::vector<Bound> bound_;
+  std::vector<TypeParameter> type_parameters_;
   std::vector<Range> passed_;
   std::vector<Change> changes_;
   std::vector<std::string_view> line_locals_;
