@@ -216,7 +216,7 @@ class CKnownFiles(CDestroyable):
         return loc.fUrl in self._States([loc.fUrl])
 
     def HasResultsOf(self, loc: CLocalFileLocation) -> bool:
-        """Whether what is stored of a file is of its present time and size, however young these are."""
+        """Whether what is stored of a file is of its present time and size, be they ever so young."""
         state = self._States([loc.fUrl]).get(loc.fUrl)
         if state is None or not state.scans:
             return False
