@@ -1,4 +1,4 @@
-"""What comes after the scan of a file: its imports, its secondary scan, and the memory that it is done.
+"""What comes after the scan of a file: its imports, its secondary scan, the memory that it is done.
 
 The scheduler does this by itself for the scans that it runs, and for the files that its check finds
 unchanged. Here it is done for those that a helper took.

@@ -51,11 +51,6 @@ class HelperHandle(CDestroyable):
         """What it is scanning, if it tells that otherwise than by messages."""
         return None
 
-    @property
-    def has_page(self) -> bool:
-        """Whether `scanning` tells."""
-        return False
-
     def end(self) -> None:
         """Have the process ended, however busy it is; `on_gone` follows."""
         raise NotImplementedError
@@ -122,10 +117,6 @@ class LocalHelper(HelperHandle):
     @property
     def name(self) -> str:
         return f"helper {self.pid}"
-
-    @property
-    def has_page(self) -> bool:
-        return True
 
     def scanning(self) -> Scanning | None:
         return self._page.scanning()

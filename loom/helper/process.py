@@ -32,7 +32,6 @@ from loom.helper.frames import FrameError, Framer, FrameSplitter
 from loom.helper.limits import kMostUnsentBytes, set_limits
 from loom.helper.statuspage import StatusPage
 from loom.helper.stream import FdStream, Stream
-from loom.mainloop.base import MainLoop
 from loom.mainloop.poll_loop import PollMainLoop
 from loom.store.records import FileRecord, FileState, FileTimes
 

@@ -1,7 +1,7 @@
 """Helpers on SSH servers, where the files are.
 
-The scheduler sends no remote files away. So what is asked for on such a server is taken before it gets
-to the scheduler, which is told by the reports of the pool alone that it is under way.
+The scheduler sends no remote files away. So what is asked for on such a server is taken before it
+gets to the scheduler, which is told by the reports of the pool alone that it is under way.
 """
 
 from __future__ import annotations
@@ -276,8 +276,8 @@ class _RemoteHelpers:
 def use_remote_helpers(app: App, options: RemoteOptions, command: str) -> None:
     """Have the files on each SSH server that `app` is asked for scanned there.
 
-    `command` starts a helper on the server, such as "loom helper". Where it doesn't, that is logged,
-    and the files are read over SFTP.
+    `command` starts a helper on the server, such as "loom helper". Where it doesn't, that is
+    logged, and the files are read over SFTP.
     """
     helpers = _RemoteHelpers(app, options, command)
     app.coordinator.scan_elsewhere = helpers.take

@@ -2,7 +2,7 @@
 
 In the folder, "scanned" gets a line for each scan that starts. What a scan does depends on the
 name of its file: "segv...", "hang...", "eat...", "kill..." and "half..." do what they say, each
-time, or with "_once" in the name only the first time, which leaves a file of that name in the folder.
+time, or with "_once" in the name only the first time; a file of that name in the folder tells.
 """
 
 import os

@@ -64,7 +64,7 @@ class PlayedHelper(HelperHandle):
     `received` are the messages from the first process. `now_scanning` is what its page shows.
     """
 
-    def __init__(self, has_page=True):
+    def __init__(self):
         super().__init__()
         self.stream, self.their_end = stream_pair()
         self.their_end.on_bytes = self._take
@@ -74,17 +74,12 @@ class PlayedHelper(HelperHandle):
         self.received = []
         self.greeted = None
         self.now_scanning = None
-        self._has_page = has_page
         self.ended = False
         self.is_destroyed = False
 
     @property
     def name(self):
         return "played helper"
-
-    @property
-    def has_page(self):
-        return self._has_page
 
     def scanning(self):
         return self.now_scanning

@@ -40,7 +40,7 @@ def record_of(loc, **changes):
 class Setting:
     """An app with played helpers; `helpers` are all that were started."""
 
-    def __init__(self, app, main_loop, count=1, share=False, has_page=True):
+    def __init__(self, app, main_loop, count=1, share=False):
         self.app = app
         self.main_loop = main_loop
         self.coordinator = app.coordinator
@@ -53,7 +53,7 @@ class Setting:
         def launch():
             if self.refuse_to_start:
                 raise FileNotFoundError("no such program")
-            self.helpers.append(PlayedHelper(has_page))
+            self.helpers.append(PlayedHelper())
             return self.helpers[-1]
 
         self.support = CHelperProcessSupport(app.ana_mgr, launch, count, share)
@@ -519,7 +519,7 @@ def test_a_file_that_ends_a_helper_once_is_cleared_by_its_result(make, locs):
 
 
 def test_without_a_page_messages_tell_what_is_scanned(make, locs):
-    s = make(has_page=False)
+    s = make()
     for _ in range(2):
         s.helper.greet()
         s.add(locs[0])

@@ -1,4 +1,4 @@
-"""Helpers that answer, die, come and misbehave in any order: nothing is lost, nothing stored twice."""
+"""Helpers that answer, die, come and misbehave in any order: nothing is lost or stored twice."""
 
 import tempfile
 from pathlib import Path
