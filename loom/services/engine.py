@@ -12,9 +12,8 @@ from loombase.location import CLocation
 from loom.mainloop.base import LOW_IDLE_PRIORITY
 from loom.services.locationdata import CLocationDataCache
 from loom.services.modules import CAnalysisFactory, CPyConfig
-from loom.store.records import FileRecord
 from pysource.inferenceengine import CInferenceEngine
-from pysource.scancoordinator import CScanCoordinator, kBackgroundPriority
+from pysource.scancoordinator import CScanCoordinator
 from pysource.scopeinfo import CInfoCache
 
 __all__ = ["CAnalysisMgr", "kDerivedScanName", "kPrimaryScanName"]
@@ -57,19 +56,11 @@ class CAnalysisMgr(CDestroyable):
         self.fScanCoordinator._fScanQueue.SetScansToOrder(_kScansToOrder)
         self.fScanCoordinator.connect_while_alive("end", self.fInfoCache.ForgetAskedScans, self)
         self.fInfoCache.connect_while_alive("derived-stale", self._CB_DerivedStale, self)
-        self.fInfoCache.connect_while_alive("file-stored", self._CB_FileStored, self)
 
     def SetHelperProxy(self, proxy: object | None) -> None:
         """A helper process has come, or with none, the last one has gone: the work moves."""
         self.fHelperProcessProxy = proxy
         self.fScanCoordinator._UpdateForHelperProcess()
-
-    def _CB_FileStored(self, info_cache: CInfoCache, loc: CLocation, record: FileRecord) -> None:
-        """A helper process has scanned a file; the scheduler follows up its own scans only."""
-        if self.fHelperProcessProxy is not None and record.scans:
-            self.fScanCoordinator.AddPairsToSecondaryQueue(
-                [(loc, _kWholeFile)], False, kBackgroundPriority
-            )
 
     def _CB_DerivedStale(self, info_cache: CInfoCache, locs: Sequence[CLocation]) -> None:
         """What files were drawn from has changed: derive them anew."""
