@@ -1,4 +1,4 @@
-"""Comparing the database with the tree: which stored results still hold, and whether they are whole.
+"""Comparing the database with the tree: which stored results hold, and whether they are whole.
 
 Nothing is changed, neither in the database nor in the tree, and no main loop is needed.
 """

@@ -2,8 +2,8 @@
 
     run.py [--rounds N] [--tree FOLDER]... [--write]
 
-Each round is a process of its own for each case, and measures all ways in that one process; the best
-of each way counts. `--write` puts the figures into README.md beside this file.
+Each round is a process of its own for each case, and measures all ways in that one process; the
+best of each way counts. `--write` puts the figures into README.md beside this file.
 """
 
 import argparse
@@ -155,8 +155,9 @@ def report(best: dict[str, Any], rounds: int) -> str:
         ):
             times = result[way]
             ratio = result["session"]["seconds"] / times["seconds"]
+            clock, cpu = times["seconds"] * 1e3, times["cpu_seconds"] * 1e3
             lines.append(
-                f"| {what} | {name} | {times['seconds'] * 1e3:.1f} | {times['cpu_seconds'] * 1e3:.1f}"
+                f"| {what} | {name} | {clock:.1f} | {cpu:.1f}"
                 f" | {'' if way == 'session' else f'{ratio:.2f} times that'} |"
             )
             what = ""
@@ -164,6 +165,7 @@ def report(best: dict[str, Any], rounds: int) -> str:
     ratio = ways["session"]["seconds"] / ways["bare"]["seconds"]
     verdict = "met" if ratio <= _MOST_OF_BARE else "**missed**"
     python = f"{platform.python_implementation()} {platform.python_version()}"
+    machine = f"{os.cpu_count()} cores, {platform.system()} {platform.machine()}, {python}"
     return "\n".join(
         [
             *lines,
@@ -172,8 +174,7 @@ def report(best: dict[str, Any], rounds: int) -> str:
             f"- At most {_MOST_OF_BARE:.0f} times the bare loop when nothing has changed:"
             f" {ratio:.2f}, {verdict}.",
             "",
-            f"Measured on {os.cpu_count()} cores, {platform.system()} {platform.machine()}, {python};"
-            f" best of {rounds} rounds.",
+            f"Measured on {machine}; best of {rounds} rounds.",
         ]
     )
 
@@ -183,11 +184,11 @@ _README_HEAD: Final = """\
 
 `make bench-rescan` measures; with `run.py --write` the figures below are written anew.
 
-The session is what `loom scan` does between loading its modules and closing the database: finding the
-files, asking for their times, comparing them with the database, following imports, dropping what has
-gone. The bare loop does the least that could tell the same: one `os.stat` a file and one query for
-every 26 files. Both run in one process, under `python -O`, over files that the file system has seen.
-Starting the interpreter and loading modules isn't counted anywhere.
+The session is what `loom scan` does between loading its modules and closing the database: finding
+the files, asking for their times, comparing them with the database, following imports, dropping
+what has gone. The bare loop does the least that could tell the same: one `os.stat` a file and one
+query for every 26 files. Both run in one process, under `python -O`, over files that the file
+system has seen. Starting the interpreter and loading modules isn't counted anywhere.
 
 Where imports lead is remembered for as long as the folders that were looked into keep their times.
 After a change in any of them, all imports are followed anew, once.

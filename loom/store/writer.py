@@ -39,7 +39,7 @@ class _Renamed(NamedTuple):
 
 
 class _HalfWritten(NamedTuple):
-    """A file that a transaction left half written: the record, its row, and the rest of the work."""
+    """A file that a transaction left half written: the record, its row, the rest of the work."""
 
     record: FileRecord
     file_id: int

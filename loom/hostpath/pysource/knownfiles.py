@@ -72,7 +72,7 @@ class CFollowing:
 
 
 class CKnownFiles(CDestroyable):
-    """The part of the info cache that answers for whole files. Results that wait count as stored."""
+    """The part of the info cache that answers for whole files. What waits counts as stored."""
 
     _fWriter: Writer
     _fLookup: Lookup
@@ -216,7 +216,7 @@ class CKnownFiles(CDestroyable):
         return loc.fUrl in self._States([loc.fUrl])
 
     def HasResultsOf(self, loc: CLocalFileLocation) -> bool:
-        """Whether what is stored of a file is of its present time and size, be they ever so young."""
+        """Whether what is stored of a file is of its present time and size, however young."""
         state = self._States([loc.fUrl]).get(loc.fUrl)
         if state is None or not state.scans:
             return False

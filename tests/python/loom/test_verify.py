@@ -23,7 +23,8 @@ kOld = 1_600_000_000
 def top(tmp_path: Path) -> Path:
     top = tmp_path / "tree"
     for name in ("a.py", "b.py", "sub/c.py"):
-        write(top / name, f"import os\n\nclass In_{name[-4]}:\n    def method(self):\n        pass\n")
+        letter = name[-4]
+        write(top / name, f"import os\n\nclass In_{letter}:\n    def method(self):\n        pass\n")
     return top
 
 
