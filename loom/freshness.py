@@ -23,7 +23,7 @@ __all__ = [
 
 # To be raised with every change of what the scanner of whole files finds: results of another
 # version don't hold, whatever the file's time says.
-kScannerVersion: Final = 1
+kScannerVersion: Final = 2
 
 # How old a time must be, in nanoseconds. The coarsest file systems count in two seconds.
 _kSettledNs: Final = 2_000_000_000

@@ -17,7 +17,7 @@ std::size_t StatementParser::Decorator(std::size_t i) {
 }
 
 void StatementParser::AttachDecorators(EntryIndex entry) {
-  for (const std::string& decorator : decorators_) results_.AddPart(entry, decorator);
+  results_.AddDecorators(entry, decorators_);
   decorators_.clear();
 }
 

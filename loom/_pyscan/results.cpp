@@ -1,5 +1,6 @@
 #include "loom/_pyscan/results.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -142,10 +143,23 @@ bool Results::HasPart(const Entry& owner, EntryIndex entry, std::string_view par
 }
 
 void Results::AddPart(EntryIndex entry, std::string_view part) {
+  if (!HasPart(entries_[entry], entry, part)) AppendPart(entry, part);
+}
+
+void Results::AddDecorators(EntryIndex entry, const std::vector<std::string>& parts) {
+  std::vector<std::string_view> kept;  // a few at most, so that no text takes quadratic time
+  for (const std::string& part : parts) {
+    if (entries_[entry].expressions == kMaxExpressions) return;
+    if (std::find(kept.begin(), kept.end(), part) != kept.end()) continue;
+    AppendPart(entry, part);
+    kept.push_back(part);
+  }
+}
+
+void Results::AppendPart(EntryIndex entry, std::string_view part) {
   Entry& owner = entries_[entry];
   const bool quotes = QuotesExpression(part);
   if (quotes && owner.expressions == kMaxExpressions) return;
-  if (HasPart(owner, entry, part)) return;
   const std::uint32_t index = static_cast<std::uint32_t>(parts_.size());
   parts_.push_back({part_text_.size(), static_cast<std::uint32_t>(part.size()), entry, kNoIndex});
   part_text_ += part;

@@ -103,6 +103,9 @@ class Results {
   // Adds a part to the information of a name, unless it stands there. A part of the kinds that
   // quote an expression is dropped beyond kMaxExpressions.
   void AddPart(EntryIndex entry, std::string_view part);
+  // Adds the decorators of the definition whose part was added last: each once, whatever other
+  // definitions of the name have.
+  void AddDecorators(EntryIndex entry, const std::vector<std::string>& parts);
 
   void AddImport(std::string_view equivalent);
   void AddDefinition(ScopeIndex scope, std::string_view name, unsigned char kind,
@@ -170,6 +173,7 @@ class Results {
 
   EntryIndex Find(ScopeIndex scope, std::string_view name, std::uint32_t hash) const;
   bool IsArgument(const Entry& entry) const;
+  void AppendPart(EntryIndex entry, std::string_view part);
   bool HasPart(const Entry& owner, EntryIndex entry, std::string_view part) const;
   std::string_view PartText(const Part& part) const {
     return std::string_view(part_text_).substr(part.begin, part.length);

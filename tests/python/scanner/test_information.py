@@ -61,6 +61,21 @@ def test_information_of_a_name(source: str, name: str, information: bytes) -> No
     assert Scanned(source).info(name) == information
 
 
+def test_each_definition_of_a_name_has_its_own_decorators() -> None:
+    source = """\
+@overload
+def f(a): ...
+@overload
+@x
+@x
+def f(b): ...
+@property
+class f: pass
+"""
+    parts = [":Ff 2", ":@overload", ":Ff#2 6", ":@overload", ":@x", ":Cf#3 8", ":@property"]
+    assert Scanned(source).info("f") == ";".join(parts).encode()
+
+
 ARGUMENTS = (
     "def f[T: int, *U, **V, W=str](a, /, b: B, c=1, *d: D, e, g: G = lambda x, y=2: {x: y}, **h)"
     " -> R[T]: pass"
