@@ -8,7 +8,7 @@ MAKEFLAGS += --no-builtin-rules --no-print-directory
 BIN := .venv/bin
 
 .DEFAULT_GOAL := help
-.PHONY: help demo test examples sanitize format format-check stubs fuzz bench-define bench-derived bench-helper bench-latency bench-edit bench-queue bench-remote bench-rescan bench-resolve bench-scan bench-text \
+.PHONY: help demo test examples package coverage sanitize format format-check stubs fuzz bench-define bench-derived bench-helper bench-latency bench-edit bench-queue bench-remote bench-rescan bench-resolve bench-scan bench-text \
         install venv venv-dev clean
 
 help:
@@ -17,6 +17,8 @@ help:
 	@echo "make sanitize      run the tests of the C++ code under ASan and UBSan"
 	@echo "make stubs         check the type stubs against the modules, and the types of loom"
 	@echo "make examples      run the examples, and the main loops for Qt and GLib"
+	@echo "make package       build what is published into dist/, and install and check it"
+	@echo "make coverage      tell which lines no test runs"
 	@echo "make format        format the C++ sources; make format-check only looks"
 	@echo "make bench-queue   measure the scan queue; bench-scan the scanning, bench-text the text helpers,"
 	@echo "                   bench-latency how long others wait for a scan; bench-edit what an edit costs,"
@@ -24,7 +26,7 @@ help:
 	@echo "                   bench-derived what the second stage costs,"
 	@echo "                   bench-helper scans in processes of their own"
 	@echo "make fuzz          look for inputs that break what walks text (needs clang++)"
-	@echo "make clean         remove .venv and build"
+	@echo "make clean         remove .venv, build and dist"
 
 venv:
 	@scripts/setup_venv.sh build
@@ -53,6 +55,16 @@ examples: venv-dev
 	@scripts/install.sh
 	@scripts/run_examples.sh
 
+package: venv-dev
+	@scripts/check_toolchain.sh
+	@scripts/setup_venv.sh package
+	@scripts/check_package.sh
+
+coverage: venv-dev
+	@scripts/check_toolchain.sh --tests
+	@scripts/setup_venv.sh coverage
+	@scripts/run_coverage.sh
+
 stubs: venv-dev
 	@scripts/install.sh
 	@scripts/check_types.sh
@@ -76,4 +88,4 @@ bench-derived bench-helper bench-latency bench-edit bench-queue bench-remote ben
 	@$(BIN)/python -P benchmarks/$*/run.py
 
 clean:
-	rm -rf .venv build
+	rm -rf .venv build dist

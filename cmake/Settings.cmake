@@ -24,6 +24,11 @@ target_compile_options(
   project_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 target_include_directories(project_settings INTERFACE "${PROJECT_SOURCE_DIR}")
 
+if(LOOM_COVERAGE)
+  target_compile_options(project_settings INTERFACE --coverage -O0)
+  target_link_options(project_settings INTERFACE --coverage)
+endif()
+
 if(LOOM_SANITIZE)
   # All diagnostics end the process, so that no test passes over one.
   set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
