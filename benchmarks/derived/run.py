@@ -77,7 +77,7 @@ def scan(folders: Sequence[Path], *options: str, database: Path) -> dict[str, An
     """One scan into an empty database; the report with the size of the database."""
     for path in database.parent.glob(f"{database.name}*"):
         path.unlink()
-    arguments = ["--no-imports", "--exit-zero", "--exclude", "site-packages/", *options]
+    arguments = ["--exit-zero", "--exclude", "site-packages/", *options]
     report, _ = loom("scan", *arguments, "--db", database, *folders)
     return report | {"size": database.stat().st_size}
 
@@ -157,10 +157,10 @@ _README_HEAD: Final = """\
 
 `make bench-derived` measures; with `run.py --write` the figures below are written anew.
 
-The seconds are those that `loom scan` reports itself, from finding the first file to having written
-the last row, over files that are in the page cache, under `python -O`. The speed of the derived
-stage is the size of the files by the time that it adds. `loom refs` is timed as a process, with its
-default deadline of one second.
+The seconds are those that `loom scan` reports itself, with the stubs that the files import, from
+finding the first file to having written the last row, over files in the page cache, under
+`python -O`. The speed of the derived stage is the size of the files by the time that it adds.
+`loom refs` is timed as a process, with its default deadline of one second.
 
 """
 
