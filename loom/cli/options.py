@@ -53,7 +53,7 @@ def derived_option(command: _F) -> _F:
         flag_value=False,
         default=True,
         help="Leave out the second stage, which finds what names mean in other files and who refers"
-        " to them. It takes two to three times as long as the first.",
+        " to them. It takes some three times as long as the first.",
     )
     return option(command)
 
