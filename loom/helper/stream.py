@@ -81,6 +81,7 @@ class FdStream(Stream):
         self._read_fd = read_fd
         self._write_fd = write_fd
         self._to_send = bytearray()
+        self._send_at = _kWriteBytes
         self._is_reading = False
         self._is_writing = False
         self._ended = False
@@ -108,14 +109,16 @@ class FdStream(Stream):
         if self._ended:
             return
         self._to_send += data
-        if len(self._to_send) >= _kWriteBytes and not self._is_writing:
+        if len(self._to_send) >= self._send_at:
             self.flush()
 
     def flush(self) -> None:
-        if self._ended or not self._to_send or self._is_writing:
+        if self._ended or not self._to_send:
             return
         self._write()
-        if self._to_send and not self._ended:
+        # The next try comes soon, also while the loop has no time to tell that there is room again.
+        self._send_at = len(self._to_send) + _kWriteBytes
+        if self._to_send and not self._is_writing:
             self._is_writing = True
             self._io.add_writer(self._write_fd, self._write_more)
 
