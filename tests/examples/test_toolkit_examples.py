@@ -62,7 +62,7 @@ def test_glib_host_counts_comments_in_files_of_its_own(project):
 
 def test_the_page_of_a_run_draws_itself_in_a_browser(project, tmp_path):
     page = tmp_path / "report.html"
-    scan = [sys.executable, "-m", "loom", "scan", str(project), "--db", str(tmp_path / "d.sqlite3")]
+    scan = [sys.executable, "-P", "-m", "loom", "scan", str(project), "--db", str(tmp_path / "d")]
     subprocess.run(
         [*scan, "--report", str(page)],
         env={**os.environ, "PYTHONPATH": str(kPackages)},

@@ -90,7 +90,7 @@ def test_the_digest_is_the_same_in_each_process() -> None:
     """It is stored and compared with that of another day."""
     code = f"from loom._pyscan import *; s = SourceScanner({SOURCE.encode()!r}); s.scan(1 << 20)"
     other = subprocess.run(
-        [sys.executable, "-c", f"{code}; print(s.export_digest().hex())"],
+        [sys.executable, "-P", "-c", f"{code}; print(s.export_digest().hex())"],
         check=True,
         capture_output=True,
         text=True,

@@ -45,7 +45,7 @@ def scan(server, project, tmp_path):
         env.pop("SSH_AUTH_SOCK", None)
         done = subprocess.run(
             [
-                sys.executable, "-m", "loom", "scan", "--json", "--no-imports", "--no-derived",
+                sys.executable, "-P", "-m", "loom", "scan", "--json", "--no-imports", "--no-derived",
                 "--exit-zero", "--ssh-config", str(server.config), "--db", str(db_path), *options,
                 f"{server.url}{project}",
             ],

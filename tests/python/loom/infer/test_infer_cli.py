@@ -8,8 +8,10 @@ from pathlib import Path
 
 import pytest
 
+import loom
+
 MAIN = "import sys; from loom.cli.main import run; sys.exit(run(sys.argv[1:]))"
-ROOT = str(Path(__file__).parents[4])
+ROOT = str(Path(loom.__file__).parent.parent)  # that of the package under test
 
 
 @pytest.fixture

@@ -36,7 +36,7 @@ def command(tmp_path, ssh_server):
     def start(name, *arguments, config=ssh_server.config, **how):
         options = ["--ssh-config", str(config)] if name == "scan" and config else []
         return subprocess.Popen(
-            [sys.executable, "-m", "loom", name, *options, *map(str, arguments)],
+            [sys.executable, "-P", "-m", "loom", name, *options, *map(str, arguments)],
             env=env, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
             stdin=subprocess.DEVNULL, **how,
         )
@@ -166,5 +166,5 @@ def test_local_commands_load_nothing_of_ssh(tmp_path):
         f"run(['scan', '--no-imports', '--db', {str(tmp_path / 'db')!r}, {str(tmp_path)!r}])\n"
         "print([name for name in sys.modules if name.startswith(('asyncssh', 'loom.remote'))])\n"
     )
-    done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=60)
+    done = subprocess.run([sys.executable, "-P", "-c", code], capture_output=True, text=True, timeout=60)
     assert done.stdout.splitlines()[-1] == "[]"
