@@ -9,6 +9,7 @@ from memorykit import PlayedHelper, raw_frame
 from pysource.scancoordinator import kBackgroundPriority
 from singleton import GetSingletons
 
+from loom import freshness
 from loom.helper import link as link_module
 from loom.helper import messages, pool, setaside
 from loom.helper.statuspage import Scanning
@@ -32,7 +33,7 @@ def record_of(loc, **changes):
         digest=b"digest",
         scans=PRIMARY,
         settled=True,
-        scanner=1,
+        scanner=freshness.kScannerVersion,
     )
     return FileRecord(**(fields | changes))
 
