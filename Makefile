@@ -63,6 +63,7 @@ package: venv-dev
 coverage: venv-dev
 	@scripts/check_toolchain.sh --tests
 	@scripts/setup_venv.sh coverage
+	@scripts/install.sh
 	@scripts/run_coverage.sh
 
 stubs: venv-dev

@@ -54,7 +54,9 @@ def table(title: str, lines: Lines) -> list[str]:
         share = 100 * (known - missing) / known if known else 100
         rows.append(f"| {room} | {known} | {missing} | {share:.1f} % |")
     rows += ["", "Not run:", ""]
-    rows += [f"- {name}: {ranges(missing)}" for name, (_, missing) in sorted(lines.items()) if missing]
+    for name, (_, missing) in sorted(lines.items()):
+        if missing:
+            rows.append(f"- {name}: {ranges(missing)}")
     return [*rows, ""]
 
 

@@ -16,8 +16,8 @@ kModules = (
 )
 kHead = """# Reference
 
-Made from the type stubs by `scripts/make_reference.py`; the whole of each contract stands there, and in the
-headers for C++. Names with one leading underscore are for inspection and for subclasses.
+Made from the type stubs by `scripts/make_reference.py`; the whole of each contract stands there, and
+in the headers for C++. Names with one leading underscore are for inspection and for subclasses.
 """
 
 
