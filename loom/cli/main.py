@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import errno
 import importlib
 import importlib.metadata
 import sys
@@ -82,6 +83,10 @@ def run(arguments: Sequence[str]) -> int:
         finish_output()
         return code
     except OutputError as error:
+        if isinstance(error.__cause__, OSError) and error.__cause__.errno == errno.EIO:
+            # The terminal was closed, and the signal that tells it is still to come.
+            give_up_output(sys.stdout, sys.stderr)
+            return Exit.HUNG_UP
         give_up_output()
         if isinstance(error.__cause__, BrokenPipeError):
             return Exit.BROKEN_PIPE  # the reader has had enough, which is nothing to talk about

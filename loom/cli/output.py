@@ -104,10 +104,13 @@ def finish_output() -> None:
         raise OutputError from error
 
 
-def give_up_output() -> None:
-    """Send what is still buffered nowhere, so that the end of the process doesn't try again."""
+def give_up_output(*streams: TextIO) -> None:
+    """Send what is still buffered, by default for standard output, nowhere, so that the end of the
+    process doesn't try again.
+    """
     nowhere = os.open(os.devnull, os.O_WRONLY)
-    os.dup2(nowhere, sys.stdout.fileno())
+    for stream in streams or (sys.stdout,):
+        os.dup2(nowhere, stream.fileno())
     os.close(nowhere)
 
 

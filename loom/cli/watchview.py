@@ -12,7 +12,7 @@ from typing import Any, Final, TextIO
 from guiutils import lgtk
 from loombase.destroyable import CDestroyable
 
-from loom.cli.output import OutputError, escape, finish_output, styled, write
+from loom.cli.output import OutputError, escape, finish_output, give_up_output, styled, write
 from loom.watch.session import WatchSession
 
 __all__ = ["make_view"]
@@ -48,10 +48,7 @@ class _View(CDestroyable):
 
     def hang_up(self) -> None:
         """The terminal is closed: write nothing any more."""
-        nowhere = os.open(os.devnull, os.O_WRONLY)
-        for stream in (sys.stdout, sys.stderr):
-            os.dup2(nowhere, stream.fileno())
-        os.close(nowhere)
+        give_up_output(sys.stdout, sys.stderr)
 
 
 class _Json(_View):
