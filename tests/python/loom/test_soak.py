@@ -66,7 +66,7 @@ class Editing:
         self.settle()
 
     def look_at_clock(self):
-        """The scheduler's clock; each look takes a while, so that slices end in different places."""
+        """The scheduler's clock; each look takes a while: slices end in different places."""
         self.now += 0.000_5
         return self.now
 
