@@ -16,7 +16,6 @@ from edit.editor import CSourceEditor
 from guiutils import lgtk
 from loombase import location
 from loombase.containers import CContainerInspectorManager
-from loombase.destroyable import CDestroyable
 from loombase.location import CFileLocation
 from loombase.remoteclient import CRemoteServerManager
 from pysource import _fastaccess, scopeinfo, scopescanner, symbolinfo
@@ -28,6 +27,7 @@ from pysource.scopescanner import (
     kTimedOut,
     kWaitingForData,
 )
+from queue_support import FakeGuiMgr
 from world import kDerived, kIdlePriority, kPrimary, LogFile, World
 
 import hostclock
@@ -35,23 +35,6 @@ import hostlog
 
 kLate = 2e6
 _kMostIdleSteps = 60
-
-
-class _Gui(CDestroyable):
-    """Active and visible documents."""
-
-    def __init__(self) -> None:
-        super().__init__(("active-document-changed",))
-        self.active: Any = None
-        self.visible: list[Any] = []
-
-    def GetActiveDocument(self) -> Any:
-        hostlog.note("GetActiveDocument")
-        return self.active
-
-    def GetDocuments(self, *args: Any, **kwargs: Any) -> list[Any]:
-        hostlog.note("GetDocuments", *args, **kwargs)
-        return self.visible
 
 
 class _ScopeDef:
@@ -70,7 +53,7 @@ class Session:
         self.odd = world.loc("/p/odd.txt")
         self.remote = world.remote("/r/m.py")
         self.unready = world.remote("/r/n.py", ready=False)
-        self.gui = _Gui()
+        self.gui = FakeGuiMgr()
         self.buffer = CTextCache(self.c)
         self.ana = CPySourceAnalysis(self.c, {3: "f", 5: "C"})
         self.helper = HelperCallbackObj()
@@ -191,9 +174,7 @@ class Session:
         return kFinishedScanning
 
     def show_document(self) -> None:
-        self.gui.active = CSourceEditor(self.buffer)
-        self.gui.visible = [self.d, self.b]
-        self.gui.emit("active-document-changed", self.gui)
+        self.gui.show(CSourceEditor(self.buffer), self.d, self.b)
 
     def report_needs(self) -> None:
         needs = {

@@ -12,29 +12,9 @@ ensure_host_path()
 sys.path.insert(0, str(Path(__file__).parent))  # for `derived_samples`
 
 from derived_samples import Tree
+from virtualtime import Clock
 
 from loom.mainloop.stepped import SteppedMainLoop
-from pysource import _fastaccess
-
-
-class Clock:
-    """Virtual time in seconds. It moves by `per_look` each time that somebody looks at it."""
-
-    def __init__(self) -> None:
-        self.now = 1_000.0
-        self.per_look = 0.0
-
-    def __call__(self) -> float:
-        self.now += self.per_look
-        return self.now
-
-
-@pytest.fixture
-def clock(monkeypatch: pytest.MonkeyPatch) -> Clock:
-    result = Clock()
-    monkeypatch.setitem(vars(_fastaccess), "__TimeFunc", result)
-    monkeypatch.setattr("time.time", result)  # the scheduler's other clock
-    return result
 
 
 @pytest.fixture

@@ -17,6 +17,7 @@ ensure_host_path()
 
 from guiutils import lgtk
 from loombase.location import CLocalFileLocation
+from virtualtime import Clock
 
 from loom.app import App
 from loom.infer import api
@@ -28,26 +29,6 @@ from pysource import _fastaccess
 
 # A time that is old enough to be trusted.
 kOldTime = 1_700_000_000
-
-
-class Clock:
-    """Virtual time in seconds. It moves by `per_look` each time that somebody looks at it."""
-
-    def __init__(self) -> None:
-        self.now = 1_000.0
-        self.per_look = 0.0
-
-    def __call__(self) -> float:
-        self.now += self.per_look
-        return self.now
-
-
-@pytest.fixture
-def clock(monkeypatch: pytest.MonkeyPatch) -> Clock:
-    result = Clock()
-    monkeypatch.setitem(vars(_fastaccess), "__TimeFunc", result)
-    monkeypatch.setattr("time.time", result)  # the scheduler's other clock
-    return result
 
 
 class Project:

@@ -14,19 +14,12 @@ ensure_host_path()
 sys.path.insert(0, str(Path(__file__).parent))  # for the modules of these tests alone
 
 from loombase.location import CLocalFileLocation
-from scope_host import Clock, Host, Scans, kOldTime
+from scope_host import Host, Scans, kOldTime
+from virtualtime import Clock
 
 from loom.app import App
 from loom.mainloop.stepped import SteppedMainLoop
-from pysource import _fastaccess, scopescanner
-
-
-@pytest.fixture
-def clock(monkeypatch: pytest.MonkeyPatch) -> Clock:
-    result = Clock()
-    monkeypatch.setitem(vars(_fastaccess), "__TimeFunc", result)
-    monkeypatch.setattr("time.time", result)  # the scheduler's other clock
-    return result
+from pysource import scopescanner
 
 
 @pytest.fixture

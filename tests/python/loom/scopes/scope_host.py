@@ -7,6 +7,7 @@ from typing import Any
 from cache.textcache import CTextCache
 from loombase.location import CLocalFileLocation
 from singleton import GetSingletons
+from virtualtime import Clock
 
 from loom.app import App
 from loom.mainloop.stepped import SteppedMainLoop
@@ -14,18 +15,6 @@ from pysource import scopescanner
 
 # A time that is old enough to be trusted.
 kOldTime = 1_700_000_000
-
-
-class Clock:
-    """Virtual time in seconds. It moves by `per_look` each time that somebody looks at it."""
-
-    def __init__(self) -> None:
-        self.now = 1_000.0
-        self.per_look = 0.0
-
-    def __call__(self) -> float:
-        self.now += self.per_look
-        return self.now
 
 
 class Scans:
