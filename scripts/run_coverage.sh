@@ -31,8 +31,13 @@ run_suite() {
     --hypothesis-profile=sanitize $2 || failed=1
 }
 run_suite core tests/python/core
-run_suite host "tests/python --ignore=tests/python/core"
+# Left out: tests of what a fresh process has loaded, for the counter is loaded, too.
+run_suite host "tests/python --ignore=tests/python/core
+  --deselect tests/python/loom/test_cli.py::test_a_quick_answer_loads_nothing_heavy
+  --deselect tests/python/loom/test_host_services.py::test_the_engine_finds_its_neighbours_before_and_after_pysource_was_imported"
 run_suite loops tests/loops
+# What the interpreter does with classes and cycles shows in processes of their own.
+run_suite isolated "tests/isolated/test_isolated_bases.py tests/isolated/test_isolated_collection.py"
 
 section "Coverage"
 .venv/bin/coverage combine -q && .venv/bin/coverage html -q -d $build/html &&
