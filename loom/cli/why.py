@@ -188,7 +188,10 @@ def _lines(answer: Mapping[str, Any]) -> Iterator[str]:
             where = f" {found['rule']!r} in {found['rule_file']}"
             if found["rule_line"]:
                 where += f", line {found['rule_line']}"
-        yield f"  {escape(found['path'])}: {escape(found['reason'])}{escape(where)}"
+        # It was named, imported, or found from a folder behind the obstacle.
+        came_otherwise = stored is not None and found["kind"] in ("folder", "pattern")
+        start = "from further up it is not found: " if came_otherwise else ""
+        yield f"  {start}{escape(found['path'])}: {escape(found['reason'])}{escape(where)}"
     elif stored is None:
         yield "  not scanned yet; nothing is known that would leave it out"
 
