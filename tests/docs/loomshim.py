@@ -36,7 +36,7 @@ def main(arguments: list[str]) -> int:
     if any(argument.startswith("ssh://") for argument in arguments):
         check_options(arguments)
         return 0
-    command = [sys.executable, *["-O"] * sys.flags.optimize, "-m", "loom", *arguments]
+    command = [sys.executable, *["-O"] * sys.flags.optimize, "-P", "-m", "loom", *arguments]
     return watch(command) if arguments[:1] == ["watch"] else subprocess.call(command)
 
 

@@ -82,7 +82,7 @@ def tree(tmp_path):
 
 def environment(tree: Path) -> dict[str, str]:
     package = subprocess.run(
-        [sys.executable, "-c", "import pysource; print(pysource.__path__[0])"],
+        [sys.executable, "-P", "-c", "import pysource; print(pysource.__path__[0])"],
         capture_output=True,
         text=True,
         check=True,

@@ -10,6 +10,7 @@ import sqlite3
 import sys
 import threading
 from collections.abc import Iterator
+from multiprocessing.connection import Connection
 from pathlib import Path
 from typing import Any
 
@@ -40,6 +41,13 @@ class Killer:
             self._left -= 1
             if self._left < 0:
                 os.kill(os.getpid(), signal.SIGKILL)
+
+
+def scan_reporting(
+    arguments: list[str], point: str, count: int, output: str, writer: Connection, beat: bool
+) -> None:
+    """`scan` as what a process does: by a name that it can import."""
+    scan(arguments, point, count, output, writer.fileno(), beat)
 
 
 def scan(

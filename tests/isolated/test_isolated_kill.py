@@ -59,7 +59,7 @@ class Scans:
         reader, writer = self._forks.Pipe(duplex=False)
         arguments = ["--no-imports", "--db", str(self.db_path), str(self.top)]
         process = self._forks.Process(
-            target=_run_child,
+            target=killchild.scan_reporting,
             args=(arguments, point, count, str(self._output), writer, beats > 0),
         )
         process.start()
@@ -101,12 +101,6 @@ class Scans:
             return int(done)
         finally:
             connection.close()
-
-
-def _run_child(
-    arguments: list[str], point: str, count: int, output: str, writer: Any, beat: bool
-) -> None:
-    killchild.scan(arguments, point, count, output, writer.fileno(), beat)
 
 
 def content(db_path: Path) -> list[list[tuple[Any, ...]]]:
@@ -226,7 +220,7 @@ def test_two_scans_at_once_one_of_them_killed(
     reader, writer = forks.Pipe(duplex=False)
     arguments = ["--no-imports", "--db", str(other.db_path), str(other.top)]
     beside = forks.Process(
-        target=_run_child,
+        target=killchild.scan_reporting,
         args=(arguments, killchild.kNowhere, 0, str(other._output), writer, False),
     )
     beside.start()
