@@ -109,7 +109,7 @@ def test_two_scan_and_others_read(trees, tmp_path, same):
             reads.append((question[0], *run(*question, "--db", shared)))
     for scanner in scanners:
         code, _, err = end(scanner)
-        # A slice doesn't wait at all, and may tell that results wait to be written.
+        # A slice doesn't wait at all; if that lasts it tells that results wait to be written.
         assert code == 0, err
         assert "(waited" not in err
     assert reads

@@ -35,7 +35,7 @@ from loom.store.database import (
     transaction,
 )
 from loom.store.derived import DerivedRecord
-from loom.store.errors import StoreError, is_damage
+from loom.store.errors import StoreError, StoreLockedError, is_damage
 from loom.store.lookup import Lookup
 from loom.store.queries import path_of
 from loom.store.records import (
@@ -175,6 +175,7 @@ class CInfoCache(CKnownFiles):
         self._fSliceEnd: float | None = None
         self.fWriteSeconds = _kIdleWriteSeconds  # what an idle call of its own may take
         self._fRetryTime = float("-inf")
+        self._fWritesFailed = False  # the last try of `Trim`
         self._fGoOnWritingIdle: int | None = None
         self._fClosed = False
 
@@ -441,8 +442,17 @@ class CInfoCache(CKnownFiles):
         except StoreError as error:
             if writer.pending_bytes >= 2 * _kMustWriteAtBytes:
                 raise
-            _log.warning("results wait to be written: %s", error)
+            # Another process that writes at the moment is nothing to talk about, unless it lasts.
+            passing = isinstance(error, StoreLockedError) and not self._fWritesFailed
+            _log.log(
+                logging.INFO if passing else logging.WARNING,
+                "results wait to be written: %s",
+                error,
+            )
+            self._fWritesFailed = True
             self._fRetryTime = now + _kRetrySeconds
+        else:
+            self._fWritesFailed = False
 
     def WriteToDatabase(self) -> None:
         """Write all that waits and bring the index of names up to date.

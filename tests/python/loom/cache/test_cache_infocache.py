@@ -1,6 +1,7 @@
 """The info cache's answers, its signals, and its memory."""
 
 import os
+import sqlite3
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -420,6 +421,27 @@ def test_trim_keeps_to_the_end_of_the_slice(cache: CInfoCache, clock: Any, rows:
     cache.NoteSliceEnd(clock.now + 0.002)
     cache.Trim()
     assert rows("SELECT count(*) FROM files")[0][0] == written
+
+
+def test_a_lock_of_another_process_is_a_warning_only_if_it_lasts(
+    cache: CInfoCache, clock: Any, caplog: pytest.LogCaptureFixture
+) -> None:
+    for loc in locations(300):
+        cache.AddFile(loc, record_of(loc, 5_000))
+    other = sqlite3.connect(cache.fPath, isolation_level=None)
+    levels = []
+    with caplog.at_level("INFO"):
+        for is_locked in (True, True, False, True):
+            if is_locked:
+                other.execute("BEGIN IMMEDIATE")
+            caplog.clear()
+            cache.Trim()
+            levels.append([r.levelname for r in caplog.records if "wait to be written" in r.msg])
+            if is_locked:
+                other.execute("ROLLBACK")
+            clock.now += 2.0
+    other.close()
+    assert levels == [["INFO"], ["WARNING"], [], ["INFO"]]
 
 
 def test_trim_writes_beyond_the_slice_when_very_much_waits(
