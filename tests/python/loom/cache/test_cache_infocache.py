@@ -426,12 +426,12 @@ def test_trim_keeps_to_the_end_of_the_slice(cache: CInfoCache, clock: Any, rows:
 def test_a_lock_of_another_process_is_a_warning_only_if_it_lasts(
     cache: CInfoCache, clock: Any, caplog: pytest.LogCaptureFixture
 ) -> None:
-    for loc in locations(300):
-        cache.AddFile(loc, record_of(loc, 5_000))
     other = sqlite3.connect(cache.fPath, isolation_level=None)
     levels = []
     with caplog.at_level("INFO"):
         for is_locked in (True, True, False, True):
+            for loc in locations(300):
+                cache.AddFile(loc, record_of(loc, 5_000))
             if is_locked:
                 other.execute("BEGIN IMMEDIATE")
             caplog.clear()
