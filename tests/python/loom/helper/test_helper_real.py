@@ -18,6 +18,7 @@ from realkit import (
 )
 
 import loom
+from loom.cli import main as cli_main
 from loom.helper import launch, support
 from loom.helper import link as link_module
 
@@ -178,7 +179,9 @@ def make_tree(folder, names):
 # --- files that nobody can scan
 
 
-def test_a_file_that_crashes_the_scanner_is_set_aside(tmp_path, real, notes, db_path, caplog):
+def test_a_file_that_crashes_the_scanner_is_set_aside(
+    tmp_path, real, notes, db_path, caplog, capsys
+):
     top = make_tree(tmp_path, [f"a{i:02}" for i in range(20)] + ["segv_x", "kill_y"])
     scan = real(top, command=bad_command(notes), share=False)
     counts = scan.run()
@@ -189,6 +192,9 @@ def test_a_file_that_crashes_the_scanner_is_set_aside(tmp_path, real, notes, db_
     assert "Fatal Python error: Segmentation fault" in caplog.text
     assert "bad_helper.py" in caplog.text  # the trace tells where
     scan.close()
+    assert cli_main.run(["why", str(top / "segv_x.py"), "--db", str(db_path)]) == 1
+    said = capsys.readouterr().out
+    assert "failed" in said and "SIGSEGV" in said and "digest" in said
     # Not tried again as it is; tried again when it has changed.
     scan = real(top, command=bad_command(notes))
     counts = scan.run()
