@@ -43,8 +43,8 @@ class SourceScan {
   // been found does not depend on how the walk was divided.
   bool Scan(std::size_t max_bytes);
   bool done() const { return done_; }
-  // Whether what follows may still add to a scope: its block is open, or goes on if the next line is
-  // indented too deeply. A scope that hasn't been found yet may.
+  // Whether what follows may still add to a scope: its block is open, or goes on if the next line
+  // is indented too deeply. A scope that hasn't been found yet may.
   bool MayGrow(ScopeIndex scope) const;
   // How far the walk has come; never goes back.
   std::size_t position() const { return done_ ? source_size_ : position_; }

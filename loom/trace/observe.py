@@ -42,6 +42,7 @@ class TracedCoordinator(FollowingCoordinator):
         if recorder is None:
             return super()._CB_DoIdleAnalysis()
         with recorder.span("slice", "slice"):
+            self._count_queued(recorder)
             try:
                 return super()._CB_DoIdleAnalysis()
             finally:

@@ -97,10 +97,11 @@ def test_what_happens_in_a_slice_lies_within_it(app, main_loop, top, recorder):
         assert any(first <= start and end <= last for first, last in slices)
 
 
-def test_the_queue_is_counted_after_each_slice(app, main_loop, top, recorder):
+def test_the_queue_is_counted_before_and_after_each_slice(app, main_loop, top, recorder):
     run(app, main_loop, recorder, top)
     counted = events(recorder, "C", "state")
-    assert len(counted) == len(events(recorder, "X", "slice"))
+    assert len(counted) == 2 * len(events(recorder, "X", "slice"))
+    assert counted[0]["args"] == {"priority 2": 2}
     assert counted[-1]["args"] == {}
 
 
