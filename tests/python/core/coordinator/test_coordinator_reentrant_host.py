@@ -17,7 +17,7 @@ import hostclock
 import hostreset
 
 # Each action is done at every so many calls; they begin at different ones.
-kStride = 7
+kStride = 13
 
 
 def add(session):
