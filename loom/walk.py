@@ -187,20 +187,29 @@ def _walk_folder(
         for count, entry in enumerate(entries, 1):
             if count % _ENTRIES_PER_STEP == 0:
                 yield None
-            if _is_folder(entry):
+            try:
+                is_folder = entry.is_dir(follow_symlinks=False)
+            except OSError:
+                is_folder = False
+            if is_folder:
                 if not is_left_out(entry.path, root, rules, exclude, is_folder=True):
                     subfolders.append(entry.path)
             elif looks_like_python(entry.name):
                 files.append(entry)
         ruled = rules is not None or exclude is not None
         for entry in sorted(files, key=attrgetter("name")):
+            path = entry.path
+            try:
+                is_file = entry.is_file()  # itself or by a link; one that leads nowhere isn't
+            except OSError:
+                is_file = False
             if (
-                entry.path not in named_files
-                and not (ruled and is_left_out(entry.path, root, rules, exclude, is_folder=False))
-                and _is_file(entry)
-                and ("." in entry.name or HasPythonShebang(entry.path))
+                is_file
+                and path not in named_files
+                and not (ruled and is_left_out(path, root, rules, exclude, is_folder=False))
+                and ("." in entry.name or HasPythonShebang(path))
             ):
-                yield Found(entry.path, False)
+                yield Found(path, False)
             else:
                 yield None
         pending.extend(_Folder(path, rules) for path in sorted(subfolders, reverse=True))
@@ -243,21 +252,6 @@ def is_folder_left_out(
 
 def _relative(path: str, root: str) -> str:
     return path[len(root.rstrip("/")) + 1 :]
-
-
-def _is_folder(entry: os.DirEntry[str]) -> bool:
-    try:
-        return entry.is_dir(follow_symlinks=False)
-    except OSError:
-        return False
-
-
-def _is_file(entry: os.DirEntry[str]) -> bool:
-    """Whether it is a regular file, itself or by a link. A link that leads nowhere isn't."""
-    try:
-        return entry.is_file()
-    except OSError:
-        return False
 
 
 def _reason(error: OSError) -> str:
