@@ -59,7 +59,7 @@ def loom(*arguments: str | Path) -> tuple[dict[str, Any], float]:
     environment = os.environ | {"PYTHONPATH": os.pathsep.join([*sys.path[1:], str(_ROOT)])}
     start = time.perf_counter()
     done = subprocess.run(
-        [sys.executable, "-O", "-m", "loom", *arguments, "--json"],
+        [sys.executable, "-O", "-P", "-m", "loom", *arguments, "--json"],
         stdout=subprocess.PIPE,
         stderr=subprocess.DEVNULL,
         timeout=_MOST_SECONDS,

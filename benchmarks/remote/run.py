@@ -97,7 +97,7 @@ class _Case:
 
     def _loom(self, place: str, db_path: Path) -> tuple[float, dict[str, Any]]:
         seconds, out = _timed(
-            sys.executable, "-m", "loom", "scan", "--json", "--exit-zero", "--no-imports",
+            sys.executable, "-P", "-m", "loom", "scan", "--json", "--exit-zero", "--no-imports",
             "--ssh-config", str(self._config), "--db", str(db_path), place,
         )
         return seconds, json.loads(out)
