@@ -179,6 +179,7 @@ def test_trim_goes_on_when_the_database_is_locked(
 ) -> None:
     for loc in locations(20):
         cache.AddFile(loc, record_of(loc, 100_000))
+    caplog.set_level("INFO")
     cache.Trim()
     assert "locked by another process\n" in caplog.text
     caplog.clear()
