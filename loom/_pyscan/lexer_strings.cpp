@@ -127,7 +127,10 @@ Lexer::Stop Lexer::LexString() {
 // "}" behind the expression or the format of a replacement field.
 void Lexer::EndField() {
   while (frames_.back().kind != FrameKind::kField) {
-    PopFrame(frames_.back().kind != FrameKind::kFormat);
+    const bool unclosed = frames_.back().kind != FrameKind::kFormat;
+    // Whoever reads the literal's text alone takes the "}" for the end of that bracket.
+    if (unclosed) outer_opaque_ = true;
+    PopFrame(unclosed);
   }
   if (keep_inner_) KeepInner({Offset(p_) - 1, Offset(p_), line_number_, kNoToken, Tok::kClose, 0});
   PopFrame(false);

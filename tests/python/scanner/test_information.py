@@ -173,6 +173,13 @@ def test_semicolon_in_half_typed_brackets_parts_nothing(
     assert Scanned(source).info(name, scope) == information
 
 
+@pytest.mark.parametrize("field", ["{(y}", "{x=} {(lambda q: **}", "{a[(}", "{f({y}"])
+def test_a_bracket_left_open_in_a_field_ends_with_its_literal(field: str) -> None:
+    """Else the next part would be taken for a piece of it."""
+    information = Scanned(f"x = f'{field}'\nx = 3\n").info("x")
+    assert information == b":=f'...';:=3"
+
+
 def test_parts_that_quote_expressions_are_limited() -> None:
     """The 25th different value of a name tells nothing more; a definition always does."""
     source = "".join(f"x = {n}\n" for n in range(30)) + "def x(): pass\n"
